@@ -29,29 +29,25 @@ ZARNQueryDocumentFieldValue None() {
     std::memset(&record, 0, sizeof record);
     return record;
 }
-ZARNQueryDocumentFieldValue Int(int64_t v) {
+template <typename Fill>
+ZARNQueryDocumentFieldValue Record(ZARNQueryDocumentFieldType type, Fill fill) {
     auto r = None();
-    r.type = DOCUMENT_FIELD_TYPE_INT;
-    r.value.int_value = v;
+    r.type = type;
+    fill(r.value);
     return r;
+}
+ZARNQueryDocumentFieldValue Int(int64_t v) {
+    return Record(DOCUMENT_FIELD_TYPE_INT, [v](auto &u) { u.int_value = v; });
 }
 ZARNQueryDocumentFieldValue Double(double v) {
-    auto r = None();
-    r.type = DOCUMENT_FIELD_TYPE_DOUBLE;
-    r.value.double_value = v;
-    return r;
+    return Record(DOCUMENT_FIELD_TYPE_DOUBLE, [v](auto &u) { u.double_value = v; });
 }
 ZARNQueryDocumentFieldValue Bool(bool v) {
-    auto r = None();
-    r.type = DOCUMENT_FIELD_TYPE_BOOL;
-    r.value.bool_value = v;
-    return r;
+    return Record(DOCUMENT_FIELD_TYPE_BOOL, [v](auto &u) { u.bool_value = v; });
 }
 ZARNQueryDocumentFieldValue Str(const std::string &v) {
-    auto r = None();
-    r.type = DOCUMENT_FIELD_TYPE_STRING;
-    std::memcpy(r.value.string_value, v.data(), v.size());
-    return r;
+    return Record(DOCUMENT_FIELD_TYPE_STRING,
+                  [&v](auto &u) { std::memcpy(u.string_value, v.data(), v.size()); });
 }
 
 void ExpectRecord(const ZARNQueryDocumentFieldValue &want, const ZARNQueryDocumentFieldValue &got) {
