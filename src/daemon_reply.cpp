@@ -5,7 +5,6 @@
 namespace zarn {
 
 ReplyKind ClassifyReply(const std::string &text, Json::Value *value) {
-    value->clear();
     if (!json::FromString(text, value) || !value->isObject()) return ReplyKind::kMalformed;
     if (value->isMember("total")) return ReplyKind::kHeader;
     if (value->isMember("success")) return ReplyKind::kEnd;

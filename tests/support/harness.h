@@ -54,7 +54,8 @@ Step Close();  // close the connection now
 // A connection as the daemon saw it.
 struct Seen {
     std::vector<std::string> requests;  // raw texts of the packets read
-    bool peer_closed = false;           // the client closed before the script ended
+    bool peer_closed = false;           // the client closed the connection
+    bool unread_at_close = false;       // ... leaving packets of ours unread
 };
 
 // Listens on kDaemonSocket (inside the sandbox).  Each accepted connection
@@ -74,6 +75,10 @@ public:
     // their scripts, then returns what every connection saw so far.
     std::vector<Seen> WaitFinished(size_t count,
                                    std::chrono::milliseconds timeout = std::chrono::seconds(30));
+    // Waits (at most `timeout`) until `count` clients have closed their
+    // connections (or a script step found them closed).
+    std::vector<Seen> WaitClosed(size_t count,
+                                 std::chrono::milliseconds timeout = std::chrono::seconds(30));
     // The first request of connection `index` as JSON (null when none).
     Json::Value Request(size_t index = 0);
     size_t Accepted();
