@@ -40,6 +40,7 @@ bool WaitReadable(int fd, const bool &stopping, std::mutex &mutex) {
 
 Step ReadRequest() { return {Step::kReadRequest, "", 0}; }
 Step Send(const std::string &json_text) { return {Step::kSend, json_text, 0}; }
+Step Send(const char *json_text) { return Send(std::string(json_text)); }
 Step Send(const Json::Value &value) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";

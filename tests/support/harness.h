@@ -3,6 +3,8 @@
 #ifndef ZARN_TEST_HARNESS_H
 #define ZARN_TEST_HARNESS_H
 
+#include <syslog.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -46,6 +48,7 @@ struct Step {
 };
 Step ReadRequest();                      // read one packet and record it
 Step Send(const std::string &json_text);  // one framed packet
+Step Send(const char *json_text);
 Step Send(const Json::Value &value);
 Step SendRaw(const std::string &bytes);  // bytes as they are, unframed
 Step Sleep(int millis);
