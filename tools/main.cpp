@@ -24,7 +24,7 @@ const Command *FindCommand(const char *name) {
 
 void PrintOverview(FILE *out) {
     fprintf(out,
-            "Usage: zarnsearch COMMAND [ARGUMENTS] [OPTIONS]\n"
+            "Usage: zarnsearch [-v|--verbose] COMMAND [ARGUMENTS] [OPTIONS]\n"
             "       zarnsearch COMMAND --help\n"
             "\n"
             "Searches shares through the local search daemon and tells where their\n"
@@ -33,10 +33,20 @@ void PrintOverview(FILE *out) {
             "Commands:\n");
     for (const Command *command : kCommands)
         fprintf(out, "  %-9s %s\n", command->name, command->summary);
-    fprintf(out, "\n%s", kExitCodeHelp);
+    fprintf(out,
+            "\n"
+            "  -v, --verbose  also print the library's log lines on stderr\n"
+            "\n%s",
+            kExitCodeHelp);
 }
 
 int Run(int argc, char **argv) {
+    // --verbose may also come before the command.
+    bool verbose = false;
+    while (argc > 1 && (strcmp(argv[1], "-v") == 0 || strcmp(argv[1], "--verbose") == 0)) {
+        verbose = true;
+        --argc, ++argv;
+    }
     if (argc < 2) {
         PrintOverview(stderr);
         return kExitUsage;
@@ -61,7 +71,7 @@ int Run(int argc, char **argv) {
         return kExitOk;
     }
     // The library reports why it failed only to syslog; show it here too.
-    if (args.verbose) openlog("zarnsearch", LOG_PERROR, LOG_USER);
+    if (verbose || args.verbose) openlog("zarnsearch", LOG_PERROR, LOG_USER);
     return command->run(args);
 }
 
