@@ -10,6 +10,10 @@
 #include <string>
 #include <vector>
 
+namespace Json {
+class Value;
+}
+
 namespace zarncli {
 
 enum ExitCode {
@@ -84,6 +88,10 @@ const char *ResultCodeMeaning(int code);
 // The text with every byte that is not part of well-formed UTF-8 replaced
 // by U+FFFD: the library cuts texts by bytes, which can split a character.
 std::string ValidUtf8(const std::string &text);
+// One line of compact JSON; texts stay readable UTF-8 (pass them through
+// ValidUtf8 first).
+std::string JsonText(const Json::Value &value);
+
 // Texts for the terminal: control characters shown as '?', so that names
 // coming from the index cannot steer the terminal.
 std::string Printable(const std::string &text);

@@ -2,6 +2,8 @@
 // safe text for the terminal.
 #include <stdio.h>
 
+#include <json/json.h>
+
 #include "cli.h"
 #include "zarncontentsearchutils.h"
 
@@ -121,6 +123,13 @@ std::string ValidUtf8(const std::string &text) {
         }
     }
     return out;
+}
+
+std::string JsonText(const Json::Value &value) {
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    writer["emitUTF8"] = true;
+    return Json::writeString(writer, value);
 }
 
 std::string Printable(const std::string &text) {

@@ -66,10 +66,7 @@ int RunDoc(const Args &args) {
     if (args.Has("json")) {
         Json::Value fields(Json::objectValue);
         for (size_t i = 0; i < names.size(); ++i) fields[ValidUtf8(names[i])] = JsonOf(values[i]);
-        Json::StreamWriterBuilder writer;
-        writer["indentation"] = "";
-        writer["emitUTF8"] = true;
-        printf("%s\n", Json::writeString(writer, fields).c_str());
+        printf("%s\n", JsonText(fields).c_str());
         return kExitOk;
     }
     size_t name_width = TextWidth("FIELD"), type_width = TextWidth("TYPE");

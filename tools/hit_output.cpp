@@ -15,13 +15,6 @@ namespace {
 const char kBold[] = "\033[1m";
 const char kPlain[] = "\033[0m";
 
-std::string OneLine(const Json::Value &value) {
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    writer["emitUTF8"] = true;  // readable text; ValidUtf8 keeps it well-formed
-    return Json::writeString(writer, value);
-}
-
 }  // namespace
 
 std::string RenderHighlight(const std::string &fragment, bool terminal) {
@@ -52,7 +45,7 @@ void HitPrinter::Total(int total) {
     if (json_) {
         Json::Value line(Json::objectValue);
         line["total"] = total;
-        printf("%s\n", OneLine(line).c_str());
+        printf("%s\n", JsonText(line).c_str());
     }
 }
 
@@ -81,7 +74,7 @@ void HitPrinter::PrintJson(const _tag_search_record &record) const {
     line["doc_id"] = record.doc_id;
     line["highlight"] = record.highlight ? Json::Value(ValidUtf8(record.highlight))
                                          : Json::Value(Json::nullValue);
-    printf("%s\n", OneLine(line).c_str());
+    printf("%s\n", JsonText(line).c_str());
 }
 
 void HitPrinter::Finish() {

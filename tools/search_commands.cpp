@@ -2,10 +2,14 @@
 // through the callback search.
 #include <limits.h>
 #include <stdio.h>
+#include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 #include <new>
+#include <string>
+#include <vector>
 
 #include "cli.h"
 #include "hit_output.h"
