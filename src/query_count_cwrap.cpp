@@ -3,7 +3,7 @@
 #include <errno.h>
 
 #include <algorithm>
-#include <new>
+#include <exception>
 #include <string>
 
 #include "daemon_reply.h"

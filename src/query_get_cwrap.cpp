@@ -3,7 +3,7 @@
 #include <errno.h>
 
 #include <algorithm>
-#include <new>
+#include <exception>
 #include <string>
 
 #include "daemon_reply.h"
@@ -52,11 +52,10 @@ extern "C" int ZARNQueryGetNextRecord(ZARNQueryHandle *handle, _tag_search_recor
     if (record == nullptr) return ZARN_ERR_INVALID;
     try {
         return ReadNextRecord(handle, record);
-    } catch (const std::bad_alloc &) {
-        return ZARN_ERR_NO_MEMORY;
     } catch (const std::exception &) {
-        // Nothing but an allocation is expected to throw on the way.
-        return ZARN_ERR_FORMAT;
+        // Only memory running out throws on the way: std::bad_alloc, or
+        // JsonCpp's error when its malloc fails.
+        return ZARN_ERR_NO_MEMORY;
     }
 }
 

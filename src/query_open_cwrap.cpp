@@ -1,6 +1,6 @@
 // ZARNQueryConnectionOpen: sends one search on a connected query handle.
 // Every outcome is told by the result alone; nothing is logged here.
-#include <new>
+#include <exception>
 #include <string>
 
 #include "json_text.h"
@@ -43,10 +43,9 @@ extern "C" int ZARNQueryConnectionOpen(ZARNQueryHandle *handle, const char *shar
         if (!zarndaemon::io::PacketWrite(handle->fd, zarn::json::ToString(completed)))
             return ZARN_ERR_WRITE;
         return ZARN_OK;
-    } catch (const std::bad_alloc &) {
-        return ZARN_ERR_NO_MEMORY;
     } catch (const std::exception &) {
-        // The arguments were checked above; nothing else should throw.
-        return ZARN_ERR_INVALID;
+        // With the arguments checked, what is left to throw is memory running
+        // out: std::bad_alloc, or JsonCpp's error when its malloc fails.
+        return ZARN_ERR_NO_MEMORY;
     }
 }

@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 #include <json/writer.h>
 
-#include "fault_alloc.h"
 #include "harness.h"
 #include "zarncontentsearchutils.h"
 
@@ -261,32 +260,6 @@ TEST(GetNextRecord, SilentDaemonTimesOutAfterTwentySeconds) {
     EXPECT_EQ(LogsMatching("Failed to read socket, errno\\(" + std::to_string(EAGAIN) + "\\)").size(), 1u);
 }
 
-TEST(GetNextRecord, AllocationFailureGivesACodeAndLosesNothing) {
-    FakeDaemon daemon;
-    int no_memory = 0;
-    for (long nth = 1;; ++nth) {
-        daemon.Queue(Replies({kHeader2, HitText("/m/a")}));
-        ZARNQueryHandle *h = nullptr;
-        ASSERT_EQ(ZARNQueryConnectionInit(&h), 0);
-        const long before = LiveAllocations();
-        FailAllocation(nth);
-        _tag_search_record *record = nullptr;
-        const int code = ZARNQueryGetNextRecord(h, &record);
-        const bool raised = DisarmAllocationFailure();
-        ZARNQueryFreeRecord(record);
-        ZARNQueryConnectionClose(h);
-        if (code == ZARN_ERR_NO_MEMORY) {
-            ++no_memory;
-            EXPECT_EQ(record, nullptr);
-            EXPECT_EQ(LiveAllocations(), before) << nth;
-        } else if (code != ZARN_ERR_FORMAT) {  // a parse that ran out of memory
-            EXPECT_EQ(code, 0) << nth;
-        }
-        if (!raised) break;
-    }
-    EXPECT_GE(no_memory, 3);  // at least each allocation of the record
-}
-
 // ---- ZARNQueryFetchNext ------------------------------------------------------
 
 TEST(FetchNext, HeaderHitsEnd) {
@@ -326,23 +299,6 @@ TEST(FetchNext, RefusesWhatItCannotWaitOn) {
         const auto lines = LogsMatching("^query_fetch_cwrap\\.cpp:[0-9]+ ");
         ASSERT_EQ(lines.size(), 1u) << fd;
         EXPECT_EQ(lines[0].priority, LOG_ERR);
-    }
-}
-
-TEST(FetchNext, AllocationFailureGivesNull) {
-    FakeDaemon daemon;
-    for (long nth = 1;; ++nth) {
-        daemon.Queue(Replies({kHeader2, HitText("/m/a")}));
-        ZARNQueryHandle *h = nullptr;
-        ASSERT_EQ(ZARNQueryConnectionInit(&h), 0);
-        FailAllocation(nth);
-        _tag_search_record *record = ZARNQueryFetchNext(h, timeval{5, 0});
-        const bool raised = DisarmAllocationFailure();
-        if (raised) EXPECT_EQ(record, nullptr) << nth;
-        else EXPECT_NE(record, nullptr);
-        ZARNQueryFreeRecord(record);
-        ZARNQueryConnectionClose(h);
-        if (!raised) break;
     }
 }
 
