@@ -126,4 +126,28 @@ TEST_F(StreamAllocation, FetchNextAndCount) {
     EXPECT_EQ(counted, (std::set<int>{0, 1}));
 }
 
+bool Accept(const _tag_search_record *, void *) { return true; }
+
+TEST(SearchAllocation, SearchQuerySend) {
+    FakeDaemon daemon;
+    std::set<int> codes;
+    const auto results = Sweep(
+        [&daemon] {
+            std::vector<zarntest::Step> script = HeaderAndHit();
+            script.insert(script.begin(), zarntest::ReadRequest());
+            daemon.Queue(script);
+        },
+        [&codes] {
+            int code = 0;
+            const int result = ZARNSearchQuerySend("music", "q", 10, 0, Accept, nullptr, "a", 1, &code);
+            if (result == 0) codes.insert(code);
+            return result;
+        },
+        [] {});
+    EXPECT_EQ(results, (std::set<int>{0, 1}));
+    EXPECT_EQ(codes.count(ZARN_ERR_NO_MEMORY), 1u);
+    // -4: a parse that ran out of memory reads as malformed.
+    for (int code : codes) EXPECT_TRUE(code == ZARN_ERR_NO_MEMORY || code == ZARN_ERR_FORMAT) << code;
+}
+
 }  // namespace
