@@ -173,8 +173,20 @@ ZARN_EXPORT int ZARNSearchQuerySend(const char *share, const char *query, int pa
 /* ---- Document fields ----------------------------------------------------- */
 
 /* Fetches document doc_id of the share's index and fills values[i] with the
- * typed value of field_names[i].  0, -1, -4, -5, -6, -7 or -8.  Records are
- * zeroed first; a record with type 0 received no value. */
+ * typed value of field_names[i].  Every call opens (and closes) its own
+ * connection to the daemon, even one that is then refused.
+ *  0   the reply was accepted, even if no record received a value;
+ *  -1  share is null, or field_count > 0 with values or field_names null
+ *      (nothing is sent);
+ *  -4  the reply is not a JSON object, reports failure or lacks "data";
+ *  -5  no index identifier; -6 the request could not be written;
+ *  -7  no reply could be read (20-second time-out included);
+ *  -8  memory ran out (the handle, or while building the request or reading
+ *      the reply); no exception leaves this function.
+ * Records are zeroed first and stay zeroed on any failure; a record with
+ * type 0 received no value: a key unknown to the library (a null entry of
+ * field_names counts as one), a field absent or null in the document, or a
+ * value of the wrong JSON type. */
 ZARN_EXPORT int ZARNQueryDocumentFieldGet(const char *share, int doc_id,
                                           const char *const *field_names, int field_count,
                                           ZARNQueryDocumentFieldValue *values);

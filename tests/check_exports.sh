@@ -31,5 +31,11 @@ while IFS= read -r name; do
   printf '%s\n' "$exported" | grep -qxF "$name" || { echo "not exported: $name"; fail=1; }
 done < "$must"
 
+# A client library never ends its host process.
+enders=$(nm -D --undefined-only "$lib" | awk '{ print $NF }' | grep -xE 'exit|_exit|_Exit|abort|quick_exit' || true)
+if [ -n "$enders" ]; then
+  echo "references functions that end the process:"; printf '  %s\n' $enders; fail=1
+fi
+
 [ $fail -eq 0 ] && echo "exports: $(printf '%s\n' "$exported" | grep -c .) symbols, all in the interface"
 exit $fail

@@ -2,6 +2,7 @@
 #include <errno.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cstdint>
 
 #include "zarnplatform.h"
@@ -10,6 +11,8 @@ namespace zarndaemon {
 namespace io {
 
 namespace {
+
+constexpr size_t kReadChunkBytes = 64 * 1024;
 
 // Sends all of [data, data + size), looping over partial writes and EINTR.
 bool SendAll(int fd, const char *data, size_t size) {
@@ -70,8 +73,15 @@ bool PacketRead(int fd, std::string &text) {
         errno = EMSGSIZE;
         return false;
     }
-    text.resize(size);
-    return RecvAll(fd, &text[0], size, ECONNRESET);
+    // The buffer grows with what actually arrives, so a peer that declares a
+    // large packet and sends little cannot make us allocate the declared size.
+    text.clear();
+    while (text.size() < size) {
+        const size_t offset = text.size();
+        text.resize(offset + std::min<size_t>(size - offset, kReadChunkBytes));
+        if (!RecvAll(fd, &text[offset], text.size() - offset, ECONNRESET)) return false;
+    }
+    return true;
 }
 
 }  // namespace io

@@ -38,16 +38,30 @@ bool WaitReadable(int fd, const bool &stopping, std::mutex &mutex) {
 
 }  // namespace
 
-Step ReadRequest() { return {Step::kReadRequest, "", 0}; }
-Step Send(const std::string &json_text) { return {Step::kSend, json_text, 0}; }
+Step ReadRequest() { return {Step::kReadRequest, "", 0, nullptr}; }
+Step Send(const std::string &json_text) { return {Step::kSend, json_text, 0, nullptr}; }
+Step Send(const char *json_text) { return Send(std::string(json_text)); }
 Step Send(const Json::Value &value) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
     return Send(Json::writeString(builder, value));
 }
-Step SendRaw(const std::string &bytes) { return {Step::kSendRaw, bytes, 0}; }
-Step Sleep(int millis) { return {Step::kSleep, "", millis}; }
-Step Close() { return {Step::kClose, "", 0}; }
+Step SendRaw(const std::string &bytes) { return {Step::kSendRaw, bytes, 0, nullptr}; }
+Step Sleep(int millis) { return {Step::kSleep, "", millis, nullptr}; }
+Step Close() { return {Step::kClose, "", 0, nullptr}; }
+Step Respond(Responder responder) { return {Step::kRespond, "", 0, std::move(responder)}; }
+
+namespace {
+
+Json::Value Parse(const std::string &text) {
+    Json::Value value;
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    if (!reader->parse(text.data(), text.data() + text.size(), &value, nullptr)) return Json::Value();
+    return value;
+}
+
+}  // namespace
 
 Json::Value Hit(const std::string &path, int doc_id) {
     Json::Value hit(Json::objectValue);
@@ -114,12 +128,18 @@ void FakeDaemon::Serve() {
 void FakeDaemon::RunConnection(int fd, size_t index, std::vector<Step> script) {
     bool open = true;
     for (const Step &step : script) {
-        if (step.kind == Step::kReadRequest) {
+        if (step.kind == Step::kReadRequest || step.kind == Step::kRespond) {
             std::string text;
             open = WaitReadable(fd, stopping_, mutex_) && zarndaemon::io::PacketRead(fd, text);
-            std::lock_guard<std::mutex> lock(mutex_);
-            if (open) seen_[index].requests.push_back(text);
-            else seen_[index].peer_closed = true;
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                if (open) seen_[index].requests.push_back(text);
+                else seen_[index].peer_closed = true;
+            }
+            if (open && step.kind == Step::kRespond) {
+                for (const std::string &packet : step.responder(Parse(text)))
+                    if (!(open = zarndaemon::io::PacketWrite(fd, packet))) break;
+            }
         } else if (step.kind == Step::kSend) {
             open = zarndaemon::io::PacketWrite(fd, step.data);
         } else if (step.kind == Step::kSendRaw) {
@@ -185,11 +205,7 @@ Json::Value FakeDaemon::Request(size_t index) {
         if (index >= seen_.size() || seen_[index].requests.empty()) return Json::Value();
         text = seen_[index].requests[0];
     }
-    Json::Value value;
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    if (!reader->parse(text.data(), text.data() + text.size(), &value, nullptr)) return Json::Value();
-    return value;
+    return Parse(text);
 }
 
 size_t FakeDaemon::Accepted() {

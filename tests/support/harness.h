@@ -3,6 +3,8 @@
 #ifndef ZARN_TEST_HARNESS_H
 #define ZARN_TEST_HARNESS_H
 
+#include <syslog.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -38,18 +40,24 @@ void WriteFile(const std::string &path, const std::string &content);
 void SetShareTable(const std::vector<std::pair<std::string, std::string>> &shares);
 
 // ---- fake daemon ---------------------------------------------------------
+// Packets to answer a request with, chosen by looking at it.
+using Responder = std::function<std::vector<std::string>(const Json::Value &request)>;
+
 // One step of what the daemon does on a connection.
 struct Step {
-    enum Kind { kReadRequest, kSend, kSendRaw, kSleep, kClose } kind;
-    std::string data;  // packet text (kSend) or raw bytes (kSendRaw)
-    int millis = 0;    // kSleep
+    enum Kind { kReadRequest, kSend, kSendRaw, kSleep, kClose, kRespond } kind;
+    std::string data;     // packet text (kSend) or raw bytes (kSendRaw)
+    int millis = 0;       // kSleep
+    Responder responder;  // kRespond
 };
 Step ReadRequest();                      // read one packet and record it
 Step Send(const std::string &json_text);  // one framed packet
+Step Send(const char *json_text);
 Step Send(const Json::Value &value);
 Step SendRaw(const std::string &bytes);  // bytes as they are, unframed
 Step Sleep(int millis);
 Step Close();  // close the connection now
+Step Respond(Responder responder);  // read one request, send what responder returns
 
 // A connection as the daemon saw it.
 struct Seen {
