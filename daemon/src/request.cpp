@@ -26,10 +26,11 @@ uint32_t Uid(const Json::Value &value, const std::string &what) {
     return value.asUInt();
 }
 
-uint32_t Count(const Json::Value &value, uint32_t absent, uint32_t max, const char *name) {
+uint32_t Count(const Json::Value &value, uint32_t absent, uint32_t min, uint32_t max, const char *name) {
     if (value.isNull()) return absent;
-    if (!value.isUInt() || value.asUInt() > max)
-        Bad(std::string("\"") + name + "\" must be an integer from 0 to " + std::to_string(max));
+    if (!value.isUInt() || value.asUInt() < min || value.asUInt() > max)
+        Bad(std::string("\"") + name + "\" must be an integer from " + std::to_string(min) + " to " +
+            std::to_string(max));
     return value.asUInt();
 }
 
@@ -93,7 +94,7 @@ void ParseHighlight(const Json::Value &data, SearchSpec *spec) {
         HighlightRequest highlight;
         highlight.field = String(entry["field"], "a highlight's \"field\"");
         highlight.frag_length =
-            Count(entry["frag_length"], kDefaultFragLength, kMaxFragLength, "frag_length");
+            Count(entry["frag_length"], kDefaultFragLength, 1, kMaxFragLength, "frag_length");
         spec->highlight.push_back(highlight);
     }
 }
@@ -105,8 +106,8 @@ SearchRequest ParseSearchRequest(const Json::Value &data) {
     SearchRequest request;
     request.index_id = IndexId(data["indice"]);
     SearchSpec &spec = request.spec;
-    spec.from = Count(data["from"], 0, INT32_MAX, "from");
-    spec.size = Count(data["size"], kDefaultPageSize, kMaxPageSize, "size");
+    spec.from = Count(data["from"], 0, 0, INT32_MAX, "from");
+    spec.size = Count(data["size"], kDefaultPageSize, 0, kMaxPageSize, "size");
     const Json::Value &query = data["query_string"];
     if (!query.isNull()) {
         if (!query.isObject()) Bad("\"query_string\" is not an object");

@@ -81,8 +81,8 @@ bool ExtractText(int fd, std::string *text, size_t limit) {
     std::string raw;
     // A few bytes beyond the limit let the cut below fall between characters.
     const size_t want = limit + 4;
-    const bool ok = IsGzip(fd) ? ReadGzip(fd, want, &raw)
-                               : lseek(fd, 0, SEEK_SET) == 0 && ReadPlain(fd, want, &raw);
+    if (lseek(fd, 0, SEEK_SET) != 0) return false;
+    const bool ok = IsGzip(fd) ? ReadGzip(fd, want, &raw) : ReadPlain(fd, want, &raw);
     if (!ok || raw.empty() || !LooksLikeText(raw)) return false;
     std::string repaired = RepairUtf8(raw.data(), raw.size());
     repaired.resize(Utf8CutLength(repaired, limit));
