@@ -1,5 +1,6 @@
 #include "fragment.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "utf8.h"
@@ -23,6 +24,20 @@ size_t PieceLength(const std::string &text, size_t at) {
     return length == 0 ? 1 : length;
 }
 
+// Where the cut fragment starts: at the beginning, unless that would leave
+// out the first highlight; then late enough for the highlight to fit.
+size_t FirstPieceToKeep(const std::string &text, size_t budget) {
+    const size_t first = text.find(kHighlightStart);
+    if (first == std::string::npos) return 0;
+    const size_t close = text.find(kHighlightEnd, first);
+    const size_t end = close == std::string::npos ? text.size() : close + kEndBytes;
+    if (end <= budget) return 0;
+    const size_t wanted = end - budget;
+    size_t at = 0;
+    while (at < wanted && at < first) at += PieceLength(text, at);
+    return std::min(at, first);
+}
+
 }  // namespace
 
 std::string CutFragment(const std::string &fragment, size_t frag_length) {
@@ -31,7 +46,7 @@ std::string CutFragment(const std::string &fragment, size_t frag_length) {
     if (fragment.size() <= budget) return fragment;
     std::string out;
     bool open = false;
-    for (size_t at = 0; at < fragment.size();) {
+    for (size_t at = FirstPieceToKeep(fragment, budget); at < fragment.size();) {
         const size_t length = PieceLength(fragment, at);
         const bool starts = length == kStartBytes && fragment.compare(at, length, kHighlightStart) == 0;
         const bool ends = length == kEndBytes && fragment.compare(at, length, kHighlightEnd) == 0;

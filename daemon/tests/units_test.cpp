@@ -127,10 +127,14 @@ TEST(Fragment, CutsBelowTheLimitWithoutBreakingAnything) {
         {"abcdef", 4, "abc"},
         {"ab\xC3\xA9z", 4, "ab"},                  // é would end at byte 4
         {"a &amp; b", 5, "a "},                    // no half escape
-        {"xy <em>word</em> tail", 12, "xy "},      // no empty highlight
-        {"xy <em>word</em> tail", 16, "xy <em>wor</em>"},  // an open highlight is closed
+        {"xy <em>word</em> tail", 12, "<em>wo</em>"},  // the match shown, if only in part
+        {"xy <em>word</em> tail", 16, "y <em>word</em>"},  // text before the match gives way
         {"<em>a</em> <em>b</em>", 13, "<em>a</em> "},
         {"anything", 1, ""},
+        {"0123456789 <em>x</em> b", 12, " <em>x</em>"},     // the first highlight stays
+        {"\xC3\xA9\xC3\xA9 <em>xyz</em>", 14, " <em>xyz</em>"},
+        {"a <em>b</em> c", 11, "<em>b</em>"},
+        {"a <em>b</em> c", 10, ""},  // no empty highlight, no half tag
     };
     for (const Case &c : cases) {
         const std::string out = CutFragment(c.in, c.frag_length);
