@@ -1,6 +1,7 @@
 #include "xapian_document.h"
 
 #include "json_text.h"
+#include "schema.h"
 #include "xapian_layout.h"
 
 namespace zarnd {
@@ -33,6 +34,22 @@ void AddField(const FieldLayout &layout, const Json::Value &value, Xapian::Docum
 
 }  // namespace
 
+std::string EncodeData(const Json::Value &fields) {
+    // Compact JSON never holds a raw newline: the first one ends it.
+    const Json::Value &text = fields[field::kTextContent];
+    if (!text.isString()) return zarn::json::ToString(fields);
+    Json::Value rest = fields;
+    rest.removeMember(field::kTextContent);
+    return zarn::json::ToString(rest) + "\n" + text.asString();
+}
+
+bool DecodeData(const std::string &data, bool with_text, Json::Value *fields) {
+    const size_t newline = data.find('\n');
+    if (!zarn::json::FromString(data.substr(0, newline), fields) || !fields->isObject()) return false;
+    if (with_text && newline != std::string::npos) (*fields)[field::kTextContent] = data.substr(newline + 1);
+    return true;
+}
+
 std::string IdTerm(const std::string &path) { return BoundedTerm(kIdPrefix, path); }
 
 Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *generator) {
@@ -45,7 +62,7 @@ Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *
     doc.add_boolean_term(IdTerm(record.path));
     doc.add_value(kAccessSlot, record.access);
     doc.add_value(kSignatureSlot, record.signature);
-    doc.set_data(zarn::json::ToString(record.fields));
+    doc.set_data(EncodeData(record.fields));
     return doc;
 }
 

@@ -1,4 +1,5 @@
 // SearchIndex on a Xapian database.
+#include <algorithm>
 #include <memory>
 
 #include <xapian.h>
@@ -6,7 +7,7 @@
 #include "engine.h"
 #include "failure.h"
 #include "fragment.h"
-#include "json_text.h"
+#include "schema.h"
 #include "xapian_document.h"
 #include "xapian_layout.h"
 #include "xapian_query.h"
@@ -61,7 +62,7 @@ public:
             try {
                 const Xapian::Document doc = db_.get_document(doc_id);
                 *access = doc.get_value(xap::kAccessSlot);
-                return zarn::json::FromString(doc.get_data(), fields) && fields->isObject();
+                return xap::DecodeData(doc.get_data(), true, fields);
             } catch (const Xapian::DocNotFoundError &) {
                 return false;
             } catch (const Xapian::DatabaseModifiedError &e) {
@@ -100,7 +101,7 @@ private:
         Hit hit;
         hit.doc_id = *it;
         Json::Value stored;
-        if (!zarn::json::FromString(it.get_document().get_data(), &stored) || !stored.isObject())
+        if (!xap::DecodeData(it.get_document().get_data(), NeedsText(spec), &stored))
             stored = Json::Value(Json::objectValue);
         hit.fields = Json::Value(Json::objectValue);
         for (const std::string &name : spec.fields)
@@ -110,13 +111,17 @@ private:
             if (!text.isString()) continue;
             const std::string fragment = CutFragment(
                 mset.snippet(text.asString(), request.frag_length, Xapian::Stem(),
-                             Xapian::MSet::SNIPPET_EXHAUSTIVE |
-                                 Xapian::MSet::SNIPPET_EMPTY_WITHOUT_MATCH | xap::kTermFlags,
+                             Xapian::MSet::SNIPPET_EMPTY_WITHOUT_MATCH | xap::kTermFlags,
                              kHighlightStart, kHighlightEnd, "\xE2\x80\xA6"),
                 request.frag_length);
             if (!fragment.empty()) hit.highlight[request.field] = fragment;
         }
         return hit;
+    }
+
+    static bool NeedsText(const SearchSpec &spec) {
+        return !spec.highlight.empty() ||
+               std::find(spec.fields.begin(), spec.fields.end(), field::kTextContent) != spec.fields.end();
     }
 
     Xapian::Database db_;
