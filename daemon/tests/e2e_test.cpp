@@ -21,8 +21,8 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
+#include "gzip_text.h"
 #include "harness.h"
 #include "json_text.h"
 #include "utf8.h"
@@ -89,20 +89,6 @@ bool WaitFor(const std::function<bool()> &condition, int millis = 5000) {
 void Write(const std::string &path, const std::string &content, mode_t mode = 0644) {
     zarntest::WriteFile(path, content);
     chmod(path.c_str(), mode);
-}
-
-std::string Gzip(const std::string &text) {
-    std::string out(compressBound(text.size()) + 64, '\0');
-    z_stream z{};
-    deflateInit2(&z, 6, Z_DEFLATED, 16 + 15, 8, Z_DEFAULT_STRATEGY);
-    z.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(text.data()));
-    z.avail_in = static_cast<uInt>(text.size());
-    z.next_out = reinterpret_cast<Bytef *>(&out[0]);
-    z.avail_out = static_cast<uInt>(out.size());
-    deflate(&z, Z_FINISH);
-    out.resize(z.total_out);
-    deflateEnd(&z);
-    return out;
 }
 
 // A long text: 60 lines of two-byte characters, "needle" in the middle.

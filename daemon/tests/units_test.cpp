@@ -10,12 +10,12 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include "failure.h"
 #include "file_record.h"
 #include "folders.h"
 #include "fragment.h"
+#include "gzip_text.h"
 #include "harness.h"
 #include "json_text.h"
 #include "perm.h"
@@ -149,21 +149,6 @@ int MemoryFile(const std::string &content) {
     const int fd = memfd_create("content", 0);
     EXPECT_EQ(static_cast<ssize_t>(content.size()), write(fd, content.data(), content.size()));
     return fd;
-}
-
-std::string Gzip(const std::string &text) {
-    uLongf size = compressBound(text.size()) + 64;
-    std::string out(size, '\0');
-    z_stream z{};
-    deflateInit2(&z, 6, Z_DEFLATED, 16 + 15, 8, Z_DEFAULT_STRATEGY);
-    z.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(text.data()));
-    z.avail_in = static_cast<uInt>(text.size());
-    z.next_out = reinterpret_cast<Bytef *>(&out[0]);
-    z.avail_out = static_cast<uInt>(out.size());
-    deflate(&z, Z_FINISH);
-    out.resize(z.total_out);
-    deflateEnd(&z);
-    return out;
 }
 
 TEST(TextContent, PlainGzipBinaryAndRepairedText) {
