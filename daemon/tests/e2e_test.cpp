@@ -98,7 +98,7 @@ std::string LongText() {
     return text;
 }
 
-class Daemon : public ::testing::Test {
+class DaemonE2e : public ::testing::Test {
 protected:
     void SetUp() override {
         mkdir("/var/tmp", 0755);
@@ -240,7 +240,7 @@ Names Sorted(Names names) {
 
 // ---- the cases ------------------------------------------------------------
 
-TEST_F(Daemon, QuerySyntax) {
+TEST_F(DaemonE2e, QuerySyntax) {
     Start();
     const struct {
         const char *query;
@@ -272,7 +272,7 @@ TEST_F(Daemon, QuerySyntax) {
     }
 }
 
-TEST_F(Daemon, PagingKeepsTheTotalAndCoversEveryHit) {
+TEST_F(DaemonE2e, PagingKeepsTheTotalAndCoversEveryHit) {
     Start();
     Json::Value request = SearchRequest("*");
     request["data"]["sorter"][0]["field"] = "ZARNMDPath";
@@ -291,9 +291,14 @@ TEST_F(Daemon, PagingKeepsTheTotalAndCoversEveryHit) {
         paged.insert(paged.end(), page.begin(), page.end());
     }
     EXPECT_EQ(all, paged);
+    // An empty page still counts every hit.
+    request["data"]["size"] = 0;
+    int64_t counted = -1;
+    EXPECT_TRUE(Hits(Ask(request), &counted).empty());
+    EXPECT_EQ(total, counted);
 }
 
-TEST_F(Daemon, SortKeysInTheirDirections) {
+TEST_F(DaemonE2e, SortKeysInTheirDirections) {
     Start();
     const struct {
         std::vector<std::tuple<const char *, const char *, bool>> keys;
@@ -326,7 +331,7 @@ TEST_F(Daemon, SortKeysInTheirDirections) {
     EXPECT_EQ(400, refused[0]["error"]["code"].asInt());
 }
 
-TEST_F(Daemon, HighlightIsCutToTheFragmentLength) {
+TEST_F(DaemonE2e, HighlightIsCutToTheFragmentLength) {
     Start();
     for (int frag_length : {350, 40, 21}) {
         Json::Value request = SearchRequest("needle");
@@ -346,7 +351,7 @@ TEST_F(Daemon, HighlightIsCutToTheFragmentLength) {
     EXPECT_FALSE(Hits(Ask(by_name))[0].isMember("highlight"));
 }
 
-TEST_F(Daemon, HitsCarryExactlyTheRequestedFieldsTheyHave) {
+TEST_F(DaemonE2e, HitsCarryExactlyTheRequestedFieldsTheyHave) {
     Start();
     Json::Value request = SearchRequest("ZARNMDPath:report");
     request["data"]["fields"] = Json::Value(Json::arrayValue);
@@ -365,7 +370,7 @@ TEST_F(Daemon, HitsCarryExactlyTheRequestedFieldsTheyHave) {
     EXPECT_TRUE(hits[1]["additional"]["doc_id"].isInt());
 }
 
-TEST_F(Daemon, PermissionFilterHidesWhatTheUserCannotRead) {
+TEST_F(DaemonE2e, PermissionFilterHidesWhatTheUserCannotRead) {
     Start();
     int64_t total = -1;
     EXPECT_EQ(Names({"/docs/fox.txt", "/docs/report/notes.txt.gz"}),
@@ -381,7 +386,7 @@ TEST_F(Daemon, PermissionFilterHidesWhatTheUserCannotRead) {
     EXPECT_EQ(Names({"/docs/fox.txt"}), Field(Hits(Ask(SearchRequest("fox", kStranger)))));
 }
 
-TEST_F(Daemon, DocumentFieldsThroughTheLibrary) {
+TEST_F(DaemonE2e, DocumentFieldsThroughTheLibrary) {
     Start();
     const std::vector<Json::Value> hits = Hits(Ask(SearchRequest("lazy")));
     ASSERT_EQ(1u, hits.size());
@@ -408,7 +413,7 @@ TEST_F(Daemon, DocumentFieldsThroughTheLibrary) {
     EXPECT_EQ(ZARN_ERR_FORMAT, ZARNQueryDocumentFieldGet("nosuchshare", doc_id, names, 7, values));
 }
 
-TEST_F(Daemon, IncrementalRunTouchesOnlyWhatChanged) {
+TEST_F(DaemonE2e, IncrementalRunTouchesOnlyWhatChanged) {
     std::string summary;
     ASSERT_EQ(0, Index(&summary));
     EXPECT_EQ(0u, summary.find("docs: 0 added, 0 updated, 0 removed, 15 unchanged")) << summary;
@@ -425,7 +430,7 @@ TEST_F(Daemon, IncrementalRunTouchesOnlyWhatChanged) {
     EXPECT_EQ(4u, Hits(Ask(SearchRequest("ZARNMDParent:/docs/logs"))).size());
 }
 
-TEST_F(Daemon, ManyClientsAtOnce) {
+TEST_F(DaemonE2e, ManyClientsAtOnce) {
     Start();
     const std::vector<std::pair<std::string, size_t>> queries = {
         {"fox", 4}, {"ZARNMDExtension:log", 5}, {"*", 15}, {"needle", 1}, {"zzz", 0}};
@@ -442,7 +447,7 @@ TEST_F(Daemon, ManyClientsAtOnce) {
     EXPECT_EQ(0, wrong.load());
 }
 
-TEST_F(Daemon, SilentAndSlowClientsDoNotHoldTheOnlyWorker) {
+TEST_F(DaemonE2e, SilentAndSlowClientsDoNotHoldTheOnlyWorker) {
     Start({"--workers", "1"});
     const int silent = Connect();
     const int partial_header = Connect();
@@ -456,7 +461,7 @@ TEST_F(Daemon, SilentAndSlowClientsDoNotHoldTheOnlyWorker) {
     for (int fd : {silent, partial_header, partial_body}) close(fd);
 }
 
-TEST_F(Daemon, OneDaemonPerSocketAndAStaleSocketIsReplaced) {
+TEST_F(DaemonE2e, OneDaemonPerSocketAndAStaleSocketIsReplaced) {
     Start();
     std::string out;
     EXPECT_EQ(1, RunProgram({ZARNELASTICD, "--foreground"}, &out));
@@ -478,7 +483,7 @@ TEST_F(Daemon, OneDaemonPerSocketAndAStaleSocketIsReplaced) {
 
 // In a nested user namespace the daemon runs as uid 1000 and sees this
 // process, root outside it, as uid 1000 too: a peer that is not root.
-TEST_F(Daemon, PeerOtherThanRootActsOnlyAsItself) {
+TEST_F(DaemonE2e, PeerOtherThanRootActsOnlyAsItself) {
     Start();
     const int secret = Hits(Ask(SearchRequest("secrets")))[0]["additional"]["doc_id"].asInt();
     Stop();

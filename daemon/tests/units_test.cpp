@@ -37,7 +37,7 @@ struct PermCase {
     bool readable;
 };
 
-TEST(Permission, ModeBitsOfTheFileAndEveryFolderAbove) {
+TEST(DaemonPermission, ModeBitsOfTheFileAndEveryFolderAbove) {
     const Access open_dir = {0, 0, 040755};
     const PermCase cases[] = {
         {"other may read", 1000, {100}, {{0, 0, 0100644}, open_dir}, true},
@@ -60,14 +60,14 @@ TEST(Permission, ModeBitsOfTheFileAndEveryFolderAbove) {
     }
 }
 
-TEST(Permission, DamagedChainIsRefused) {
+TEST(DaemonPermission, DamagedChainIsRefused) {
     Credentials user;
     user.uid = 1000;
     EXPECT_FALSE(MayRead(user, ""));
     EXPECT_FALSE(MayRead(user, EncodeAccessChain({{0, 0, 0100644}}).substr(0, 11)));
 }
 
-TEST(Permission, PeerActsOnlyAsItselfUnlessRoot) {
+TEST(DaemonPermission, PeerActsOnlyAsItselfUnlessRoot) {
     EXPECT_TRUE(PeerMayActAs(0, 0));
     EXPECT_TRUE(PeerMayActAs(0, 1000));
     EXPECT_TRUE(PeerMayActAs(1000, 1000));
@@ -75,7 +75,7 @@ TEST(Permission, PeerActsOnlyAsItselfUnlessRoot) {
     EXPECT_FALSE(PeerMayActAs(1000, 1001));
 }
 
-TEST(Permission, UnknownUserHasNoGroups) {
+TEST(DaemonPermission, UnknownUserHasNoGroups) {
     const Credentials user = LookupCredentials(4000000001u);
     EXPECT_EQ(4000000001u, user.uid);
     EXPECT_TRUE(user.groups.empty());
@@ -85,7 +85,7 @@ TEST(Permission, UnknownUserHasNoGroups) {
 
 // ---- sort keys ------------------------------------------------------------
 
-TEST(SortKey, NaturalOrder) {
+TEST(DaemonSortKey, NaturalOrder) {
     const std::vector<std::string> expected = {"",       "a",       "File1",   "file2",  "file10",
                                                "file10b", "file010c", "file99z", "file100", "filea",
                                                "x2y3",    "x2y10",   "x10"};
@@ -100,7 +100,7 @@ TEST(SortKey, NaturalOrder) {
     EXPECT_LT(NaturalKey("v0"), NaturalKey("v1"));
 }
 
-TEST(SortKey, CompositeKeysCompareFieldByFieldEachInItsDirection) {
+TEST(DaemonSortKey, CompositeKeysCompareFieldByFieldEachInItsDirection) {
     // (first ascending, second descending), with NULs and prefixes inside.
     const std::vector<std::pair<std::string, std::string>> expected = {
         {"a", "z"}, {"a", std::string("b\0\1", 3)}, {"a", std::string("b\0", 2)}, {"a", "b"},
@@ -117,7 +117,7 @@ TEST(SortKey, CompositeKeysCompareFieldByFieldEachInItsDirection) {
 
 // ---- fragments ------------------------------------------------------------
 
-TEST(Fragment, CutsBelowTheLimitWithoutBreakingAnything) {
+TEST(DaemonFragment, CutsBelowTheLimitWithoutBreakingAnything) {
     struct Case {
         std::string in;
         size_t frag_length;
@@ -151,7 +151,7 @@ int MemoryFile(const std::string &content) {
     return fd;
 }
 
-TEST(TextContent, PlainGzipBinaryAndRepairedText) {
+TEST(DaemonTextContent, PlainGzipBinaryAndRepairedText) {
     const struct {
         const char *name;
         std::string content;
@@ -174,7 +174,7 @@ TEST(TextContent, PlainGzipBinaryAndRepairedText) {
     }
 }
 
-TEST(TextContent, CapCutsBetweenCharacters) {
+TEST(DaemonTextContent, CapCutsBetweenCharacters) {
     const std::string content = std::string(9, 'a') + "\xE2\x82\xAC" + "tail";  // € at 9..11
     const int fd = MemoryFile(content);
     std::string text;
@@ -185,7 +185,7 @@ TEST(TextContent, CapCutsBetweenCharacters) {
     close(fd);
 }
 
-TEST(Utf8, RepairCountsEachBadByte) {
+TEST(DaemonUtf8, RepairCountsEachBadByte) {
     size_t invalid = 0;
     EXPECT_EQ("a\xEF\xBF\xBD\xEF\xBF\xBD" "b", RepairUtf8("a\xC0\xAF" "b", 4, &invalid));  // overlong
     EXPECT_EQ(2u, invalid);
@@ -196,7 +196,7 @@ TEST(Utf8, RepairCountsEachBadByte) {
 
 // ---- names ----------------------------------------------------------------
 
-TEST(FileName, WordsAndExtension) {
+TEST(DaemonFileName, WordsAndExtension) {
     const struct {
         const char *name, *words, *extension;
     } cases[] = {
@@ -221,7 +221,7 @@ Json::Value Parse(const std::string &text) {
     return value;
 }
 
-TEST(Request, SearchDefaultsAndMembers) {
+TEST(DaemonRequest, SearchDefaultsAndMembers) {
     const SearchRequest r = ParseSearchRequest(Parse(
         R"({"indice":["fileindex_s"],"from":20,"size":5,"query_string":{"query":"q"},)"
         R"("filters":[{"name":"permission","data":3000000000}],"collector":{"agent":"ag","uid":7},)"
@@ -248,7 +248,7 @@ TEST(Request, SearchDefaultsAndMembers) {
     EXPECT_EQ(4u, d.spec.fields.size());
 }
 
-TEST(Request, MalformedMembersAreBadRequests) {
+TEST(DaemonRequest, MalformedMembersAreBadRequests) {
     const char *bad[] = {
         R"([])",
         R"({})",
@@ -278,7 +278,7 @@ TEST(Request, MalformedMembersAreBadRequests) {
 
 // ---- folder list ----------------------------------------------------------
 
-TEST(Folders, GroupedByShareWithoutNestedOrMalformedEntries) {
+TEST(DaemonFolders, GroupedByShareWithoutNestedOrMalformedEntries) {
     zarntest::WriteFile("/var/run/folders.json",
                         R"([{"path":"/a/x"},{"path":"/a/x/y"},{"path":"/a/xy"},{"path":"/b/"},)"
                         R"({"path":"/b/c"},{"nopath":1},7,{"path":"/"},{"path":"/c/../d"}])");
