@@ -150,7 +150,8 @@ std::unordered_map<std::string, std::string> &ShareVolumes() {
 using ShareRecord = std::unique_ptr<ZARNSHARE, void (*)(PZARNSHARE)>;
 
 // An element's folder path.  Anything but an object with a string "path"
-// lists the empty path, which no check matches.
+// lists the empty path, as a missing "path" does: the share check skips it
+// and the full-path set leaves it out.
 std::string FolderPath(const Json::Value &element) {
     if (!element.isObject()) return std::string();
     const Json::Value &path = element["path"];
