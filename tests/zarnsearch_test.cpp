@@ -227,7 +227,8 @@ TEST_F(ZarnsearchTest, SearchSendsTheCommandLine) {
 std::vector<zarntest::Step> ThreeHits() {
     Json::Value dir = Hit("/music/rock", 7);
     dir["ZARNMDIsDir"] = "y";
-    return Reply(3, {Highlighted(Hit("/music/rock/caf\xc3\xa9 one.mp3", 42), "a <em>loud</em> song"),
+    return Reply(3, {Highlighted(Hit("/music/rock/caf\xc3\xa9 one.mp3", 42),
+                                 "a <em>loud</em>\n\t song &lt;&amp;&gt; &quot;&#39; &nbsp;\x01"),
                      dir, Highlighted(Hit("/music/odd\x1b[31mname", 123456), "x <em>cut\xc3")});
 }
 
@@ -238,7 +239,7 @@ TEST_F(ZarnsearchTest, PrintsHitsAsATable) {
     EXPECT_EQ("total: 3, shown: 3\n"
               "DOC ID  TYPE  NAME          PATH\n"
               "    42  mp3   caf\xc3\xa9 one.mp3  /music/rock/caf\xc3\xa9 one.mp3\n"
-              "        a loud song\n"
+              "        a loud song <&> \"' &nbsp;?\n"
               "     7  dir   rock          /music/rock\n"
               "123456  file  odd?[31mname  /music/odd?[31mname\n"
               "        x cut\xef\xbf\xbd\n",
@@ -253,7 +254,7 @@ TEST_F(ZarnsearchTest, ShowsMarksInBoldOnATerminal) {
     FakeDaemon daemon(ThreeHits());
     const Result result = Zarnsearch({"search", "music", "q"}, true);
     EXPECT_EQ(0, result.status) << result.err;
-    EXPECT_NE(std::string::npos, result.out.find("\n        a \033[1mloud\033[0m song\n"));
+    EXPECT_NE(std::string::npos, result.out.find("\n        a \033[1mloud\033[0m song <"));
     // A cut mark ends bold all the same; the name's own escape is defused.
     EXPECT_NE(std::string::npos, result.out.find("\n        x \033[1mcut\xef\xbf\xbd\033[0m\n"));
     EXPECT_EQ(std::string::npos, result.out.find("\033[31m"));
@@ -265,7 +266,8 @@ TEST_F(ZarnsearchTest, PrintsOneJsonObjectPerLine) {
     EXPECT_EQ(0, result.status) << result.err;
     EXPECT_EQ("{\"total\":3}\n"
               "{\"doc_id\":42,\"extension\":\"mp3\",\"fs_name\":\"caf\xc3\xa9 one.mp3\","
-              "\"highlight\":\"a <em>loud</em> song\",\"is_dir\":false,"
+              "\"highlight\":\"a <em>loud</em>\\n\\t song &lt;&amp;&gt; &quot;&#39; &nbsp;\\u0001\","
+              "\"is_dir\":false,"
               "\"path\":\"/music/rock/caf\xc3\xa9 one.mp3\"}\n"
               "{\"doc_id\":7,\"extension\":\"\",\"fs_name\":\"rock\",\"highlight\":null,"
               "\"is_dir\":true,\"path\":\"/music/rock\"}\n"

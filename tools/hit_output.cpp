@@ -1,6 +1,7 @@
 #include "hit_output.h"
 
 #include <stdio.h>
+#include <string.h>
 
 #include <algorithm>
 
@@ -17,8 +18,16 @@ const char kPlain[] = "\033[0m";
 
 }  // namespace
 
+// The daemon escapes the fragment's text as HTML so that its marks stand
+// out; these are the escapes it writes.
+const struct {
+    const char *escape;
+    char plain;
+} kEscapes[] = {{"&lt;", '<'}, {"&gt;", '>'}, {"&amp;", '&'},
+                {"&quot;", '"'}, {"&#39;", '\''}, {"&#x27;", '\''}};
+
 std::string RenderHighlight(const std::string &fragment, bool terminal) {
-    const std::string text = Printable(fragment);
+    const std::string text = ValidUtf8(fragment);
     std::string out;
     bool bold = false;
     for (size_t i = 0; i < text.size();) {
@@ -26,13 +35,36 @@ std::string RenderHighlight(const std::string &fragment, bool terminal) {
             if (terminal) out += kBold;
             bold = true;
             i += 4;
-        } else if (text.compare(i, 5, "</em>") == 0) {
+            continue;
+        }
+        if (text.compare(i, 5, "</em>") == 0) {
             if (terminal) out += kPlain;
             bold = false;
             i += 5;
-        } else {
-            out += text[i++];
+            continue;
         }
+        const char c = text[i];
+        if (c == '\n' || c == '\r' || c == '\t' || c == ' ') {
+            // A fragment is one line: line breaks and runs of blanks become one blank.
+            if (!out.empty() && out.back() != ' ') out += ' ';
+            ++i;
+            continue;
+        }
+        if (c == '&') {
+            bool decoded = false;
+            for (const auto &entry : kEscapes) {
+                const size_t length = strlen(entry.escape);
+                if (text.compare(i, length, entry.escape) == 0) {
+                    out += entry.plain;
+                    i += length;
+                    decoded = true;
+                    break;
+                }
+            }
+            if (decoded) continue;
+        }
+        out += ((unsigned char)c < 0x20 || c == 0x7f) ? '?' : c;
+        ++i;
     }
     // A fragment cut inside a mark must not leave the terminal bold.
     if (terminal && bold) out += kPlain;

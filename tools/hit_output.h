@@ -43,8 +43,10 @@ private:
     std::vector<Row> rows_;
 };
 
-// The highlight fragment for the table: <em>...</em> become bold on a
-// terminal and disappear elsewhere; control characters become '?'.
+// The highlight fragment for the table, on one line: <em>...</em> become
+// bold on a terminal and disappear elsewhere, HTML escapes become their
+// characters, line breaks and runs of blanks one blank, other control
+// characters '?'.
 std::string RenderHighlight(const std::string &fragment, bool terminal);
 
 }  // namespace zarncli
