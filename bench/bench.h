@@ -1,0 +1,33 @@
+// The measures of the benchmark run.  Each adds its tables to the report;
+// each returns false when the library gave a wrong answer (the figures are
+// then worthless), never because a target was missed.
+#ifndef ZARN_BENCH_BENCH_H
+#define ZARN_BENCH_BENCH_H
+
+#include <cstdint>
+#include <string>
+
+#include "report.h"
+
+namespace zarnbench {
+
+struct Options {
+    bool quick = false;  // fewer rounds and samples: a smoke run, not figures
+};
+
+bool StreamThroughput(Report &report, const Options &options);  // needs BenchServer
+bool RoundTrip(Report &report, const Options &options);         // needs BenchServer
+bool FileIndexChecks(Report &report, const Options &options);
+bool DaemonSearches(Report &report, const Options &options);
+
+// Capture, before the bench server starts, the requests that the library
+// writes, so that the floors and bare clients send exactly the same bytes.
+void CaptureStreamRequests();
+void CaptureRoundTripRequests();
+
+// Lines the library sent to syslog (they are counted, not written).
+uint64_t LogLineCount();
+
+}  // namespace zarnbench
+
+#endif  // ZARN_BENCH_BENCH_H
