@@ -43,8 +43,10 @@ public:
 
     // Completes and sends one search request, then reads the reply, handing
     // each hit to callback(record, user_data) until the stream ends, "total"
-    // hits were delivered or the callback returns false.  An exception from
-    // the callback passes through; the record is freed all the same.
+    // hits were delivered or the callback returns false.  A request that is
+    // not an object, a null callback or an object without a socket give
+    // CONNECTION_ERROR_INVALID with nothing written.  An exception from the
+    // callback passes through; the record is freed all the same.
     bool SendQuery(const Json::Value &query, ZARNSearchCallback callback, void *user_data,
                    const std::string &agent, unsigned int uid);
     bool ProcessRepsonse(ZARNSearchCallback callback, void *user_data);

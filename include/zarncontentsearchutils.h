@@ -165,7 +165,11 @@ ZARN_EXPORT void ZARNQueryFreeRecord(_tag_search_record *record);
 
 /* Runs one search on a fresh connection and hands each hit to callback.
  * 1 on success; 0 on failure with the code stored in *error_code
- * (untouched on success; nothing stored when error_code is null). */
+ * (untouched on success; nothing stored when error_code is null).
+ * A null agent is sent as the empty string.  An exception thrown by a C++
+ * callback passes through to the caller, after the record was freed and the
+ * connection closed; nothing of the library's own escapes (-8 when memory
+ * runs out). */
 ZARN_EXPORT int ZARNSearchQuerySend(const char *share, const char *query, int page_size,
                                     int page, ZARNSearchCallback callback, void *user_data,
                                     const char *agent, unsigned int uid, int *error_code);

@@ -14,23 +14,25 @@ namespace {
 
 // Built once and never destroyed, so that a parse during process exit still
 // finds them.  newCharReader and newStreamWriter are const: safe to share.
+// Each is kept only once fully set: when memory runs out part way, nothing
+// leaks and the next call builds it again.
 const Json::CharReaderBuilder &Reader() {
     static const Json::CharReaderBuilder *builder = [] {
-        auto *b = new Json::CharReaderBuilder;
+        auto b = std::make_unique<Json::CharReaderBuilder>();
         (*b)["collectComments"] = false;
         (*b)["allowComments"] = false;
         (*b)["failIfExtra"] = true;
-        return b;
+        return b.release();
     }();
     return *builder;
 }
 
 const Json::StreamWriterBuilder &Writer() {
     static const Json::StreamWriterBuilder *builder = [] {
-        auto *b = new Json::StreamWriterBuilder;
+        auto b = std::make_unique<Json::StreamWriterBuilder>();
         (*b)["indentation"] = "";
         (*b)["emitUTF8"] = true;
-        return b;
+        return b.release();
     }();
     return *builder;
 }

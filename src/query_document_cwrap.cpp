@@ -242,10 +242,12 @@ int LookupDocument(ZARNQueryHandle *handle, const char *share, int doc_id,
     try {
         return FetchFields(handle->fd, share, doc_id, field_names, field_count, values);
     } catch (const std::bad_alloc &) {
-        // A failed call hands back no values, not some of them.
-        ZeroRecords(values, field_count);
-        return ZARN_ERR_NO_MEMORY;
+    } catch (const Json::RuntimeError &) {
+        // JsonCpp's way of saying that a string value could not be allocated.
     }
+    // A failed call hands back no values, not some of them.
+    ZeroRecords(values, field_count);
+    return ZARN_ERR_NO_MEMORY;
 }
 
 }  // namespace

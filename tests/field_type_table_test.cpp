@@ -55,9 +55,9 @@ TEST(FieldTypeTable, MissesEverythingButExactKeys) {
                             "ZARNMD", "", "ZARNMDUserTags", "_zarnmdusertags", "ZARNMDPathX",
                             nullptr};
     for (const char *key : misses) {
-        auto type = static_cast<ZARNQueryDocumentFieldType>(99);
+        auto type = static_cast<ZARNQueryDocumentFieldType>(7);
         EXPECT_FALSE(zarn::LookupFieldType(key, &type)) << (key ? key : "(null)");
-        EXPECT_EQ(99, type) << "a miss must leave the output alone";
+        EXPECT_EQ(7, type) << "a miss must leave the output alone";
     }
 }
 

@@ -2,6 +2,7 @@
 // conversion, and every way the call can fail.
 #include <cstdint>
 #include <cstring>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -68,6 +69,9 @@ struct Conversion {
     ZARNQueryDocumentFieldValue want;
     std::string mismatch;  // tail of the expected log line; empty: none
 };
+
+// Named, so that gtest does not print the records' padding bytes.
+void PrintTo(const Conversion &c, std::ostream *os) { *os << c.key << ": " << c.member.substr(0, 40); }
 
 class Converts : public ::testing::TestWithParam<Conversion> {};
 
@@ -176,6 +180,8 @@ struct Failure {
     std::string log;  // expected line of this unit, after "file:line "
     int priority;
 };
+
+void PrintTo(const Failure &f, std::ostream *os) { *os << f.name; }
 
 class Fails : public ::testing::TestWithParam<Failure> {};
 
