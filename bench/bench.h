@@ -12,7 +12,7 @@
 namespace zarnbench {
 
 struct Options {
-    bool quick = false;  // fewer rounds and samples: a smoke run, not figures
+    bool quick = false;  // tiny N, fewer rounds and samples: a smoke run, not figures
 };
 
 bool StreamThroughput(Report &report, const Options &options);  // needs BenchServer
@@ -22,7 +22,7 @@ bool DaemonSearches(Report &report, const Options &options);
 
 // Capture, before the bench server starts, the requests that the library
 // writes, so that the floors and bare clients send exactly the same bytes.
-void CaptureStreamRequests();
+void CaptureStreamRequests(const Options &options);
 void CaptureRoundTripRequests();
 
 // Lines the library sent to syslog (they are counted, not written).

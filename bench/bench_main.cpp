@@ -84,7 +84,7 @@ int main(int argc, char **argv) {
     bool ok = true;
     const bool served = only.count("stream") != 0 || only.count("roundtrip") != 0;
     if (served) {
-        if (only.count("stream") != 0) CaptureStreamRequests();
+        if (only.count("stream") != 0) CaptureStreamRequests(options);
         if (only.count("roundtrip") != 0) CaptureRoundTripRequests();
         const uint64_t logs_before = LogLineCount();
         std::unique_ptr<BenchServer> server(new BenchServer);

@@ -14,6 +14,12 @@ int64_t NowNs() {
     return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
 }
 
+int64_t ThreadCpuNs() {
+    timespec now;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+
 double Quantile(std::vector<double> samples, double fraction) {
     if (samples.empty()) return 0;
     const size_t rank = static_cast<size_t>(std::ceil(fraction * static_cast<double>(samples.size())));

@@ -10,6 +10,10 @@ namespace zarnbench {
 // Monotonic nanoseconds.
 int64_t NowNs();
 
+// CPU nanoseconds of the calling thread (user and system): what the thread
+// itself spent, whatever else the shared machine was running meanwhile.
+int64_t ThreadCpuNs();
+
 // The value below which `fraction` of the samples lie (nearest rank); 0.5 is
 // the median.  0 for no samples.
 double Quantile(std::vector<double> samples, double fraction);
