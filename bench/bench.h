@@ -8,6 +8,7 @@
 #include <string>
 
 #include "report.h"
+#include "zarncontentsearchutils.h"
 
 namespace zarnbench {
 
@@ -24,6 +25,10 @@ bool DaemonSearches(Report &report, const Options &options);
 // writes, so that the floors and bare clients send exactly the same bytes.
 void CaptureStreamRequests(const Options &options);
 void CaptureRoundTripRequests();
+
+// Reads hits with ZARNQueryGetNextRecord until the end, handing each to
+// `consume` before freeing it: the number of hits, or -1 on a failure.
+long DrainWithGetNext(ZARNQueryHandle *handle, void (*consume)(const _tag_search_record *));
 
 // Lines the library sent to syslog (they are counted, not written).
 uint64_t LogLineCount();

@@ -62,6 +62,12 @@ std::string FormatNumber(const Json::Value &value) {
     return "-";
 }
 
+std::string Fixed(double value, const char *format) {
+    char text[64];
+    std::snprintf(text, sizeof text, format, value);
+    return text;
+}
+
 void Report::Section(const std::string &id, const std::string &title, const std::string &method,
                      std::vector<std::string> columns) {
     current_ = Json::Value(Json::objectValue);

@@ -38,6 +38,9 @@ private:
 // "1,234,567" for integers, three significant decimals for ratios and the like.
 std::string FormatNumber(const Json::Value &value);
 
+// `value` printed with a printf format such as "%.2f".
+std::string Fixed(double value, const char *format);
+
 }  // namespace zarnbench
 
 #endif  // ZARN_BENCH_REPORT_H

@@ -27,21 +27,12 @@ std::string PageQuery() { return SearchTag(kPageHits, HitSet::kPlain); }
 bool SearchPage() {
     const std::string query = PageQuery();
     ZARNQueryHandle *handle = nullptr;
-    int hits = -1;
+    long hits = -1;
     if (ZARNQueryConnectionInit(&handle) == 0 &&
         ZARNQueryConnectionOpen(handle, kShare, query.c_str(), nullptr, 0, 0, kPageHits,
                                 "zarnbench", 1026, CONNECTION_FLAG_NONE) == 0 &&
-        ZARNQueryCount(handle) == kPageHits) {
-        for (hits = 0;; ++hits) {
-            _tag_search_record *record = nullptr;
-            if (ZARNQueryGetNextRecord(handle, &record) != 0) {
-                hits = -1;
-                break;
-            }
-            if (record == nullptr) break;
-            ZARNQueryFreeRecord(record);
-        }
-    }
+        ZARNQueryCount(handle) == kPageHits)
+        hits = DrainWithGetNext(handle, [](const _tag_search_record *) {});
     ZARNQueryConnectionClose(handle);
     return hits == kPageHits;
 }

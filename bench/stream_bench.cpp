@@ -64,18 +64,8 @@ long ReadWithGetNext(const Case &c) {
     long hits = -1;
     if (ZARNQueryConnectionInit(&handle) == 0 &&
         ZARNQueryConnectionOpen(handle, kShare, c.query.c_str(), nullptr, 0, 0, c.hits, kAgent,
-                                kUid, FlagsFor(c.set)) == 0) {
-        for (hits = 0;; ++hits) {
-            _tag_search_record *record = nullptr;
-            if (ZARNQueryGetNextRecord(handle, &record) != 0) {
-                hits = -1;
-                break;
-            }
-            if (record == nullptr) break;
-            Consume(record);
-            ZARNQueryFreeRecord(record);
-        }
-    }
+                                kUid, FlagsFor(c.set)) == 0)
+        hits = DrainWithGetNext(handle, Consume);
     ZARNQueryConnectionClose(handle);
     return hits;
 }
@@ -189,13 +179,17 @@ bool Measure(const Case &c, int rounds, int searches_per_sample, Measured *out) 
     return true;
 }
 
-std::string Fixed(double value, const char *format) {
-    char text[64];
-    std::snprintf(text, sizeof text, format, value);
-    return text;
-}
-
 }  // namespace
+
+long DrainWithGetNext(ZARNQueryHandle *handle, void (*consume)(const _tag_search_record *)) {
+    for (long hits = 0;; ++hits) {
+        _tag_search_record *record = nullptr;
+        if (ZARNQueryGetNextRecord(handle, &record) != 0) return -1;
+        if (record == nullptr) return hits;
+        consume(record);
+        ZARNQueryFreeRecord(record);
+    }
+}
 
 void CaptureStreamRequests(const Options &options) {
     const int sizes[2] = {options.quick ? 100 : kSmallN, options.quick ? 2000 : kLargeN};
