@@ -1,7 +1,7 @@
 # What `cmake --install` puts in place: the library with its SONAME links,
-# the public headers, the platform stand-in, zarnsearch, a pkg-config file and
-# a CMake package.  The daemon installs itself (and its service unit) from
-# daemon/CMakeLists.txt.
+# the public headers, the platform stand-in, zarnsearch, the daemon (which is
+# also the indexer) with its systemd unit, a pkg-config file and a CMake
+# package.
 include(CMakePackageConfigHelpers)
 
 set(ZARN_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/zarncontentsearchutils)
@@ -15,7 +15,25 @@ install(FILES
   ${PROJECT_SOURCE_DIR}/include/zarn_connection.h
   ${PROJECT_SOURCE_DIR}/platform/include/zarnplatform.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+# The programs find the library and the stand-in relative to themselves.
+set_target_properties(zarnsearch zarnelasticd PROPERTIES
+  INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 install(TARGETS zarnsearch RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS zarnelasticd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+# The unit names the daemon where it is installed, so it is written at install
+# time (`cmake --install --prefix` may choose another prefix).  systemd looks
+# for units of the prefix in lib/, whatever the library folder.
+if(IS_ABSOLUTE "${CMAKE_INSTALL_SBINDIR}")
+  set(_zarn_sbindir "${CMAKE_INSTALL_SBINDIR}")
+else()
+  set(_zarn_sbindir "\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}")
+endif()
+install(CODE "
+  set(ZARN_SBINDIR \"${_zarn_sbindir}\")
+  configure_file(\"${CMAKE_CURRENT_LIST_DIR}/zarnelasticd.service.in\"
+                 \"${PROJECT_BINARY_DIR}/zarnelasticd.service\" @ONLY)")
+install(FILES ${PROJECT_BINARY_DIR}/zarnelasticd.service DESTINATION lib/systemd/system)
 
 # CMake package: zarncontentsearchutils::zarncontentsearchutils and
 # zarncontentsearchutils::zarnplatform.

@@ -1,7 +1,8 @@
 #!/bin/sh
 # Installs the build into a temporary prefix, then builds the consumer outside
-# the tree twice, with the CMake package and with pkg-config, and runs it and
-# the installed zarnsearch in the sandbox.
+# the tree twice, with the CMake package and with pkg-config, and runs it; and
+# runs the installed daemon, indexer and zarnsearch on a tiny share, all in the
+# sandbox.
 # Usage: run.sh BUILD_DIR LIBDIR CXX
 set -eu
 build=$1 libdir=$2 cxx=$3
@@ -23,12 +24,15 @@ lib=$prefix/$libdir
   fail "the SONAME link does not name the library"
 for f in "$lib/libzarncontentsearchutils.so.7.0.0" "$lib/libzarnplatform.so" \
          "$prefix/include/zarncontentsearchutils.h" "$prefix/include/zarn_connection.h" \
-         "$prefix/include/zarnplatform.h" "$prefix/bin/zarnsearch" \
+         "$prefix/include/zarnplatform.h" "$prefix/bin/zarnsearch" "$prefix/sbin/zarnelasticd" \
          "$lib/pkgconfig/zarncontentsearchutils.pc" \
          "$lib/cmake/zarncontentsearchutils/zarncontentsearchutilsConfig.cmake" \
          "$lib/cmake/zarncontentsearchutils/zarncontentsearchutilsConfigVersion.cmake"; do
   [ -e "$f" ] || fail "not installed: ${f#$prefix/}"
 done
+grep -qx "ExecStart=$prefix/sbin/zarnelasticd --foreground" \
+  "$prefix/lib/systemd/system/zarnelasticd.service" ||
+  fail "the service unit does not start the installed daemon"
 
 # --as-needed would drop JsonCpp and the stand-in, which only the library
 # uses: both must stay in the program's needed list.
@@ -56,8 +60,24 @@ echo "$flags"
 check_needed "$work/consumer" pkg-config
 run_consumer "$work/consumer" pkg-config
 
-echo "== installed zarnsearch"
-# Finds its libraries next to itself, without LD_LIBRARY_PATH.
-LD_BIND_NOW=1 "$sandbox" "$prefix/bin/zarnsearch" --help >/dev/null ||
-  fail "the installed zarnsearch does not run"
+echo "== installed daemon, indexer and zarnsearch"
+# They find their libraries next to themselves, without LD_LIBRARY_PATH.
+found=$(LD_BIND_NOW=1 "$sandbox" sh -c '
+  bin=$1 sbin=$2
+  if [ -e /dev/log ]; then mount --bind /dev/null /dev/log; fi  # keep the machine log clean
+  mkdir -p /var/shares/docs
+  echo "the quick brown fox" >/var/shares/docs/fox.txt
+  printf "docs\t/var/shares/docs\n" >/var/run/shares
+  echo "[{\"path\": \"/docs\"}]" >/var/packages/Norvex/etc/fileindex.folders
+  export ZARN_SHARE_TABLE=/var/run/shares
+  "$sbin/zarnelasticd" index --quiet >/dev/null || exit 1
+  "$sbin/zarnelasticd" --foreground 2>/dev/null &
+  for _ in $(seq 100); do [ -S /var/run/zarnelasticd.sock ] && break; sleep 0.05; done
+  "$bin/zarnsearch" search docs fox --json
+  status=$?
+  kill $!
+  wait
+  exit $status' sandbox "$prefix/bin" "$prefix/sbin") || fail "the installed programs failed"
+echo "$found"
+echo "$found" | grep -q '"path":"/docs/fox.txt"' || fail "the installed programs did not find the file"
 echo "installed and consumed"
