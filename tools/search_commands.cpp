@@ -118,6 +118,16 @@ int OpenSearch(const Args &args, const Search &search, HandlePtr *handle) {
     return kExitOk;
 }
 
+// A reply that opens with an error instead of the total reads as a total of
+// 0 followed by a failed read: say what that most likely means.
+int ReadFailure(const Args &args, const char *what, int code, int total, size_t hits) {
+    LibraryFailure(args, what, code);
+    if (total == 0 && hits == 0 && code == ZARN_ERR_READ)
+        Failure(args, "the daemon's answer held no total: it refused the request "
+                      "(-v shows its answer)");
+    return kExitFailure;
+}
+
 int StreamHits(const Args &args, const Search &search, HitPrinter *printer) {
     HandlePtr handle;
     const int status = OpenSearch(args, search, &handle);
@@ -145,7 +155,7 @@ int StreamHits(const Args &args, const Search &search, HitPrinter *printer) {
         RecordPtr record(raw);
         if (code != ZARN_OK) {
             printer->Finish();
-            return LibraryFailure(args, "reading the hits", code);
+            return ReadFailure(args, "reading the hits", code, total, printer->count());
         }
         if (!record) break;
         printer->Add(*record);
@@ -212,7 +222,7 @@ int RunCount(const Args &args) {
         _tag_search_record *raw = nullptr;
         const int code = ZARNQueryGetNextRecord(handle.get(), &raw);
         RecordPtr record(raw);
-        if (code != ZARN_OK) return LibraryFailure(args, "reading the total", code);
+        if (code != ZARN_OK) return ReadFailure(args, "reading the total", code, total, 0);
         if (record) return Failure(args, "the daemon's reply carried no total");
     }
     printf("%d\n", total);
