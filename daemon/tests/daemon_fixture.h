@@ -126,9 +126,9 @@ protected:
         if (daemon_ > 0) Stop();
     }
 
-    // SIGTERM stops the daemon cleanly and takes its socket away.
-    void Stop() {
-        kill(daemon_, SIGTERM);
+    // SIGTERM or SIGINT stops the daemon cleanly and takes its socket away.
+    void Stop(int signal_number = SIGTERM) {
+        kill(daemon_, signal_number);
         int status = 0;
         EXPECT_EQ(daemon_, waitpid(daemon_, &status, 0));
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;

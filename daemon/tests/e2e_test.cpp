@@ -326,6 +326,7 @@ TEST_F(DaemonE2e, OneDaemonPerSocketAndAStaleSocketIsReplaced) {
     EXPECT_EQ(1u, Hits(Ask(SearchRequest("lazy"))).size());
     EXPECT_NE(std::string::npos, Log().find("collector: agent \"e2e\" uid 0 (peer uid 0) searches fileindex_docs"))
         << Log();
+    Stop(SIGINT);
 }
 
 // The sandbox maps one uid only, so no client in it can switch to another
