@@ -1,8 +1,10 @@
 #include "json_text.h"
 
+#include <atomic>
 #include <cstdio>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include <json/reader.h>
 #include <json/writer.h>
@@ -37,15 +39,41 @@ const Json::StreamWriterBuilder &Writer() {
     return *builder;
 }
 
+// One spare reader, kept between parses: building a reader costs about as
+// much as parsing a search hit, and a search parses one packet per hit.  A
+// parse takes the spare (or builds one when another thread holds it) and
+// puts it back, even after a throw: a reader resets all its state at the
+// start of every parse.
+std::atomic<Json::CharReader *> spare_reader{nullptr};
+
+// The spare goes when the library is unloaded; a parse after that builds
+// another, as the first one did.
+__attribute__((destructor)) void DropSpareReader() { delete spare_reader.exchange(nullptr); }
+
+std::unique_ptr<Json::CharReader> TakeReader() {
+    std::unique_ptr<Json::CharReader> reader(spare_reader.exchange(nullptr));
+    if (!reader) reader.reset(Reader().newCharReader());
+    return reader;
+}
+
+void PutBack(std::unique_ptr<Json::CharReader> reader) {
+    delete spare_reader.exchange(reader.release());
+}
+
 }  // namespace
 
 bool FromString(const std::string &text, Json::Value *value) {
+    std::unique_ptr<Json::CharReader> reader;
+    bool parsed = false;
     try {
-        std::unique_ptr<Json::CharReader> reader(Reader().newCharReader());
-        if (reader->parse(text.data(), text.data() + text.size(), value, nullptr)) return true;
+        reader = TakeReader();
+        parsed = reader->parse(text.data(), text.data() + text.size(), value, nullptr);
     } catch (const std::exception &) {
-        // JsonCpp throws for nesting beyond its depth limit; that is invalid too.
+        // JsonCpp throws for nesting beyond its depth limit, and when memory
+        // runs out; that is invalid too.
     }
+    if (reader) PutBack(std::move(reader));
+    if (parsed) return true;
     *value = Json::Value();
     return false;
 }

@@ -16,7 +16,8 @@ void ArmAllocationFailure(size_t fail_at);
 // Stops counting; returns how many allocations were counted.
 size_t DisarmAllocationFailure();
 
-// Runs `scenario` with allocation 1, 2, 3, ... failing until a run completes
+// Runs `scenario` once with nothing failing (the library then holds what it
+// keeps between calls), then with allocation 1, 2, 3, ... failing until a run completes
 // without reaching the failing allocation.  Collects the results the runs
 // returned into *results and returns the number of runs.
 size_t SweepAllocationFailures(const std::function<int()> &scenario, std::set<int> *results,
