@@ -131,7 +131,7 @@ protected:
         kill(daemon_, signal_number);
         int status = 0;
         EXPECT_EQ(daemon_, waitpid(daemon_, &status, 0));
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << "\n" << Log();
         EXPECT_NE(0, access(kSocket, F_OK)) << "socket left behind";
         daemon_ = -1;
     }
