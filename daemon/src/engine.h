@@ -17,6 +17,10 @@
 
 namespace zarnd {
 
+// Clients keep a document id in a signed 32-bit int.  Ids are never reused,
+// so an index that has added this many documents over its life is full.
+constexpr uint32_t kMaxDocId = 2147483647;
+
 struct SortKey {
     std::string field;  // a sortable field of schema.h
     bool descending = false;
@@ -71,7 +75,9 @@ struct FileRecord {
 class IndexWriter {
 public:
     virtual ~IndexWriter() = default;
-    virtual void Put(const FileRecord &record) = 0;  // adds or replaces by path
+    // Adds or replaces by path; Failure kInternal when a new record would
+    // need an id above kMaxDocId.
+    virtual void Put(const FileRecord &record) = 0;
     virtual void Remove(const std::string &path) = 0;
     // path -> signature of every stored record.
     virtual std::map<std::string, std::string> Signatures() = 0;

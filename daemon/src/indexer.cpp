@@ -30,6 +30,10 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char kMetadataDir[] = "@eaDir";  // the platform's own data, index included
 constexpr int kMaxDepth = 256;
+// Changes are committed in batches: the engine holds a batch in memory, and
+// searches see a long first run make progress.
+constexpr uint64_t kBatchRecords = 1000;
+constexpr uint64_t kBatchBytes = 32u << 20;
 
 double Seconds(Clock::time_point since) {
     return std::chrono::duration<double>(Clock::now() - since).count();
@@ -214,9 +218,14 @@ private:
             writer_->Put(MakeRecord(entry, fd));
             if (fd >= 0) {
                 counts_.bytes += entry.st.stx_size;
+                batch_bytes_ += entry.st.stx_size;
                 close(fd);
             }
             ++(known ? counts_.updated : counts_.added);
+            if (++batch_records_ >= kBatchRecords || batch_bytes_ >= kBatchBytes) {
+                writer_->Commit();
+                batch_records_ = batch_bytes_ = 0;
+            }
         }
         progress_->Tick(counts_);
     }
@@ -227,6 +236,8 @@ private:
     Progress *const progress_;
     std::map<std::string, std::string> stored_;  // path -> signature, not yet met
     IndexCounts counts_;
+    uint64_t batch_records_ = 0;  // put since the last commit
+    uint64_t batch_bytes_ = 0;
     dev_t device_ = 0;
 };
 

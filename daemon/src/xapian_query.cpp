@@ -58,7 +58,9 @@ bool MatchesEverything(const std::string &text) {
 }  // namespace
 
 Xapian::Query ParseQuery(const std::string &text, const Xapian::Database &db) {
-    if (MatchesEverything(text)) return Xapian::Query::MatchAll;
+    // Not Xapian::Query::MatchAll: copying that shared object bumps a
+    // reference count that is not atomic, and workers search in parallel.
+    if (MatchesEverything(text)) return Xapian::Query(std::string());
     Xapian::QueryParser parser;
     parser.set_database(db);  // wildcards expand against the index
     parser.set_default_op(Xapian::Query::OP_AND);

@@ -21,7 +21,14 @@ public:
     }
 
     void Put(const FileRecord &record) override {
-        Guard([&] { db_.replace_document(xap::IdTerm(record.path), xap::BuildDocument(record, &generator_)); });
+        const std::string id = xap::IdTerm(record.path);
+        Guard([&] {
+            // A replaced record keeps its id; only a new one takes the next.
+            if (db_.get_lastdocid() >= kMaxDocId && !db_.term_exists(id))
+                throw Failure(kInternal, "no document id left for " + record.path +
+                                             ": remove the index to rebuild it");
+            db_.replace_document(id, xap::BuildDocument(record, &generator_));
+        });
     }
 
     void Remove(const std::string &path) override {

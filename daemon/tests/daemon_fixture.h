@@ -126,12 +126,12 @@ protected:
         if (daemon_ > 0) Stop();
     }
 
-    // SIGTERM stops the daemon cleanly and takes its socket away.
-    void Stop() {
-        kill(daemon_, SIGTERM);
+    // SIGTERM or SIGINT stops the daemon cleanly and takes its socket away.
+    void Stop(int signal_number = SIGTERM) {
+        kill(daemon_, signal_number);
         int status = 0;
         EXPECT_EQ(daemon_, waitpid(daemon_, &status, 0));
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << "\n" << Log();
         EXPECT_NE(0, access(kSocket, F_OK)) << "socket left behind";
         daemon_ = -1;
     }
@@ -184,10 +184,10 @@ inline int Connect() {
     return fd;
 }
 
-// Every reply packet of one request.
-inline std::vector<Json::Value> Ask(const Json::Value &request) {
+// Every reply packet of one request, sent as the packet `text`.
+inline std::vector<Json::Value> AskText(const std::string &text_sent) {
     const int fd = Connect();
-    EXPECT_TRUE(zarndaemon::io::PacketWrite(fd, zarn::json::ToString(request)));
+    zarndaemon::io::PacketWrite(fd, text_sent);  // a refused request may be cut off mid-write
     std::vector<Json::Value> replies;
     std::string text;
     while (zarndaemon::io::PacketRead(fd, text)) {
@@ -198,6 +198,8 @@ inline std::vector<Json::Value> Ask(const Json::Value &request) {
     close(fd);
     return replies;
 }
+
+inline std::vector<Json::Value> Ask(const Json::Value &request) { return AskText(zarn::json::ToString(request)); }
 
 inline Json::Value SearchRequest(const std::string &query, uint32_t uid = 0) {
     Json::Value request;

@@ -54,6 +54,40 @@ TEST_F(DaemonE2e, QuerySyntax) {
     }
 }
 
+TEST_F(DaemonE2e, FailuresAreOneErrorPacket) {
+    // "bare" is a share that was never indexed.
+    zarntest::SetShareTable({{"docs", root_}, {"bare", root_ + "/report"}});
+    Start();
+    const auto search = [](const char *index, const char *query) {
+        Json::Value request = SearchRequest(query);
+        request["data"]["indice"][0] = index;
+        return zarn::json::ToString(request);
+    };
+    const struct {
+        std::string request;
+        int code;
+    } cases[] = {
+        {search("fileindex_nosuch", "fox"), 404},
+        {search("nosuch", "fox"), 404},
+        {search("fileindex_bare", "fox"), 404},
+        {search("fileindex_docs", "fox AND"), 400},
+        {search("fileindex_docs", "ZARNMDFSSize:big..huge"), 400},
+        {"not json", 400},
+        {"[1]", 400},
+        {R"({"command": "erase", "data": {}})", 400},
+        {R"({"command": "search", "data": []})", 400},
+        {std::string(70000, ' '), 400},  // above the daemon's request size cap
+    };
+    for (const auto &c : cases) {
+        const std::vector<Json::Value> replies = AskText(c.request);
+        ASSERT_EQ(1u, replies.size()) << c.request.substr(0, 200);
+        EXPECT_EQ(Json::Value(false), replies[0]["success"]) << c.request.substr(0, 200);
+        EXPECT_EQ(c.code, replies[0]["error"]["code"].asInt()) << c.request.substr(0, 200);
+        EXPECT_TRUE(replies[0]["error"]["message"].isString());
+    }
+    EXPECT_EQ(4u, Hits(Ask(SearchRequest("fox"))).size());
+}
+
 TEST_F(DaemonE2e, PagingKeepsTheTotalAndCoversEveryHit) {
     Start();
     Json::Value request = SearchRequest("*");
@@ -229,6 +263,37 @@ TEST_F(DaemonE2e, ManyClientsAtOnce) {
     EXPECT_EQ(0, wrong.load());
 }
 
+TEST_F(DaemonE2e, SearchesRunWhileTheIndexChanges) {
+    Start();
+    const Names fox = {"/docs/closed/inner.txt", "/docs/fox.txt", "/docs/private.txt", "/docs/report/notes.txt.gz"};
+    std::atomic<bool> done{false};
+    std::atomic<int> searches{0}, wrong{0};
+    std::vector<std::thread> clients;
+    for (int t = 0; t < 3; ++t)
+        clients.emplace_back([&] {
+            while (!done) {
+                if (Sorted(Field(Hits(Ask(SearchRequest("fox"))))) != fox) ++wrong;
+                ++searches;
+            }
+        });
+    // Each run adds a batch of files and removes the previous one.
+    mkdir((root_ + "/churn").c_str(), 0755);
+    for (int round = 0; round < 4; ++round) {
+        for (int i = 0; i < 40; ++i) {
+            Write(root_ + "/churn/r" + std::to_string(round) + "-" + std::to_string(i) + ".txt", "quux\n");
+            if (round > 0) unlink((root_ + "/churn/r" + std::to_string(round - 1) + "-" + std::to_string(i) + ".txt").c_str());
+        }
+        EXPECT_EQ(0, Index());
+    }
+    done = true;
+    for (std::thread &client : clients) client.join();
+    EXPECT_EQ(0, wrong.load());
+    EXPECT_GT(searches.load(), 0);
+    int64_t total = -1;
+    Hits(Ask(SearchRequest("quux")), &total);
+    EXPECT_EQ(40, total);
+}
+
 TEST_F(DaemonE2e, SilentAndSlowClientsDoNotHoldTheOnlyWorker) {
     Start({"--workers", "1"});
     const int silent = Connect();
@@ -261,10 +326,13 @@ TEST_F(DaemonE2e, OneDaemonPerSocketAndAStaleSocketIsReplaced) {
     EXPECT_EQ(1u, Hits(Ask(SearchRequest("lazy"))).size());
     EXPECT_NE(std::string::npos, Log().find("collector: agent \"e2e\" uid 0 (peer uid 0) searches fileindex_docs"))
         << Log();
+    Stop(SIGINT);
 }
 
-// In a nested user namespace the daemon runs as uid 1000 and sees this
-// process, root outside it, as uid 1000 too: a peer that is not root.
+// The sandbox maps one uid only, so no client in it can switch to another
+// (setuid fails there).  Instead the daemon runs in a nested user namespace
+// as uid 1000, where this process, root outside it, shows as uid 1000 too:
+// to the daemon, a peer that is not root.
 TEST_F(DaemonE2e, PeerOtherThanRootActsOnlyAsItself) {
     Start();
     const int secret = Hits(Ask(SearchRequest("secrets")))[0]["additional"]["doc_id"].asInt();

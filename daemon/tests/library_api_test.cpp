@@ -1,4 +1,5 @@
-// The real daemon through the library's streaming search functions.
+// The real daemon through the library's streaming search functions, its
+// callback search and its connection class.
 #include <algorithm>
 #include <string>
 #include <vector>
@@ -6,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "daemon_fixture.h"
+#include "zarn_connection.h"
 #include "zarncontentsearchutils.h"
 
 namespace {
@@ -72,6 +74,43 @@ TEST_F(DaemonLibrary, UidFiltersTheCount) {
     const Page stranger = Search("fox", {}, 0, 10, kStranger, CONNECTION_FLAG_NONE);
     EXPECT_EQ(2, stranger.total);
     EXPECT_EQ(Names({"fox.txt", "notes.txt.gz"}), Sorted(stranger.names));
+}
+
+bool CollectPath(const _tag_search_record *record, void *paths) {
+    static_cast<Names *>(paths)->push_back(record->path);
+    return true;
+}
+
+bool CollectHighlight(const _tag_search_record *record, void *highlights) {
+    static_cast<Names *>(highlights)->push_back(record->highlight != nullptr ? record->highlight : "");
+    return true;
+}
+
+TEST_F(DaemonLibrary, CallbackSearchAndTheConnectionClass) {
+    Start();
+    Names paths;
+    int code = 0;
+    ASSERT_EQ(1, ZARNSearchQuerySend("docs", "fox", 10, 0, CollectPath, &paths, "callback test", kStranger, &code));
+    EXPECT_EQ(Names({"/docs/fox.txt", "/docs/report/notes.txt.gz"}), Sorted(paths));
+    // Page 2 of size 2 holds the fifth of five hits.
+    paths.clear();
+    ASSERT_EQ(1, ZARNSearchQuerySend("docs", "ZARNMDExtension:log", 2, 2, CollectPath, &paths, nullptr, 0, &code));
+    EXPECT_EQ(1u, paths.size());
+
+    // The connection keeps the highlight flag for the searches it sends.
+    ZARN::IR::DAEMON::Connection connection;
+    ASSERT_TRUE(connection.Connect(20, CONNECTION_FLAG_HIGHLIGHT));
+    Json::Value request;
+    request["command"] = "search";
+    request["data"]["indice"].append("fileindex_docs");
+    request["data"]["query_string"]["query"] = "needle";
+    request["data"]["from"] = 0;
+    request["data"]["size"] = 10;
+    Names highlights;
+    ASSERT_TRUE(connection.SendQuery(request, CollectHighlight, &highlights, "callback test", 0));
+    ASSERT_EQ(1u, highlights.size());
+    EXPECT_NE(std::string::npos, highlights[0].find("<em>needle</em>")) << highlights[0];
+    connection.Close();
 }
 
 }  // namespace

@@ -1,15 +1,18 @@
 // The daemon's units on their own: permissions, sort keys, fragments, text
-// extraction, request parsing and the folder list.
+// extraction, request parsing, the folder list and the index writer.
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <xapian.h>
 
 #include "failure.h"
 #include "file_record.h"
@@ -23,6 +26,7 @@
 #include "sort_key.h"
 #include "text_content.h"
 #include "utf8.h"
+#include "xapian_document.h"
 
 namespace zarnd {
 namespace {
@@ -290,6 +294,42 @@ TEST(DaemonFolders, GroupedByShareWithoutNestedOrMalformedEntries) {
     zarntest::WriteFile("/var/run/folders.json", "not json");
     EXPECT_FALSE(ReadIndexedFolders("/var/run/folders.json", &shares));
     EXPECT_TRUE(shares.empty());
+}
+
+// ---- index writer ---------------------------------------------------------
+
+FileRecord Record(const std::string &path) {
+    FileRecord record;
+    record.path = path;
+    record.fields["ZARNMDPath"] = path;
+    return record;
+}
+
+TEST(DaemonIndexWriter, DocumentIdsStayWithinASigned32BitInt) {
+    mkdir("/var/tmp", 0755);
+    char dir[] = "/var/tmp/index.XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(dir));
+    {
+        // An index whose last id is already the largest a client can hold.
+        Xapian::WritableDatabase db(dir, Xapian::DB_CREATE_OR_OPEN);
+        Xapian::Document doc;
+        doc.add_boolean_term(xap::IdTerm("/s/last"));
+        db.replace_document(kMaxDocId, doc);
+        db.commit();
+    }
+    std::unique_ptr<IndexWriter> writer = OpenIndexWriter(dir);
+    EXPECT_NO_THROW(writer->Put(Record("/s/last")));
+    try {
+        writer->Put(Record("/s/new"));
+        ADD_FAILURE() << "a new record got an id above the limit";
+    } catch (const Failure &failure) {
+        EXPECT_EQ(kInternal, failure.code());
+    }
+    writer->Commit();
+    Json::Value fields;
+    std::string access;
+    EXPECT_TRUE(OpenSearchIndex(dir)->Fetch(kMaxDocId, &fields, &access));
+    EXPECT_EQ("/s/last", fields["ZARNMDPath"].asString());
 }
 
 }  // namespace
