@@ -1,7 +1,7 @@
 # What `cmake --install` puts in place: the library with its SONAME links,
-# the public headers, the platform stand-in, zarnsearch, the daemon (which is
-# also the indexer) with its systemd unit, a pkg-config file and a CMake
-# package.
+# the public headers, the platform stand-in, zarnsearch, the daemon's systemd
+# unit, a pkg-config file and a CMake package.  The daemon (which is also the
+# indexer) installs itself from daemon/CMakeLists.txt.
 include(CMakePackageConfigHelpers)
 
 set(ZARN_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/zarncontentsearchutils)
@@ -20,7 +20,6 @@ install(FILES
 set_target_properties(zarnsearch zarnelasticd PROPERTIES
   INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 install(TARGETS zarnsearch RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(TARGETS zarnelasticd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 # The unit names the daemon where it is installed, so it is written at install
 # time (`cmake --install --prefix` may choose another prefix).  systemd looks
 # for units of the prefix in lib/, whatever the library folder.

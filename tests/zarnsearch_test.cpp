@@ -89,19 +89,18 @@ const BadCommandLine kBadCommandLines[] = {
     {{"where"}, "missing arguments"},
 };
 
-class BadCommandLineTest : public ZarnsearchTest,
-                           public testing::WithParamInterface<BadCommandLine> {};
-
-TEST_P(BadCommandLineTest, IsRefusedWithoutAskingTheDaemon) {
+// One test process for the whole table: each case is one run of the program.
+TEST_F(ZarnsearchTest, BadCommandLinesAreRefusedWithoutAskingTheDaemon) {
     FakeDaemon daemon;
-    const Result result = Zarnsearch(GetParam().args);
-    EXPECT_EQ(2, result.status) << testing::PrintToString(GetParam().args);
-    EXPECT_EQ("", result.out);
-    EXPECT_NE(std::string::npos, result.err.find(GetParam().complaint)) << result.err;
+    for (const BadCommandLine &bad : kBadCommandLines) {
+        const Result result = Zarnsearch(bad.args);
+        const std::string args = testing::PrintToString(bad.args);
+        EXPECT_EQ(2, result.status) << args;
+        EXPECT_EQ("", result.out) << args;
+        EXPECT_NE(std::string::npos, result.err.find(bad.complaint)) << args << ": " << result.err;
+    }
     EXPECT_EQ(0u, daemon.Accepted());
 }
-
-INSTANTIATE_TEST_SUITE_P(Zarnsearch, BadCommandLineTest, testing::ValuesIn(kBadCommandLines));
 
 TEST_F(ZarnsearchTest, HelpForTheToolAndEachCommand) {
     Result overview = Zarnsearch({"--help"});

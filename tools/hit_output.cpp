@@ -16,15 +16,15 @@ namespace {
 const char kBold[] = "\033[1m";
 const char kPlain[] = "\033[0m";
 
-}  // namespace
-
 // The daemon escapes the fragment's text as HTML so that its marks stand
-// out; these are the escapes it writes.
+// out; these are the escapes of HTML text.
 const struct {
     const char *escape;
     char plain;
 } kEscapes[] = {{"&lt;", '<'}, {"&gt;", '>'}, {"&amp;", '&'},
                 {"&quot;", '"'}, {"&#39;", '\''}, {"&#x27;", '\''}};
+
+}  // namespace
 
 std::string RenderHighlight(const std::string &fragment, bool terminal) {
     const std::string text = ValidUtf8(fragment);
