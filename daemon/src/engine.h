@@ -1,0 +1,96 @@
+// The search engine behind the daemon, seen through two small interfaces: one
+// to search and read a share's index, one to change it.  Protocol and indexer
+// code use only these; an engine provides OpenSearchIndex and OpenIndexWriter.
+#ifndef ZARND_ENGINE_H
+#define ZARND_ENGINE_H
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <json/value.h>
+
+#include "perm.h"
+
+namespace zarnd {
+
+// Clients keep a document id in a signed 32-bit int.  Ids are never reused,
+// so an index that has added this many documents over its life is full.
+constexpr uint32_t kMaxDocId = 2147483647;
+
+struct SortKey {
+    std::string field;  // a sortable field of schema.h
+    bool descending = false;
+    bool natural = false;
+};
+
+struct HighlightRequest {
+    std::string field;  // a string field
+    size_t frag_length = 0;
+};
+
+struct SearchSpec {
+    std::string query;  // query-string syntax; "" or "*" matches everything
+    uint32_t from = 0;
+    uint32_t size = 0;
+    std::vector<SortKey> sort;  // empty: by relevance
+    std::vector<std::string> fields;
+    std::vector<HighlightRequest> highlight;
+    const Credentials *reader = nullptr;  // only hits this user may read; null: all
+};
+
+struct Hit {
+    uint32_t doc_id = 0;
+    Json::Value fields;     // the requested fields that the document has
+    Json::Value highlight;  // field name -> fragment; null when none matched
+};
+
+// One share's index, opened for reading.  Failures are thrown as Failure.
+class SearchIndex {
+public:
+    virtual ~SearchIndex() = default;
+
+    // The exact number of permitted matches, then the hits of the requested
+    // page in order.  `on_hit` returns false to stop early.
+    virtual void Search(const SearchSpec &spec, const std::function<void(uint64_t)> &on_total,
+                        const std::function<bool(const Hit &)> &on_hit) = 0;
+
+    // Every stored field of document `doc_id` and its encoded access chain;
+    // false when the index holds no such document.
+    virtual bool Fetch(uint32_t doc_id, Json::Value *fields, std::string *access) = 0;
+};
+
+// One file or folder as the indexer hands it to the engine.
+struct FileRecord {
+    std::string path;       // share-relative; the record's identity
+    Json::Value fields;     // every stored field (schema.h)
+    std::string access;     // EncodeAccessChain of the file and its folders
+    std::string signature;  // what the next run compares to spot changes
+};
+
+// One share's index, opened for writing by a single writer.
+class IndexWriter {
+public:
+    virtual ~IndexWriter() = default;
+    // Adds or replaces by path; Failure kInternal when a new record would
+    // need an id above kMaxDocId.
+    virtual void Put(const FileRecord &record) = 0;
+    virtual void Remove(const std::string &path) = 0;
+    // path -> signature of every stored record.
+    virtual std::map<std::string, std::string> Signatures() = 0;
+    virtual void Commit() = 0;
+};
+
+// Opens the index kept in directory `dir`; Failure kNotFound when there is none.
+std::unique_ptr<SearchIndex> OpenSearchIndex(const std::string &dir);
+
+// Opens or creates the index in `dir`; Failure kLocked while another writer
+// holds it.
+std::unique_ptr<IndexWriter> OpenIndexWriter(const std::string &dir);
+
+}  // namespace zarnd
+
+#endif  // ZARND_ENGINE_H

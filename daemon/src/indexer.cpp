@@ -1,0 +1,332 @@
+#include "indexer.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "engine.h"
+#include "failure.h"
+#include "file_record.h"
+#include "log.h"
+#include "share_index.h"
+#include "utf8.h"
+#include "zarnplatform.h"
+
+namespace zarnd {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr char kMetadataDir[] = "@eaDir";  // the platform's own data, index included
+constexpr int kMaxDepth = 256;
+// Changes are committed in batches: the engine holds a batch in memory, and
+// searches see a long first run make progress.
+constexpr uint64_t kBatchRecords = 1000;
+constexpr uint64_t kBatchBytes = 32u << 20;
+
+double Seconds(Clock::time_point since) {
+    return std::chrono::duration<double>(Clock::now() - since).count();
+}
+
+// "N files, M MB, R files/s" on one line of a terminal, redrawn a few
+// times a second.
+class Progress {
+public:
+    explicit Progress(bool enabled) : enabled_(enabled) {}
+
+    void Tick(const IndexCounts &counts) {
+        if (!enabled_ || Clock::now() - last_ < std::chrono::milliseconds(250)) return;
+        last_ = Clock::now();
+        Print(counts);
+    }
+
+    void Done(const IndexCounts &counts) {
+        if (!enabled_) return;
+        Print(counts);
+        std::fputc('\n', stderr);
+    }
+
+private:
+    void Print(const IndexCounts &counts) const {
+        const uint64_t files = counts.added + counts.updated + counts.unchanged;
+        const double elapsed = std::max(Seconds(start_), 1e-3);
+        std::fprintf(stderr, "\r%llu files, %.1f MB, %.0f files/s   ", static_cast<unsigned long long>(files),
+                     counts.bytes / 1e6, files / elapsed);
+        std::fflush(stderr);
+    }
+
+    const bool enabled_;
+    const Clock::time_point start_ = Clock::now();
+    Clock::time_point last_ = start_;
+};
+
+Access AccessOf(const struct statx &st) { return {st.stx_uid, st.stx_gid, st.stx_mode}; }
+
+dev_t DeviceOf(const struct statx &st) { return makedev(st.stx_dev_major, st.stx_dev_minor); }
+
+bool StatAt(int dirfd, const char *name, struct statx *st) {
+    return statx(dirfd, name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | (*name ? 0 : AT_EMPTY_PATH),
+                 STATX_BASIC_STATS | STATX_BTIME, st) == 0;
+}
+
+int OpenDirAt(int dirfd, const std::string &name) {
+    return openat(dirfd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
+// Opens a file to read its text without changing its access time where the
+// process may ask for that.
+int OpenFileAt(int dirfd, const std::string &name) {
+    const int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    int fd = openat(dirfd, name.c_str(), flags | O_NOATIME);
+    if (fd < 0 && errno == EPERM) fd = openat(dirfd, name.c_str(), flags);
+    return fd;
+}
+
+// The names in a folder, "." and ".." and "@eaDir" left out.
+std::vector<std::string> ListFolder(int dirfd) {
+    std::vector<std::string> names;
+    const int own = dup(dirfd);
+    if (own < 0) return names;
+    DIR *dir = fdopendir(own);
+    if (dir == nullptr) {
+        close(own);
+        return names;
+    }
+    while (const dirent *entry = readdir(dir)) {
+        const std::string name = entry->d_name;
+        if (name != "." && name != ".." && name != kMetadataDir) names.push_back(name);
+    }
+    closedir(dir);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+class ShareIndexer {
+public:
+    ShareIndexer(const std::string &share, const std::string &root, IndexWriter *writer, Progress *progress)
+        : share_(share), root_(root), writer_(writer), progress_(progress), stored_(writer->Signatures()) {}
+
+    // Indexes one share-relative folder and everything in it.
+    void IndexFolder(const std::string &folder) {
+        const int root_fd = open(root_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        struct statx st;
+        if (root_fd < 0 || !StatAt(root_fd, "", &st)) {
+            ZARN_LOG(LOG_ERR, "cannot open share %s at %s: %m", share_.c_str(), root_.c_str());
+            if (root_fd >= 0) close(root_fd);
+            return;
+        }
+        device_ = DeviceOf(st);
+        AccessChain above = {AccessOf(st)};
+        std::string path = "/" + share_;
+        int fd = root_fd;
+        // Down to the folder, one component at a time, never through a link.
+        for (size_t at = path.size(); fd >= 0 && at < folder.size();) {
+            const size_t end = std::min(folder.find('/', at + 1), folder.size());
+            const std::string name = folder.substr(at + 1, end - at - 1);
+            at = end;
+            if (name.empty()) continue;
+            Entry entry{path + "/" + name, path, name, {}, {}};
+            const int next = StatAt(fd, name.c_str(), &entry.st) && S_ISDIR(entry.st.stx_mode) &&
+                                     DeviceOf(entry.st) == device_
+                                 ? OpenDirAt(fd, name)
+                                 : -1;
+            close(fd);
+            fd = next;
+            if (fd < 0) break;
+            entry.access = above;
+            entry.access.insert(entry.access.begin(), AccessOf(entry.st));
+            if (at == folder.size()) Visit(entry, -1, std::string());
+            above = entry.access;
+            path = entry.path;
+        }
+        if (fd < 0) {
+            ZARN_LOG(LOG_WARNING, "indexed folder %s is not a folder of share %s", folder.c_str(),
+                     share_.c_str());
+            return;
+        }
+        Walk(fd, path, above, 0);
+        close(fd);
+    }
+
+    // Removes the records of everything the walks did not meet.
+    void RemoveUnseen() {
+        for (const auto &gone : stored_) {
+            writer_->Remove(gone.first);
+            ++counts_.removed;
+        }
+        stored_.clear();
+    }
+
+    const IndexCounts &counts() const { return counts_; }
+
+private:
+    void Walk(int dirfd, const std::string &path, const AccessChain &above, int depth) {
+        for (const std::string &name : ListFolder(dirfd)) {
+            Entry entry{path + "/" + name, path, name, {}, {}};
+            if (!StatAt(dirfd, name.c_str(), &entry.st)) {
+                ++counts_.skipped;
+                continue;
+            }
+            const mode_t type = entry.st.stx_mode & S_IFMT;
+            // Other file systems are not entered; sockets, pipes and devices
+            // hold nothing to search.
+            if (DeviceOf(entry.st) != device_ || (type != S_IFDIR && type != S_IFREG && type != S_IFLNK))
+                continue;
+            entry.access = above;
+            entry.access.insert(entry.access.begin(), AccessOf(entry.st));
+            Visit(entry, dirfd, name);
+            if (type != S_IFDIR) continue;
+            if (depth + 1 >= kMaxDepth) {
+                ZARN_LOG(LOG_WARNING, "not indexing below %s: folders nested too deep", entry.path.c_str());
+                continue;
+            }
+            const int child = OpenDirAt(dirfd, name);
+            if (child < 0) {
+                ++counts_.skipped;
+                ZARN_LOG(LOG_WARNING, "cannot open folder %s: %m", entry.path.c_str());
+                continue;
+            }
+            Walk(child, entry.path, entry.access, depth + 1);
+            close(child);
+        }
+    }
+
+    // Stores the entry's record unless the stored one is still current.
+    // `name` names it in `dirfd` for reading its content (-1: no content).
+    void Visit(const Entry &entry, int dirfd, const std::string &name) {
+        const std::string signature = EntrySignature(entry);
+        const auto stored = stored_.find(RepairUtf8(entry.path.data(), entry.path.size()));
+        const bool known = stored != stored_.end();
+        const bool current = known && stored->second == signature;
+        if (known) stored_.erase(stored);
+        if (current) {
+            ++counts_.unchanged;
+        } else {
+            const bool regular = S_ISREG(entry.st.stx_mode) && dirfd >= 0;
+            const int fd = regular ? OpenFileAt(dirfd, name) : -1;
+            writer_->Put(MakeRecord(entry, fd));
+            if (fd >= 0) {
+                counts_.bytes += entry.st.stx_size;
+                batch_bytes_ += entry.st.stx_size;
+                close(fd);
+            }
+            ++(known ? counts_.updated : counts_.added);
+            if (++batch_records_ >= kBatchRecords || batch_bytes_ >= kBatchBytes) {
+                writer_->Commit();
+                batch_records_ = batch_bytes_ = 0;
+            }
+        }
+        progress_->Tick(counts_);
+    }
+
+    const std::string share_;
+    const std::string root_;
+    IndexWriter *const writer_;
+    Progress *const progress_;
+    std::map<std::string, std::string> stored_;  // path -> signature, not yet met
+    IndexCounts counts_;
+    uint64_t batch_records_ = 0;  // put since the last commit
+    uint64_t batch_bytes_ = 0;
+    dev_t device_ = 0;
+};
+
+// The share's directory from the share service.
+bool ShareRoot(const std::string &share, std::string *root) {
+    PZARNSHARE record = nullptr;
+    if (ZARNShareGet(share.c_str(), &record) < 0 || record == nullptr || record->szPath == nullptr) {
+        ZARNShareFree(record);
+        return false;
+    }
+    *root = record->szPath;
+    ZARNShareFree(record);
+    return true;
+}
+
+void Add(IndexCounts *total, const IndexCounts &counts) {
+    total->added += counts.added;
+    total->updated += counts.updated;
+    total->removed += counts.removed;
+    total->unchanged += counts.unchanged;
+    total->bytes += counts.bytes;
+    total->skipped += counts.skipped;
+}
+
+bool IndexShare(const std::string &share, const std::set<std::string> &folders, bool progress_line,
+                IndexCounts *total) {
+    const Clock::time_point start = Clock::now();
+    std::string root;
+    if (!ShareRoot(share, &root)) {
+        ZARN_LOG(LOG_ERR, "ZARNShareGet failed, share=%s", share.c_str());
+        std::fprintf(stderr, "zarnelasticd: unknown share %s\n", share.c_str());
+        return false;
+    }
+    try {
+        std::unique_ptr<IndexWriter> writer = OpenIndexWriter(IndexDirOfShare(share));
+        Progress progress(progress_line);
+        ShareIndexer indexer(share, root, writer.get(), &progress);
+        for (const std::string &folder : folders) indexer.IndexFolder(folder);
+        indexer.RemoveUnseen();
+        writer->Commit();
+        progress.Done(indexer.counts());
+        const IndexCounts &c = indexer.counts();
+        const double seconds = std::max(Seconds(start), 1e-3);
+        const uint64_t files = c.added + c.updated + c.unchanged;
+        std::printf("%s: %llu added, %llu updated, %llu removed, %llu unchanged, %llu skipped; "
+                    "%.1f MB read in %.2f s (%.0f files/s, %.1f MB/s)\n",
+                    share.c_str(), static_cast<unsigned long long>(c.added),
+                    static_cast<unsigned long long>(c.updated), static_cast<unsigned long long>(c.removed),
+                    static_cast<unsigned long long>(c.unchanged), static_cast<unsigned long long>(c.skipped),
+                    c.bytes / 1e6, seconds, files / seconds, c.bytes / 1e6 / seconds);
+        std::fflush(stdout);
+        ZARN_LOG(LOG_INFO, "indexed share %s: %llu added, %llu updated, %llu removed, %llu unchanged",
+                 share.c_str(), static_cast<unsigned long long>(c.added),
+                 static_cast<unsigned long long>(c.updated), static_cast<unsigned long long>(c.removed),
+                 static_cast<unsigned long long>(c.unchanged));
+        Add(total, c);
+        return true;
+    } catch (const Failure &failure) {
+        ZARN_LOG(LOG_ERR, "cannot index share %s: %s", share.c_str(), failure.what());
+        std::fprintf(stderr, "zarnelasticd: cannot index share %s: %s\n", share.c_str(), failure.what());
+        return false;
+    }
+}
+
+// Each level of a walk holds one open folder.
+void RaiseFileLimit() {
+    rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+}  // namespace
+
+int RunIndexer(const IndexOptions &options, IndexCounts *total) {
+    std::map<std::string, std::set<std::string>> shares;
+    if (!ReadIndexedFolders(options.config_path.c_str(), &shares)) {
+        std::fprintf(stderr, "zarnelasticd: cannot read the indexed folders from %s\n",
+                     options.config_path.c_str());
+        return 1;
+    }
+    RaiseFileLimit();
+    IndexCounts sum;
+    int status = 0;
+    for (const auto &share : shares)
+        if (!IndexShare(share.first, share.second, options.progress, &sum)) status = 1;
+    if (total != nullptr) *total = sum;
+    return status;
+}
+
+}  // namespace zarnd

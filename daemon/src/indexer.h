@@ -1,0 +1,36 @@
+// Builds and refreshes the index of every share that holds an indexed
+// folder.  A run walks the folders (no symbolic link followed, no other file
+// system entered, "@eaDir" skipped), rewrites only the records whose file
+// changed and removes the records of files that are gone.
+#ifndef ZARND_INDEXER_H
+#define ZARND_INDEXER_H
+
+#include <cstdint>
+#include <string>
+
+#include "folders.h"
+
+namespace zarnd {
+
+struct IndexOptions {
+    std::string config_path = kFolderConfigPath;
+    bool progress = false;  // a progress line on standard error
+};
+
+struct IndexCounts {
+    uint64_t added = 0;
+    uint64_t updated = 0;
+    uint64_t removed = 0;
+    uint64_t unchanged = 0;
+    uint64_t bytes = 0;  // size of the files read for added and updated records
+    uint64_t skipped = 0;  // entries that could not be examined
+};
+
+// Indexes every share; prints one summary line per share to standard
+// output.  Returns the process exit status: 0, or 1 when a share could not
+// be indexed.  *total receives the sum over the shares when not null.
+int RunIndexer(const IndexOptions &options, IndexCounts *total = nullptr);
+
+}  // namespace zarnd
+
+#endif  // ZARND_INDEXER_H

@@ -1,0 +1,70 @@
+// zarnelasticd: the search daemon, and its indexer.
+//
+//   zarnelasticd [--foreground] [--workers N] [--debug]
+//   zarnelasticd index [--progress | --quiet]
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "daemon_socket.h"
+#include "indexer.h"
+#include "server.h"
+
+namespace {
+
+int Usage() {
+    std::fprintf(stderr,
+                 "usage: zarnelasticd [--foreground] [--workers N] [--debug]\n"
+                 "       zarnelasticd index [--progress | --quiet]\n");
+    return 2;
+}
+
+int Index(int argc, char **argv) {
+    zarnd::IndexOptions options;
+    options.progress = isatty(STDERR_FILENO) == 1;
+    for (int i = 2; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--progress") == 0)
+            options.progress = true;
+        else if (std::strcmp(argv[i], "--quiet") == 0)
+            options.progress = false;
+        else
+            return Usage();
+    }
+    openlog("zarnelasticd", LOG_PID, LOG_DAEMON);
+    return zarnd::RunIndexer(options);
+}
+
+int Serve(int argc, char **argv) {
+    zarnd::ServerOptions options;
+    options.socket_path = zarn::kDaemonSocketPath;
+    bool debug = false;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--foreground") == 0) {
+            options.foreground = true;
+        } else if (std::strcmp(argv[i], "--debug") == 0) {
+            debug = true;
+        } else if (std::strcmp(argv[i], "--workers") == 0 && i + 1 < argc) {
+            char *end = nullptr;
+            const long workers = std::strtol(argv[++i], &end, 10);
+            if (*end != '\0' || workers < 1 || workers > 256) return Usage();
+            options.workers = static_cast<unsigned>(workers);
+        } else {
+            return Usage();
+        }
+    }
+    // In the foreground every log line is copied to standard error.
+    openlog("zarnelasticd", LOG_PID | (options.foreground ? LOG_PERROR : 0), LOG_DAEMON);
+    setlogmask(LOG_UPTO(debug ? LOG_DEBUG : LOG_INFO));
+    return zarnd::RunServer(options);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    if (argc >= 2 && std::strcmp(argv[1], "index") == 0) return Index(argc, argv);
+    return Serve(argc, argv);
+}

@@ -1,0 +1,140 @@
+#include "protocol.h"
+
+#include <errno.h>
+
+#include <memory>
+
+#include "engine.h"
+#include "failure.h"
+#include "json_text.h"
+#include "log.h"
+#include "perm.h"
+#include "request.h"
+#include "share_index.h"
+#include "utf8.h"
+#include "zarnplatform.h"
+
+namespace zarnd {
+
+namespace {
+
+std::unique_ptr<SearchIndex> OpenIndex(const std::string &index_id) {
+    return OpenSearchIndex(IndexDirOfShare(ShareOfIndexId(index_id)));
+}
+
+[[noreturn]] void Refuse(const Peer &peer, const std::string &what) {
+    ZARN_LOG(LOG_WARNING, "refused peer uid %u pid %d: %s", static_cast<unsigned>(peer.uid),
+             static_cast<int>(peer.pid), what.c_str());
+    throw Failure(kForbidden, "permission denied: " + what);
+}
+
+// The user whose permissions filter the hits: the permission filter's uid,
+// which only root may set to another user; without one, the peer itself.
+// Null when nothing is to be filtered (root).
+std::unique_ptr<Credentials> Reader(const SearchRequest &request, const Peer &peer) {
+    uint32_t uid = peer.uid;
+    if (request.has_permission_uid) {
+        uid = request.permission_uid;
+        if (!PeerMayActAs(peer.uid, uid)) Refuse(peer, "search as uid " + std::to_string(uid));
+    }
+    if (uid == 0) return nullptr;
+    return std::unique_ptr<Credentials>(new Credentials(LookupCredentials(uid)));
+}
+
+void Search(const Json::Value &data, const Peer &peer, const PacketSink &send) {
+    const SearchRequest request = ParseSearchRequest(data);
+    const std::unique_ptr<Credentials> reader = Reader(request, peer);
+    ZARN_LOG(LOG_INFO, "collector: agent \"%s\" uid %u (peer uid %u) searches %s",
+             request.agent.c_str(),
+             request.has_collector_uid ? request.collector_uid : static_cast<unsigned>(peer.uid),
+             static_cast<unsigned>(peer.uid), request.index_id.c_str());
+    SearchSpec spec = request.spec;
+    spec.reader = reader.get();
+    bool reachable = true;
+    OpenIndex(request.index_id)
+        ->Search(
+            spec,
+            [&](uint64_t total) {
+                Json::Value header;
+                header["total"] = Json::UInt64(total);
+                reachable = send(zarn::json::ToString(header));
+            },
+            [&](const Hit &hit) {
+                if (!reachable) return false;
+                Json::Value packet = hit.fields;
+                packet["additional"]["doc_id"] = hit.doc_id;
+                if (!hit.highlight.isNull()) packet["highlight"] = hit.highlight;
+                reachable = send(zarn::json::ToString(packet));
+                return reachable;
+            });
+    if (!reachable) return;
+    Json::Value end;
+    end["success"] = true;
+    send(zarn::json::ToString(end));
+}
+
+void DocumentGet(const Json::Value &data, const Peer &peer, const PacketSink &send) {
+    const DocumentRequest request = ParseDocumentRequest(data);
+    Json::Value fields;
+    std::string access;
+    if (!OpenIndex(request.index_id)->Fetch(request.doc_id, &fields, &access))
+        throw Failure(kNotFound, "no document " + std::to_string(request.doc_id));
+    if (peer.uid != 0 && !MayRead(LookupCredentials(peer.uid), access))
+        Refuse(peer, "document " + std::to_string(request.doc_id) + " of " + request.index_id);
+    Json::Value reply;
+    reply["success"] = true;
+    reply["data"] = fields;
+    send(zarn::json::ToString(reply));
+}
+
+int FailurePriority(int code) {
+    if (code >= 500) return LOG_ERR;
+    if (code == kForbidden) return LOG_DEBUG;  // already logged as a refusal
+    return LOG_INFO;
+}
+
+}  // namespace
+
+std::string FailureReply(int code, const std::string &message) {
+    Json::Value reply;
+    reply["success"] = false;
+    reply["error"]["code"] = code;
+    reply["error"]["message"] = RepairUtf8(message.data(), message.size());  // may quote a client
+    return zarn::json::ToString(reply);
+}
+
+void HandleRequest(const std::string &text, const Peer &peer, const PacketSink &send) {
+    try {
+        Json::Value request;
+        if (!zarn::json::FromString(text, &request) || !request.isObject())
+            throw Failure(kBadRequest, "request is not a JSON object");
+        const Json::Value &command = request["command"];
+        if (command == "search")
+            Search(request["data"], peer, send);
+        else if (command == "document_get_by_internal_id")
+            DocumentGet(request["data"], peer, send);
+        else
+            throw Failure(kBadRequest, "unknown command");
+    } catch (const Failure &failure) {
+        ZARN_LOG(FailurePriority(failure.code()), "request failed (%d): %s", failure.code(),
+                 failure.what());
+        send(FailureReply(failure.code(), failure.what()));
+    } catch (const std::exception &e) {
+        ZARN_LOG(LOG_ERR, "request failed: %s", e.what());
+        send(FailureReply(kInternal, "internal error"));
+    }
+}
+
+void ServeConnection(int fd, const Peer &peer) {
+    std::string text;
+    if (!zarndaemon::io::PacketRead(fd, text)) {
+        ZARN_LOG(LOG_DEBUG, "no request from peer pid %d, errno(%d): %m", static_cast<int>(peer.pid),
+                 errno);
+        return;
+    }
+    HandleRequest(text, peer, [fd](const std::string &packet) {
+        return zarndaemon::io::PacketWrite(fd, packet);
+    });
+}
+
+}  // namespace zarnd

@@ -1,0 +1,134 @@
+#include "request.h"
+
+#include "failure.h"
+#include "schema.h"
+
+namespace zarnd {
+
+namespace {
+
+[[noreturn]] void Bad(const std::string &what) { throw Failure(kBadRequest, what); }
+
+const Json::Value &Array(const Json::Value &data, const char *name) {
+    const Json::Value &value = data[name];
+    if (!value.isNull() && !value.isArray()) Bad(std::string("\"") + name + "\" is not an array");
+    if (value.size() > kMaxListEntries) Bad(std::string("\"") + name + "\" has too many entries");
+    return value;
+}
+
+std::string String(const Json::Value &value, const std::string &what) {
+    if (!value.isString()) Bad(what + " is not a string");
+    return value.asString();
+}
+
+uint32_t Uid(const Json::Value &value, const std::string &what) {
+    if (!value.isUInt()) Bad(what + " is not a user id");
+    return value.asUInt();
+}
+
+uint32_t Count(const Json::Value &value, uint32_t absent, uint32_t min, uint32_t max, const char *name) {
+    if (value.isNull()) return absent;
+    if (!value.isUInt() || value.asUInt() < min || value.asUInt() > max)
+        Bad(std::string("\"") + name + "\" must be an integer from " + std::to_string(min) + " to " +
+            std::to_string(max));
+    return value.asUInt();
+}
+
+std::string IndexId(const Json::Value &indice) {
+    if (indice.isString()) return indice.asString();
+    if (!indice.isArray() || indice.size() != 1)
+        Bad("\"indice\" must name exactly one index");
+    return String(indice[0], "\"indice\"[0]");
+}
+
+void ParseFilters(const Json::Value &data, SearchRequest *request) {
+    for (const Json::Value &filter : Array(data, "filters")) {
+        if (!filter.isObject()) Bad("a filter is not an object");
+        const std::string name = String(filter["name"], "a filter's \"name\"");
+        // An ignored filter could show what the client meant to hide.
+        if (name != "permission") Bad("unknown filter " + name);
+        request->permission_uid = Uid(filter["data"], "the permission filter's \"data\"");
+        request->has_permission_uid = true;
+    }
+}
+
+void ParseCollector(const Json::Value &data, SearchRequest *request) {
+    const Json::Value &collector = data["collector"];
+    if (collector.isNull()) return;
+    if (!collector.isObject()) Bad("\"collector\" is not an object");
+    if (collector.isMember("agent")) request->agent = String(collector["agent"], "the collector's \"agent\"");
+    if (collector.isMember("uid")) {
+        request->collector_uid = Uid(collector["uid"], "the collector's \"uid\"");
+        request->has_collector_uid = true;
+    }
+}
+
+void ParseFields(const Json::Value &data, SearchSpec *spec) {
+    if (!data.isMember("fields")) {
+        spec->fields = {field::kPath, field::kFSName, field::kExtension, field::kIsDir};
+        return;
+    }
+    for (const Json::Value &name : Array(data, "fields"))
+        spec->fields.push_back(String(name, "an entry of \"fields\""));
+}
+
+void ParseSorter(const Json::Value &data, SearchSpec *spec) {
+    for (const Json::Value &entry : Array(data, "sorter")) {
+        if (!entry.isObject()) Bad("a sort key is not an object");
+        SortKey key;
+        key.field = String(entry["field"], "a sort key's \"field\"");
+        const std::string direction =
+            entry.isMember("direction") ? String(entry["direction"], "a sort key's \"direction\"") : "asc";
+        if (direction != "asc" && direction != "desc") Bad("unknown sort direction " + direction);
+        key.descending = direction == "desc";
+        const Json::Value &natural = entry["nature_sort"];
+        if (!natural.isNull() && !natural.isBool()) Bad("\"nature_sort\" is not a boolean");
+        key.natural = natural.asBool();
+        spec->sort.push_back(key);
+    }
+}
+
+void ParseHighlight(const Json::Value &data, SearchSpec *spec) {
+    for (const Json::Value &entry : Array(data, "highlight")) {
+        if (!entry.isObject()) Bad("a highlight is not an object");
+        HighlightRequest highlight;
+        highlight.field = String(entry["field"], "a highlight's \"field\"");
+        highlight.frag_length =
+            Count(entry["frag_length"], kDefaultFragLength, 1, kMaxFragLength, "frag_length");
+        spec->highlight.push_back(highlight);
+    }
+}
+
+}  // namespace
+
+SearchRequest ParseSearchRequest(const Json::Value &data) {
+    if (!data.isObject()) Bad("\"data\" is not an object");
+    SearchRequest request;
+    request.index_id = IndexId(data["indice"]);
+    SearchSpec &spec = request.spec;
+    spec.from = Count(data["from"], 0, 0, INT32_MAX, "from");
+    spec.size = Count(data["size"], kDefaultPageSize, 0, kMaxPageSize, "size");
+    const Json::Value &query = data["query_string"];
+    if (!query.isNull()) {
+        if (!query.isObject()) Bad("\"query_string\" is not an object");
+        spec.query = String(query["query"], "\"query_string\".\"query\"");
+    }
+    ParseFilters(data, &request);
+    ParseCollector(data, &request);
+    ParseFields(data, &spec);
+    ParseSorter(data, &spec);
+    ParseHighlight(data, &spec);
+    return request;
+}
+
+DocumentRequest ParseDocumentRequest(const Json::Value &data) {
+    if (!data.isObject()) Bad("\"data\" is not an object");
+    DocumentRequest request;
+    request.index_id = String(data["id"], "\"id\"");
+    const Json::Value &doc_id = data["doc_id"];
+    if (!doc_id.isInt() || doc_id.asInt() <= 0) Bad("\"doc_id\" is not a document id");
+    request.doc_id = static_cast<uint32_t>(doc_id.asInt());
+    return request;
+}
+
+}  // namespace zarnd

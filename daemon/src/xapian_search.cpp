@@ -1,0 +1,142 @@
+// SearchIndex on a Xapian database.
+#include <algorithm>
+#include <memory>
+
+#include <xapian.h>
+
+#include "engine.h"
+#include "failure.h"
+#include "fragment.h"
+#include "schema.h"
+#include "xapian_document.h"
+#include "xapian_layout.h"
+#include "xapian_query.h"
+#include "xapian_sort.h"
+
+namespace zarnd {
+
+namespace {
+
+// Keeps only documents the user may read, inside the match, so that the
+// total counts permitted hits only.
+class PermissionDecider : public Xapian::MatchDecider {
+public:
+    explicit PermissionDecider(const Credentials &user) : user_(user) {}
+    bool operator()(const Xapian::Document &doc) const override {
+        return MayRead(user_, doc.get_value(xap::kAccessSlot));
+    }
+
+private:
+    const Credentials &user_;
+};
+
+// A writer may commit while a search reads; the reader then reopens and runs
+// the search again, as long as nothing has been handed out yet.  Hits are
+// read one at a time as they go out, so memory stays at one document.
+constexpr int kSearchAttempts = 3;
+
+class XapianSearchIndex : public SearchIndex {
+public:
+    explicit XapianSearchIndex(const std::string &dir) : db_(dir) {}
+
+    void Search(const SearchSpec &spec, const std::function<void(uint64_t)> &on_total,
+                const std::function<bool(const Hit &)> &on_hit) override {
+        bool started = false;
+        for (int attempt = 1;; ++attempt) {
+            try {
+                Run(spec, on_total, on_hit, &started);
+                return;
+            } catch (const Xapian::DatabaseModifiedError &e) {
+                if (started || attempt == kSearchAttempts)
+                    throw Failure(kInternal, "index changed during the search: " + e.get_msg());
+                db_.reopen();
+            } catch (const Xapian::Error &e) {
+                throw Failure(kInternal, e.get_description());
+            }
+        }
+    }
+
+    bool Fetch(uint32_t doc_id, Json::Value *fields, std::string *access) override {
+        if (doc_id == 0) return false;
+        for (int attempt = 1;; ++attempt) {
+            try {
+                const Xapian::Document doc = db_.get_document(doc_id);
+                *access = doc.get_value(xap::kAccessSlot);
+                return xap::DecodeData(doc.get_data(), true, fields);
+            } catch (const Xapian::DocNotFoundError &) {
+                return false;
+            } catch (const Xapian::DatabaseModifiedError &e) {
+                if (attempt == kSearchAttempts) throw Failure(kInternal, e.get_description());
+                db_.reopen();
+            } catch (const Xapian::Error &e) {
+                throw Failure(kInternal, e.get_description());
+            }
+        }
+    }
+
+private:
+    void Run(const SearchSpec &spec, const std::function<void(uint64_t)> &on_total,
+             const std::function<bool(const Hit &)> &on_hit, bool *started) {
+        Xapian::Enquire enquire(db_);
+        enquire.set_query(xap::ParseQuery(spec.query, db_));
+        std::unique_ptr<xap::SortKeyMaker> sorter;
+        if (!spec.sort.empty()) {
+            sorter.reset(new xap::SortKeyMaker(spec.sort));
+            enquire.set_sort_by_key_then_relevance(sorter.get(), false);
+        }
+        std::unique_ptr<PermissionDecider> decider;
+        if (spec.reader != nullptr && spec.reader->uid != 0)
+            decider.reset(new PermissionDecider(*spec.reader));
+        // Checking every document makes the count exact, not an estimate.
+        const Xapian::MSet mset =
+            enquire.get_mset(spec.from, spec.size, db_.get_doccount(), nullptr, decider.get());
+        *started = true;
+        on_total(mset.get_matches_estimated());
+        for (Xapian::MSetIterator it = mset.begin(); it != mset.end(); ++it)
+            if (!on_hit(MakeHit(mset, it, spec))) return;
+    }
+
+    static Hit MakeHit(const Xapian::MSet &mset, const Xapian::MSetIterator &it,
+                       const SearchSpec &spec) {
+        Hit hit;
+        hit.doc_id = *it;
+        Json::Value stored;
+        if (!xap::DecodeData(it.get_document().get_data(), NeedsText(spec), &stored))
+            stored = Json::Value(Json::objectValue);
+        hit.fields = Json::Value(Json::objectValue);
+        for (const std::string &name : spec.fields)
+            if (stored.isMember(name)) hit.fields[name] = stored[name];
+        for (const HighlightRequest &request : spec.highlight) {
+            const Json::Value &text = stored[request.field];
+            if (!text.isString()) continue;
+            const std::string fragment = CutFragment(
+                mset.snippet(text.asString(), request.frag_length, Xapian::Stem(),
+                             Xapian::MSet::SNIPPET_EMPTY_WITHOUT_MATCH | xap::kTermFlags,
+                             kHighlightStart, kHighlightEnd, "\xE2\x80\xA6"),
+                request.frag_length);
+            if (!fragment.empty()) hit.highlight[request.field] = fragment;
+        }
+        return hit;
+    }
+
+    static bool NeedsText(const SearchSpec &spec) {
+        return !spec.highlight.empty() ||
+               std::find(spec.fields.begin(), spec.fields.end(), field::kTextContent) != spec.fields.end();
+    }
+
+    Xapian::Database db_;
+};
+
+}  // namespace
+
+std::unique_ptr<SearchIndex> OpenSearchIndex(const std::string &dir) {
+    try {
+        return std::unique_ptr<SearchIndex>(new XapianSearchIndex(dir));
+    } catch (const Xapian::DatabaseOpeningError &e) {
+        throw Failure(kNotFound, "no index in " + dir);
+    } catch (const Xapian::Error &e) {
+        throw Failure(kInternal, e.get_description());
+    }
+}
+
+}  // namespace zarnd
