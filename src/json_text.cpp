@@ -1,5 +1,7 @@
 #include "json_text.h"
 
+#include <errno.h>
+
 #include <cstdio>
 #include <memory>
 #include <new>
@@ -40,11 +42,15 @@ const Json::StreamWriterBuilder &Writer() {
 }  // namespace
 
 bool FromString(const std::string &text, Json::Value *value) {
+    std::unique_ptr<Json::CharReader> reader(Reader().newCharReader());
+    // JsonCpp throws the same RuntimeError for nesting beyond its depth limit
+    // (invalid text) and for a string whose malloc failed (no memory); only
+    // the failed malloc leaves ENOMEM behind.
+    errno = 0;
     try {
-        std::unique_ptr<Json::CharReader> reader(Reader().newCharReader());
         if (reader->parse(text.data(), text.data() + text.size(), value, nullptr)) return true;
-    } catch (const std::exception &) {
-        // JsonCpp throws for nesting beyond its depth limit; that is invalid too.
+    } catch (const Json::RuntimeError &) {
+        if (errno == ENOMEM) throw std::bad_alloc();
     }
     *value = Json::Value();
     return false;
