@@ -27,7 +27,7 @@ echo "== valgrind memcheck"
 # The allocation seam replaces malloc in its test: valgrind must leave the
 # executable's own allocator alone and watch libc's.
 ZARN_TEST_WRAPPER="valgrind -q --suppressions=$PWD/tests/valgrind.supp --soname-synonyms=somalloc=nouserintercepts --leak-check=full --errors-for-leak-kinds=definite,indirect --error-exitcode=1" \
-  run_tests build/release -E '^(exported_symbols|c_api_test)$'
+  run_tests build/release -E '^(exported_symbols|abi_compatible)$'
 
 echo "== ASan + UBSan"
 build build/asan -DZARN_SANITIZE=address
