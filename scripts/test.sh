@@ -1,6 +1,7 @@
 #!/bin/sh
 # Installs what is missing, builds, and runs every test: the plain build, the
-# same tests under valgrind, an ASan+UBSan build and a TSan build.
+# same tests under valgrind, an ASan+UBSan build, a TSan build, and each
+# libFuzzer harness for 30 seconds.
 set -eu
 cd "$(dirname "$0")/.."
 sh scripts/setup.sh
@@ -36,3 +37,6 @@ run_tests build/asan
 echo "== TSan"
 build build/tsan -DZARN_SANITIZE=thread
 run_tests build/tsan
+
+echo "== libFuzzer"
+sh scripts/fuzz.sh 30
