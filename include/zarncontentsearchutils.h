@@ -134,7 +134,8 @@ typedef bool (*ZARNSearchCallback)(const _tag_search_record *record, void *user_
 /* ---- Streaming search ---------------------------------------------------- */
 
 /* Allocates a handle, stores it through *handle (even on -2), connects it to
- * the search daemon with 20-second time-outs.  0, -2, or -8 (*handle null). */
+ * the search daemon with 20-second time-outs.  0, -2, or -8 (*handle null);
+ * -1 when handle itself is null. */
 ZARN_EXPORT int ZARNQueryConnectionInit(ZARNQueryHandle **handle);
 
 /* Closes the socket and frees the handle.  Null is a no-op. */
