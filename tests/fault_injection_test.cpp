@@ -243,8 +243,11 @@ bool Accept(const _tag_search_record *, void *) { return true; }
 
 TEST(Descriptors, ExhaustionFailsConnectCleanly) {
     FakeDaemon daemon;
-    Fillers fillers;
+    // A first member call lets UBSan's type check of the class settle while
+    // descriptors are free: checking a new type needs one of its own.
     Connection connection;
+    connection.Close();
+    Fillers fillers;
     const bool connected = connection.Connect(20, CONNECTION_FLAG_NONE);
     const _tag_connection_error error = connection.GetError();
     int code = 0;
