@@ -21,8 +21,12 @@ run_tests() {  # run_tests DIR [CTEST ARGS...]
 }
 
 echo "== plain build"
-build build/release
+build build/release -DZARN_BUILD_BENCH=ON
 run_tests build/release
+
+echo "== bench smoke (tiny N: it must build and give right answers, not figures)"
+timeout 60 sh tests/support/sandbox.sh build/release/bench/zarn_bench --quick \
+  --json build/release/bench-smoke.json >/dev/null
 
 echo "== valgrind memcheck"
 # The allocation seam replaces malloc in its test: valgrind must leave the

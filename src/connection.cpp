@@ -77,7 +77,9 @@ _tag_connection_error ReadReply(int fd, std::string *packet, Json::Value *value)
 
 // Cuts by bytes: a multi-byte character at the limit may be cut in two.
 void CopyText(char *destination, size_t limit, const char *text) {
-    std::snprintf(destination, limit, "%s", text);
+    const size_t length = strnlen(text, limit - 1);
+    std::memcpy(destination, text, length);
+    destination[length] = '\0';
 }
 
 }  // namespace

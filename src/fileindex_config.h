@@ -10,6 +10,8 @@
 
 #include <set>
 #include <string>
+#include <string_view>
+#include <unordered_set>
 
 #include <json/value.h>
 
@@ -22,6 +24,10 @@ constexpr char kFolderConfigPath[] = "/var/packages/Norvex/etc/fileindex.folders
 // when the file is well formed.  A missing file keeps what was read before;
 // an invalid one leaves an empty array.
 const Json::Value &LoadFolderConfig(int bReload);
+
+// Changes whenever LoadFolderConfig replaces the list, so that what is built
+// from the list can tell that it is out of date.
+unsigned long FolderConfigVersion();
 
 // The "path" of every configured folder, unique, in byte order.  An element
 // that is not an object, or whose "path" is not a string, counts as "".
@@ -38,6 +44,9 @@ bool GetFullPath(const std::string &path, int bReload, std::string *full);
 // The absolute paths of the configured folders whose share is known, unique,
 // in byte order.  A rebuild always re-reads the folder list.
 const std::set<std::string> &GetFullPathSet(int bReload);
+
+// GetFullPathSet(bReload) as a hash set of views into it.
+const std::unordered_set<std::string_view> &GetFullPathLookup(int bReload);
 
 }  // namespace fileindex
 }  // namespace zarn

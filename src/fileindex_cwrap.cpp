@@ -10,7 +10,11 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <unordered_map>
+#include <unordered_set>
+#include <utility>
+#include <vector>
 
 #include "fileindex_config.h"
 #include "json_text.h"
@@ -116,11 +120,20 @@ namespace {
 
 struct FolderConfigCache {
     Json::Value config{Json::arrayValue};
-    bool loaded = false;  // once set, never cleared
+    bool loaded = false;       // once set, never cleared
+    unsigned long version = 0; // counts every change of `config`
 };
 
 struct PathSetCache {
     std::set<std::string> paths;
+    bool built = false;
+    unsigned long version = 0;  // counts every rebuild of `paths`
+};
+
+// The full-path set hashed by view, for checks that test many prefixes.
+struct PathLookup {
+    std::unordered_set<std::string_view> views;  // into the set's own strings
+    unsigned long version = 0;                   // of the set it was built from
     bool built = false;
 };
 
@@ -177,8 +190,11 @@ const Json::Value &LoadFolderConfig(int bReload) {
         ZARN_LOG(LOG_ERR, "Failed to load json from %s", kFolderConfigPath);
         cache.config = Json::Value(Json::arrayValue);
     }
+    ++cache.version;
     return cache.config;
 }
+
+unsigned long FolderConfigVersion() { return ConfigCache().version; }
 
 const std::set<std::string> &GetIndexedPathSet(int bReload) {
     PathSetCache &cache = IndexedPaths();
@@ -231,6 +247,7 @@ const std::set<std::string> &GetFullPathSet(int bReload) {
 
     // A rebuild follows the current folder list and share locations.
     const std::set<std::string> &indexed = GetIndexedPathSet(1);
+    ++cache.version;
     cache.paths.clear();
     std::string full;
     for (const std::string &path : indexed) {
@@ -238,6 +255,21 @@ const std::set<std::string> &GetFullPathSet(int bReload) {
     }
     cache.built = !cache.paths.empty();
     return cache.paths;
+}
+
+const std::unordered_set<std::string_view> &GetFullPathLookup(int bReload) {
+    static PathLookup *lookup = new PathLookup;
+    const std::set<std::string> &paths = GetFullPathSet(bReload);
+    const unsigned long version = FullPaths().version;
+    if (lookup->built && lookup->version == version) return lookup->views;
+    // Views of a set that changed must go before anything else can fail.
+    lookup->built = false;
+    lookup->views.clear();
+    lookup->views.reserve(paths.size());
+    for (const std::string &path : paths) lookup->views.insert(path);
+    lookup->version = version;
+    lookup->built = true;
+    return lookup->views;
 }
 
 }  // namespace fileindex
@@ -249,17 +281,50 @@ namespace {
 
 using namespace zarn::fileindex;
 
-bool IsShareIndexed(const char *share_name, int bReload) {
-    const Json::Value &config = LoadFolderConfig(bReload);
+// The share check's view of the folder list, so that a check costs a lookup
+// rather than a walk of every folder: where in the list each share is first
+// named, and where the elements that name no folder stand.
+struct ShareIndex {
+    std::unordered_map<std::string, size_t> first;  // share name -> position
+    std::vector<size_t> unnamed;                    // ascending positions
+    unsigned long version = 0;                      // of the list it was built from
+    bool built = false;
+};
+
+const ShareIndex &SharesOf(const Json::Value &config) {
+    static ShareIndex *cache = new ShareIndex;
+    if (cache->built && cache->version == FolderConfigVersion()) return *cache;
+    // Built aside, so that running out of memory leaves the old one unused
+    // and the next check tries again.
+    ShareIndex index;
+    size_t position = 0;
     for (const Json::Value &element : config) {
         const std::string path = FolderPath(element);
         if (path.empty()) {
-            ZARN_LOG(LOG_ERR, "Failed to share name from path: %s", path.c_str());
-            continue;
+            index.unnamed.push_back(position);
+        } else {
+            index.first.emplace(GetShareNameByPath(path), position);
         }
-        if (GetShareNameByPath(path) == share_name) return true;
+        ++position;
     }
-    return false;
+    index.version = FolderConfigVersion();
+    index.built = true;
+    *cache = std::move(index);
+    return *cache;
+}
+
+// Answers as a walk of the list in order would: each element without a
+// path met before the share's first folder (all of them when there is none)
+// is logged.
+bool IsShareIndexed(const char *share_name, int bReload) {
+    const ShareIndex &index = SharesOf(LoadFolderConfig(bReload));
+    const auto found = index.first.find(share_name);
+    const size_t stop = found != index.first.end() ? found->second : static_cast<size_t>(-1);
+    for (const size_t position : index.unnamed) {
+        if (position > stop) break;
+        ZARN_LOG(LOG_ERR, "Failed to share name from path: %s", "");
+    }
+    return found != index.first.end();
 }
 
 // Only the set's lower bound for the path is examined, so a folder below the
@@ -275,18 +340,24 @@ bool IsPathContainIndexed(const char *path, int bReload) {
 }
 
 // Tests every prefix of the path that ends before a "/", shortest first, with
-// and without a trailing "/", against the folders' absolute paths.
-bool IsFullPathIndexed(const char *full_path, int bReload) {
-    std::string path = full_path;
+// and without a trailing "/", against the folders' absolute paths.  The
+// prefixes are views of the path and are looked up by hash: a check costs
+// the same whatever the number of folders.
+bool FullPathListed(std::string path, int bReload) {
     if (!path.empty() && path.back() != '/') path += '/';
-    const std::set<std::string> &folders = GetFullPathSet(bReload);
+    const std::unordered_set<std::string_view> &folders = GetFullPathLookup(bReload);
     if (folders.empty()) return false;
-    for (size_t slash = path.find('/', 1); slash != std::string::npos;
-         slash = path.find('/', slash + 1)) {
-        if (folders.count(path.substr(0, slash)) != 0 || folders.count(path.substr(0, slash + 1)) != 0)
+    const std::string_view whole(path);
+    for (size_t slash = whole.find('/', 1); slash != std::string_view::npos;
+         slash = whole.find('/', slash + 1)) {
+        if (folders.count(whole.substr(0, slash)) != 0 || folders.count(whole.substr(0, slash + 1)) != 0)
             return true;
     }
     return false;
+}
+
+bool IsFullPathIndexed(const char *full_path, int bReload) {
+    return FullPathListed(full_path, bReload);
 }
 
 bool IsPathIndexed(const char *path, int bReload) {
@@ -295,7 +366,7 @@ bool IsPathIndexed(const char *path, int bReload) {
         ZARN_LOG(LOG_ERR, "Failed to get full path: %s", path);
         return false;
     }
-    return IsFullPathIndexed(full.c_str(), bReload);
+    return FullPathListed(std::move(full), bReload);
 }
 
 // A check answers 1 or 0 and nothing else: a null argument, or memory

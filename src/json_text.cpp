@@ -2,9 +2,11 @@
 
 #include <errno.h>
 
+#include <atomic>
 #include <cstdio>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include <json/reader.h>
 #include <json/writer.h>
@@ -39,20 +41,51 @@ const Json::StreamWriterBuilder &Writer() {
     return *builder;
 }
 
+// One spare reader, kept between parses: building a reader costs about as
+// much as parsing a search hit, and a search parses one packet per hit.  A
+// parse takes the spare (or builds one when another thread holds it) and
+// puts it back, even after a throw: a reader resets all its state at the
+// start of every parse.
+std::atomic<Json::CharReader *> spare_reader{nullptr};
+
+// The spare goes when the library is unloaded; a parse after that builds
+// another, as the first one did.
+__attribute__((destructor)) void DropSpareReader() { delete spare_reader.exchange(nullptr); }
+
+std::unique_ptr<Json::CharReader> TakeReader() {
+    std::unique_ptr<Json::CharReader> reader(spare_reader.exchange(nullptr));
+    if (!reader) reader.reset(Reader().newCharReader());
+    return reader;
+}
+
+void PutBack(std::unique_ptr<Json::CharReader> reader) {
+    delete spare_reader.exchange(reader.release());
+}
+
 }  // namespace
 
 bool FromString(const std::string &text, Json::Value *value) {
-    std::unique_ptr<Json::CharReader> reader(Reader().newCharReader());
+    // Building a reader throws only when memory runs out.
+    std::unique_ptr<Json::CharReader> reader = TakeReader();
+    bool parsed = false;
+    bool out_of_memory = false;
     // JsonCpp throws the same RuntimeError for nesting beyond its depth limit
     // (invalid text) and for a string whose malloc failed (no memory); only
     // the failed malloc leaves ENOMEM behind.
     errno = 0;
     try {
-        if (reader->parse(text.data(), text.data() + text.size(), value, nullptr)) return true;
+        parsed = reader->parse(text.data(), text.data() + text.size(), value, nullptr);
+    } catch (const std::bad_alloc &) {
+        out_of_memory = true;
     } catch (const Json::RuntimeError &) {
-        if (errno == ENOMEM) throw std::bad_alloc();
+        out_of_memory = errno == ENOMEM;
+    } catch (const std::exception &) {
+        // Any other complaint of the parser is about the text.
     }
+    PutBack(std::move(reader));
+    if (parsed) return true;
     *value = Json::Value();
+    if (out_of_memory) throw std::bad_alloc();
     return false;
 }
 
