@@ -46,7 +46,8 @@ public:
     // hits were delivered or the callback returns false.  A request that is
     // not an object, a null callback or an object without a socket give
     // CONNECTION_ERROR_INVALID with nothing written.  An exception from the
-    // callback passes through; the record is freed all the same.
+    // callback passes through, as does std::bad_alloc (or JsonCpp's error)
+    // when memory runs out; the record is freed all the same.
     bool SendQuery(const Json::Value &query, ZARNSearchCallback callback, void *user_data,
                    const std::string &agent, unsigned int uid);
     bool ProcessRepsonse(ZARNSearchCallback callback, void *user_data);

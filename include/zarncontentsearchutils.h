@@ -134,13 +134,14 @@ typedef bool (*ZARNSearchCallback)(const _tag_search_record *record, void *user_
 /* ---- Streaming search ---------------------------------------------------- */
 
 /* Allocates a handle, stores it through *handle (even on -2), connects it to
- * the search daemon with 20-second time-outs.  0, -2, or -8 (*handle null). */
+ * the search daemon with 20-second time-outs.  0, -2, or -8 (*handle null);
+ * -1 when handle itself is null. */
 ZARN_EXPORT int ZARNQueryConnectionInit(ZARNQueryHandle **handle);
 
 /* Closes the socket and frees the handle.  Null is a no-op. */
 ZARN_EXPORT void ZARNQueryConnectionClose(ZARNQueryHandle *handle);
 
-/* Sends one search for the share's index.  0, -1, -5 or -6. */
+/* Sends one search for the share's index.  0, -1, -5, -6 or -8. */
 ZARN_EXPORT int ZARNQueryConnectionOpen(ZARNQueryHandle *handle, const char *share,
                                         const char *query, ZARNQuerySorter *sorters,
                                         int sorter_count, int page, int page_size,
@@ -152,10 +153,12 @@ ZARN_EXPORT int ZARNQueryConnectionOpen(ZARNQueryHandle *handle, const char *sha
 ZARN_EXPORT int ZARNQueryGetNextRecord(ZARNQueryHandle *handle, _tag_search_record **record);
 
 /* Waits up to timeout for a packet, then reads like ZARNQueryGetNextRecord.
- * Returns the next hit, or null at the end, on time-out or on failure. */
+ * Returns the next hit, or null at the end, on time-out or on failure
+ * (memory running out included). */
 ZARN_EXPORT _tag_search_record *ZARNQueryFetchNext(ZARNQueryHandle *handle, struct timeval timeout);
 
-/* The total of the search, reading the header if needed; 0 when unknown. */
+/* The total of the search, reading the header if needed; 0 when unknown
+ * (the header could not be read or parsed, or memory ran out). */
 ZARN_EXPORT int ZARNQueryCount(ZARNQueryHandle *handle);
 
 /* Releases a record from the readers above.  Null is a no-op. */

@@ -15,7 +15,8 @@ enum class ReplyKind {
     kHit,        // has neither
 };
 
-// Parses one packet text into *value and classifies it.  Never throws.
+// Parses one packet text into *value and classifies it.  Throws only when
+// memory runs out (see json_text.h).
 ReplyKind ClassifyReply(const std::string &text, Json::Value *value);
 
 // The header's "total" as a signed 32-bit integer: 0 when absent, and 0 when

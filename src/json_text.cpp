@@ -1,5 +1,7 @@
 #include "json_text.h"
 
+#include <errno.h>
+
 #include <atomic>
 #include <cstdio>
 #include <memory>
@@ -63,18 +65,27 @@ void PutBack(std::unique_ptr<Json::CharReader> reader) {
 }  // namespace
 
 bool FromString(const std::string &text, Json::Value *value) {
-    std::unique_ptr<Json::CharReader> reader;
+    // Building a reader throws only when memory runs out.
+    std::unique_ptr<Json::CharReader> reader = TakeReader();
     bool parsed = false;
+    bool out_of_memory = false;
+    // JsonCpp throws the same RuntimeError for nesting beyond its depth limit
+    // (invalid text) and for a string whose malloc failed (no memory); only
+    // the failed malloc leaves ENOMEM behind.
+    errno = 0;
     try {
-        reader = TakeReader();
         parsed = reader->parse(text.data(), text.data() + text.size(), value, nullptr);
+    } catch (const std::bad_alloc &) {
+        out_of_memory = true;
+    } catch (const Json::RuntimeError &) {
+        out_of_memory = errno == ENOMEM;
     } catch (const std::exception &) {
-        // JsonCpp throws for nesting beyond its depth limit, and when memory
-        // runs out; that is invalid too.
+        // Any other complaint of the parser is about the text.
     }
-    if (reader) PutBack(std::move(reader));
+    PutBack(std::move(reader));
     if (parsed) return true;
     *value = Json::Value();
+    if (out_of_memory) throw std::bad_alloc();
     return false;
 }
 

@@ -1,5 +1,7 @@
 // JSON text helpers over JsonCpp's reader and writer: one JSON text in, one
-// value out, and back.  None of them throws.
+// value out, and back.  They throw only std::bad_alloc (or JsonCpp's error
+// for a string it could not allocate), when memory runs out: that is not a
+// malformed text, and callers report it as such.
 #ifndef ZARN_JSON_TEXT_H
 #define ZARN_JSON_TEXT_H
 

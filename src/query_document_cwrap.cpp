@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
-#include <new>
+#include <exception>
 #include <string>
 
 #include <json/value.h>
@@ -241,9 +241,9 @@ int LookupDocument(ZARNQueryHandle *handle, const char *share, int doc_id,
     if (share == nullptr) return ZARN_ERR_INVALID;
     try {
         return FetchFields(handle->fd, share, doc_id, field_names, field_count, values);
-    } catch (const std::bad_alloc &) {
-    } catch (const Json::RuntimeError &) {
-        // JsonCpp's way of saying that a string value could not be allocated.
+    } catch (const std::exception &) {
+        // With the arguments checked, what is left to throw is memory running
+        // out: std::bad_alloc, or JsonCpp's error when its malloc fails.
     }
     // A failed call hands back no values, not some of them.
     ZeroRecords(values, field_count);

@@ -34,6 +34,10 @@ TEST(AllocationFailure, QueryInit) {
             return code;
         },
         {ZARN_OK, ZARN_ERR_NO_MEMORY});
+    // Only the run that failed the handle's own allocation logs.
+    const auto lines = zarntest::LogsMatching("^query_init_cwrap\\.cpp:[0-9]+ malloc\\(\\) failed$");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].priority, LOG_ERR);
 }
 
 }  // namespace

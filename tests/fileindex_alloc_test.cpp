@@ -21,9 +21,9 @@ protected:
     // Every run answered `no` or `yes`, and the last one, with nothing
     // failing, `yes`.
     template <typename Call>
-    static void Sweep(Call call, int no, int yes) {
+    static void Sweep(Call call, int no, int yes, bool warm_up = true) {
         std::set<int> seen;
-        const size_t runs = zarntest::SweepAllocationFailures(call, &seen);
+        const size_t runs = zarntest::SweepAllocationFailures(call, &seen, 5000, warm_up);
         EXPECT_GT(runs, 1u) << "no allocation was made: the seam is not in place";
         EXPECT_LT(runs, 5000u);
         EXPECT_EQ(seen, (std::set<int>{no, yes}));
@@ -42,10 +42,38 @@ TEST_F(FileIndexAllocation, ChecksAnswerZero) {
     EXPECT_EQ(FILEIDXIsPathContainIndexedEx("/music/a b", 0), 1);
 }
 
+// With bReload 0 a failed run must not leave a half-built cache behind: the
+// next run builds it again, and the last one answers from it.  Each check
+// starts from empty caches, in a process of its own.
+class CachedCheckAllocation : public FileIndexAllocation,
+                              public ::testing::WithParamInterface<int (*)()> {};
+
+TEST_P(CachedCheckAllocation, RebuildsAfterAFailure) { Sweep(GetParam(), 0, 1, false); }
+
+INSTANTIATE_TEST_SUITE_P(
+    Checks, CachedCheckAllocation,
+    ::testing::Values([] { return FILEIDXIsShareIndexedEx("music", 0); },
+                      [] { return FILEIDXIsPathIndexedEx("/music/pop/x", 0); },
+                      [] { return FILEIDXIsFullPathIndexedEx("/var/music/a b", 0); },
+                      [] { return FILEIDXIsPathContainIndexedEx("/music", 0); }));
+
 TEST_F(FileIndexAllocation, PathGetAnswersMinusOne) {
     char out[64];
-    const int length = static_cast<int>(std::string("/var/run/@eaDir/ZARN@file_index_queue").size());
-    Sweep([&out] { return FILEIDXQueuePathGet("music", out, sizeof out); }, -1, length);
+    const int queue = static_cast<int>(std::string("/var/run/@eaDir/ZARN@file_index_queue").size());
+    Sweep([&out] { return FILEIDXQueuePathGet("music", out, sizeof out); }, -1, queue);
+    const int db = static_cast<int>(std::string("/var/run/@eaDir/ZARN@.fileindexdb").size());
+    Sweep([&out] { return FILEIDXDBPathGet("music", out, sizeof out); }, -1, db);
+}
+
+// The functions that only compose a text allocate nothing, so memory cannot
+// make them fail.
+TEST_F(FileIndexAllocation, ComposingAllocatesNothing) {
+    char out[64];
+    zarntest::ArmAllocationFailure(0);
+    EXPECT_EQ(FILEIDXGetIndexID("music", out, sizeof out), 1);
+    EXPECT_GT(FILEIDXDBPathCompose("/var/run", out, sizeof out), 0);
+    EXPECT_GT(FILEIDXQueuePathCompose("/var/run", out, sizeof out), 0);
+    EXPECT_EQ(zarntest::DisarmAllocationFailure(), 0u);
 }
 
 }  // namespace

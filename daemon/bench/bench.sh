@@ -1,6 +1,7 @@
 #!/bin/sh
-# Index build rate and search latency on a copy of /usr/share/doc, inside a
-# private namespace (nothing outside it is touched).
+# Index build rate, then search latency and rate with one client and with
+# four at once, on a copy of /usr/share/doc, inside a private namespace
+# (nothing outside it is touched).
 #   sh daemon/bench/bench.sh BUILD_DIR [ROUNDS]
 set -eu
 build=$(cd "$1" && pwd)
@@ -20,7 +21,9 @@ exec sh "$here/../../tests/support/sandbox.sh" sh -c '
   "$build/daemon/zarnelasticd" --foreground 2>/dev/null &
   daemon=$!
   while [ ! -S /var/run/zarnelasticd.sock ]; do sleep 0.1; done
-  echo "--- search latency, $rounds rounds per query, one connection per search"
-  "$build/daemon/zarnelasticd_bench" doc "$rounds"
+  for clients in 1 4; do
+    echo "--- searches, $clients client(s), $rounds rounds per query each, one connection per search"
+    "$build/daemon/zarnelasticd_bench" doc "$rounds" "$clients"
+  done
   kill "$daemon"; wait "$daemon" || true
 ' bench "$build" "$rounds"

@@ -44,10 +44,10 @@ size_t DisarmAllocationFailure() {
 }
 
 size_t SweepAllocationFailures(const std::function<int()> &scenario, std::set<int> *results,
-                               size_t limit) {
+                               size_t limit, bool warm_up) {
     // Unarmed first, so that what the library keeps between calls (its spare
     // JSON reader) is built and every armed run allocates in the same order.
-    (void)scenario();
+    if (warm_up) (void)scenario();
     for (size_t n = 1; n <= limit; ++n) {
         ArmAllocationFailure(n);
         const int result = scenario();
