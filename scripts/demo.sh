@@ -1,0 +1,215 @@
+#!/bin/sh
+# Shows the whole system at work on real files: installs what is missing,
+# builds, then inside a private mount namespace (a fresh tmpfs over /var;
+# nothing outside it is touched) makes a share from a copy of /usr/share/doc,
+# indexes it, starts zarnelasticd and runs searches through zarnsearch.
+#
+# Usage: sh scripts/demo.sh           the demo
+#        sh scripts/demo.sh --shell   the same sandbox, with a shell instead
+#                                     of the searches, to run your own
+set -eu
+
+usage() {
+  echo "usage: sh scripts/demo.sh [--shell]"
+}
+
+share=doc
+share_root=/var/shares/$share
+share_table=/var/run/zarn-shares
+folder_config=/var/packages/Norvex/etc/fileindex.folders
+socket=/var/run/zarnelasticd.sock
+daemon_log=/var/run/zarnelasticd.log
+
+# ---- inside the sandbox ----------------------------------------------------
+
+# The command line as one would type it: words with special characters quoted.
+quoted() {
+  line=
+  for word in "$@"; do
+    case $word in
+      *[!A-Za-z0-9_./:=+-]* | "") word="'$(printf '%s' "$word" | sed "s/'/'\\\\''/g")'" ;;
+    esac
+    line="$line${line:+ }$word"
+  done
+  printf '%s' "$line"
+}
+
+# show HEADING COMMAND...: a heading, the command, its output, and its exit
+# status when that is not 0 (an indexed check answers "no" with 1).
+show() {
+  printf '\n== %s\n$ %s\n' "$1" "$(shift; quoted "$@")"
+  shift
+  status=0
+  "$@" || status=$?
+  [ "$status" -eq 0 ] || echo "(exit status $status)"
+}
+
+# The folder with the most numbered file names, where natural order shows.
+numbered_folder() {
+  find "$share_root" -path "$share_root/@eaDir" -prune -o -type f -name '*[0-9]*' -printf '%h\n' |
+    grep -E '^[A-Za-z0-9_./-]+$' | sort | uniq -c | sort -rn | awk 'NR == 1 { print $2 }'
+}
+
+daemon_pid=
+stop_daemon() {
+  if [ -n "$daemon_pid" ]; then
+    kill -TERM "$daemon_pid" 2>/dev/null || true
+    wait "$daemon_pid" 2>/dev/null || true
+    daemon_pid=
+  fi
+}
+
+start_daemon() {
+  zarnelasticd --foreground 2>"$daemon_log" &
+  daemon_pid=$!
+  tries=0
+  until [ -S "$socket" ]; do
+    tries=$((tries + 1))
+    if [ "$tries" -gt 100 ] || ! kill -0 "$daemon_pid" 2>/dev/null; then
+      echo "zarnelasticd did not start; its log:" >&2
+      cat "$daemon_log" >&2
+      exit 1
+    fi
+    sleep 0.1
+  done
+}
+
+prepare() {
+  mount -t tmpfs -o mode=0755 tmpfs /var
+  mkdir -p /var/run /var/shares "$(dirname "$folder_config")"
+  # Log lines go to the terminal (the daemon runs in the foreground), not to
+  # the machine's log.
+  if [ -e /dev/log ]; then mount --bind /dev/null /dev/log; fi
+
+  echo "== Making share '$share' from a copy of /usr/share/doc ($(find /usr/share/doc | wc -l) entries)"
+  cp -RP --preserve=mode,timestamps /usr/share/doc "$share_root"
+  printf '%s\t%s\n' "$share" "$share_root" >"$share_table"
+  export ZARN_SHARE_TABLE="$share_table"
+  printf '[{"path": "/%s"}]\n' "$share" >"$folder_config"
+  echo "share table $share_table:"
+  sed 's/^/  /' "$share_table"
+  echo "indexed folders $folder_config:"
+  sed 's/^/  /' "$folder_config"
+
+  echo
+  echo "== Indexing"
+  zarnelasticd index
+  start_daemon
+  echo "zarnelasticd answers on $socket"
+}
+
+searches() {
+  show "A plain query: words are looked for in file names and text" \
+    zarnsearch search "$share" license --size 5
+  show "A phrase" \
+    zarnsearch search "$share" '"GNU General Public License"' --size 5
+  show "A field query: files named copyright that mention xapian" \
+    zarnsearch search "$share" 'ZARNMDFSName:copyright xapian' --size 5
+  show "A range over a number field: files of 1 MB or more, largest first" \
+    zarnsearch search "$share" 'ZARNMDFSSize:1000000..1000000000000' --sort ZARNMDFSSize:desc --size 5
+
+  folder=$(numbered_folder)
+  if [ -n "$folder" ]; then
+    parent=/$share${folder#"$share_root"}
+    show "Names from the last, compared character by character" \
+      zarnsearch search "$share" "ZARNMDParent:$parent" --sort ZARNMDFSName:desc --size 5
+    show "Names from the last, in natural order: numbers in them compare by value" \
+      zarnsearch search "$share" "ZARNMDParent:$parent" --sort ZARNMDFSName:desc:natural --size 5
+  fi
+
+  show "The second page of three, with the highlighted fragments" \
+    zarnsearch search "$share" xapian --highlight --page 1 --size 3
+  show "The same hits for programs: one JSON object per line" \
+    zarnsearch search "$share" xapian --page 1 --size 3 --json
+  show "A count" zarnsearch count "$share" license
+  show "Every document" zarnsearch count "$share" '*'
+
+  hit=$(zarnsearch search "$share" 'ZARNMDFSName:copyright xapian' --size 1 --json | sed -n 2p)
+  doc_id=$(printf '%s' "$hit" | sed -n 's/.*"doc_id":\([0-9]*\).*/\1/p')
+  path=$(printf '%s' "$hit" | sed -n 's/.*"path":"\([^"]*\)".*/\1/p')
+  if [ -n "$doc_id" ]; then
+    show "A document's fields, typed; one it lacks and one nobody knows" \
+      zarnsearch doc "$share" "$doc_id" ZARNMDPath ZARNMDFSSize ZARNMDIsDir \
+      ZARNMDFSContentChangeDate ZARNMDOwnerUserID ZARNMDTitle ZARNMDColour
+  fi
+
+  show "Where the share's index lives" zarnsearch where "$share"
+  show "Is the share indexed?" zarnsearch indexed share "$share"
+  show "Is a share that does not exist indexed?" zarnsearch indexed share music
+  if [ -n "$path" ]; then
+    folder_path=${path%/*}
+    show "Is a folder inside the share indexed?" zarnsearch indexed path "$folder_path"
+    show "The same folder by its file-system path" \
+      zarnsearch indexed full-path "$share_root${folder_path#/"$share"}"
+  fi
+  show "Does the share's root contain an indexed folder?" zarnsearch indexed contains "/$share"
+}
+
+own_shell() {
+  cat <<EOF
+
+== A shell in the sandbox: share '$share' at $share_root, zarnelasticd running.
+Try:  zarnsearch search $share 'your words' --highlight
+      zarnsearch --help          zarnsearch search --help
+Leave with 'exit'; the sandbox and everything in it go away.
+EOF
+  if command -v bash >/dev/null; then
+    PS1='[zarn sandbox] \w\$ ' bash --norc -i || true
+  else
+    PS1='[zarn sandbox] $ ' sh -i || true
+  fi
+}
+
+in_sandbox() {
+  build=$1 mode=$2
+  PATH=$build/tools:$build/daemon:$PATH
+  export PATH
+  trap stop_daemon EXIT
+  trap 'exit 130' INT TERM
+  prepare
+  if [ "$mode" = shell ]; then
+    own_shell
+  else
+    searches
+    echo
+    echo "== Stopping zarnelasticd"
+    stop_daemon
+    echo "Your own queries: sh scripts/demo.sh --shell opens a shell in the same sandbox."
+  fi
+}
+
+# ---- outside -----------------------------------------------------------------
+
+mode=demo
+case ${1:-} in
+  "") ;;
+  --shell) mode=shell ;;
+  --in-sandbox)
+    shift
+    in_sandbox "$@"
+    exit 0
+    ;;
+  -h | --help)
+    usage
+    exit 0
+    ;;
+  *)
+    usage >&2
+    exit 2
+    ;;
+esac
+
+cd "$(dirname "$0")/.."
+sh scripts/setup.sh
+build=$PWD/build/release
+log=$build/demo-build.log
+echo "== Building zarnelasticd and zarnsearch in $build (log: $log)"
+mkdir -p "$build"
+if ! { cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo &&
+  cmake --build "$build" -j "$(nproc 2>/dev/null || echo 2)" --target zarnelasticd zarnsearch; } \
+  >"$log" 2>&1; then
+  tail -n 30 "$log" >&2
+  echo "the build failed; the whole log is in $log" >&2
+  exit 1
+fi
+exec unshare -Urm sh "$0" --in-sandbox "$build" "$mode"
