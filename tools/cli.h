@@ -26,7 +26,7 @@ enum ExitCode {
 // Common to every command's help text.
 extern const char kExitCodeHelp[];
 
-struct OptionSpec {
+struct OptionRule {
     const char *name;  // without the leading "--"
     bool takes_value;
     bool repeatable;
@@ -38,7 +38,7 @@ struct Command {
     const char *name;
     const char *summary;  // one line for the overview
     const char *help;     // usage, description and options
-    std::vector<OptionSpec> options;
+    std::vector<OptionRule> options;
     size_t min_words, max_words;  // positional words accepted
     int (*run)(const Args &args);
 };

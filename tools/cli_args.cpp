@@ -10,9 +10,9 @@ namespace zarncli {
 
 namespace {
 
-const OptionSpec *FindOption(const Command &command, const std::string &name) {
-    for (const OptionSpec &spec : command.options)
-        if (name == spec.name) return &spec;
+const OptionRule *FindOption(const Command &command, const std::string &name) {
+    for (const OptionRule &rule : command.options)
+        if (name == rule.name) return &rule;
     return nullptr;
 }
 
@@ -30,17 +30,17 @@ bool ParseOption(const Command &command, const std::string &word, int argc,
         (name == "help" ? args->help : args->verbose) = true;
         return true;
     }
-    const OptionSpec *spec = FindOption(command, name);
-    if (spec == nullptr) {
+    const OptionRule *rule = FindOption(command, name);
+    if (rule == nullptr) {
         *error = "unknown option --" + name;
         return false;
     }
-    if (!spec->repeatable && args->Has(spec->name)) {
+    if (!rule->repeatable && args->Has(rule->name)) {
         *error = "option --" + name + " given twice";
         return false;
     }
     std::string value;
-    if (!spec->takes_value) {
+    if (!rule->takes_value) {
         if (equals != std::string::npos) {
             *error = "option --" + name + " takes no value";
             return false;
@@ -53,7 +53,7 @@ bool ParseOption(const Command &command, const std::string &word, int argc,
         *error = "option --" + name + " needs a value";
         return false;
     }
-    args->options[spec->name].push_back(value);
+    args->options[rule->name].push_back(value);
     return true;
 }
 

@@ -32,7 +32,7 @@ struct HighlightRequest {
     size_t frag_length = 0;
 };
 
-struct SearchSpec {
+struct SearchPlan {
     std::string query;  // query-string syntax; "" or "*" matches everything
     uint32_t from = 0;
     uint32_t size = 0;
@@ -55,7 +55,7 @@ public:
 
     // The exact number of permitted matches, then the hits of the requested
     // page in order.  `on_hit` returns false to stop early.
-    virtual void Search(const SearchSpec &spec, const std::function<void(uint64_t)> &on_total,
+    virtual void Search(const SearchPlan &plan, const std::function<void(uint64_t)> &on_total,
                         const std::function<bool(const Hit &)> &on_hit) = 0;
 
     // Every stored field of document `doc_id` and its encoded access chain;

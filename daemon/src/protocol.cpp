@@ -48,12 +48,12 @@ void Search(const Json::Value &data, const Peer &peer, const PacketSink &send) {
              request.agent.c_str(),
              request.has_collector_uid ? request.collector_uid : static_cast<unsigned>(peer.uid),
              static_cast<unsigned>(peer.uid), request.index_id.c_str());
-    SearchSpec spec = request.spec;
-    spec.reader = reader.get();
+    SearchPlan plan = request.plan;
+    plan.reader = reader.get();
     bool reachable = true;
     OpenIndex(request.index_id)
         ->Search(
-            spec,
+            plan,
             [&](uint64_t total) {
                 Json::Value header;
                 header["total"] = Json::UInt64(total);

@@ -63,16 +63,16 @@ void ParseCollector(const Json::Value &data, SearchRequest *request) {
     }
 }
 
-void ParseFields(const Json::Value &data, SearchSpec *spec) {
+void ParseFields(const Json::Value &data, SearchPlan *plan) {
     if (!data.isMember("fields")) {
-        spec->fields = {field::kPath, field::kFSName, field::kExtension, field::kIsDir};
+        plan->fields = {field::kPath, field::kFSName, field::kExtension, field::kIsDir};
         return;
     }
     for (const Json::Value &name : Array(data, "fields"))
-        spec->fields.push_back(String(name, "an entry of \"fields\""));
+        plan->fields.push_back(String(name, "an entry of \"fields\""));
 }
 
-void ParseSorter(const Json::Value &data, SearchSpec *spec) {
+void ParseSorter(const Json::Value &data, SearchPlan *plan) {
     for (const Json::Value &entry : Array(data, "sorter")) {
         if (!entry.isObject()) Bad("a sort key is not an object");
         SortKey key;
@@ -84,18 +84,18 @@ void ParseSorter(const Json::Value &data, SearchSpec *spec) {
         const Json::Value &natural = entry["nature_sort"];
         if (!natural.isNull() && !natural.isBool()) Bad("\"nature_sort\" is not a boolean");
         key.natural = natural.asBool();
-        spec->sort.push_back(key);
+        plan->sort.push_back(key);
     }
 }
 
-void ParseHighlight(const Json::Value &data, SearchSpec *spec) {
+void ParseHighlight(const Json::Value &data, SearchPlan *plan) {
     for (const Json::Value &entry : Array(data, "highlight")) {
         if (!entry.isObject()) Bad("a highlight is not an object");
         HighlightRequest highlight;
         highlight.field = String(entry["field"], "a highlight's \"field\"");
         highlight.frag_length =
             Count(entry["frag_length"], kDefaultFragLength, 1, kMaxFragLength, "frag_length");
-        spec->highlight.push_back(highlight);
+        plan->highlight.push_back(highlight);
     }
 }
 
@@ -105,19 +105,19 @@ SearchRequest ParseSearchRequest(const Json::Value &data) {
     if (!data.isObject()) Bad("\"data\" is not an object");
     SearchRequest request;
     request.index_id = IndexId(data["indice"]);
-    SearchSpec &spec = request.spec;
-    spec.from = Count(data["from"], 0, 0, INT32_MAX, "from");
-    spec.size = Count(data["size"], kDefaultPageSize, 0, kMaxPageSize, "size");
+    SearchPlan &plan = request.plan;
+    plan.from = Count(data["from"], 0, 0, INT32_MAX, "from");
+    plan.size = Count(data["size"], kDefaultPageSize, 0, kMaxPageSize, "size");
     const Json::Value &query = data["query_string"];
     if (!query.isNull()) {
         if (!query.isObject()) Bad("\"query_string\" is not an object");
-        spec.query = String(query["query"], "\"query_string\".\"query\"");
+        plan.query = String(query["query"], "\"query_string\".\"query\"");
     }
     ParseFilters(data, &request);
     ParseCollector(data, &request);
-    ParseFields(data, &spec);
-    ParseSorter(data, &spec);
-    ParseHighlight(data, &spec);
+    ParseFields(data, &plan);
+    ParseSorter(data, &plan);
+    ParseHighlight(data, &plan);
     return request;
 }
 

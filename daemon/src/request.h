@@ -21,7 +21,7 @@ constexpr size_t kMaxListEntries = 64;  // fields, sort keys, highlights, filter
 // "data" of a "search".
 struct SearchRequest {
     std::string index_id;
-    SearchSpec spec;  // reader left null: the caller decides who reads
+    SearchPlan plan;  // reader left null: the caller decides who reads
     bool has_permission_uid = false;
     uint32_t permission_uid = 0;  // "filters": [{"name": "permission", "data": uid}]
     std::string agent;            // "collector"

@@ -39,12 +39,12 @@ class XapianSearchIndex : public SearchIndex {
 public:
     explicit XapianSearchIndex(const std::string &dir) : db_(dir) {}
 
-    void Search(const SearchSpec &spec, const std::function<void(uint64_t)> &on_total,
+    void Search(const SearchPlan &plan, const std::function<void(uint64_t)> &on_total,
                 const std::function<bool(const Hit &)> &on_hit) override {
         bool started = false;
         for (int attempt = 1;; ++attempt) {
             try {
-                Run(spec, on_total, on_hit, &started);
+                Run(plan, on_total, on_hit, &started);
                 return;
             } catch (const Xapian::DatabaseModifiedError &e) {
                 if (started || attempt == kSearchAttempts)
@@ -75,38 +75,38 @@ public:
     }
 
 private:
-    void Run(const SearchSpec &spec, const std::function<void(uint64_t)> &on_total,
+    void Run(const SearchPlan &plan, const std::function<void(uint64_t)> &on_total,
              const std::function<bool(const Hit &)> &on_hit, bool *started) {
         Xapian::Enquire enquire(db_);
-        enquire.set_query(xap::ParseQuery(spec.query, db_));
+        enquire.set_query(xap::ParseQuery(plan.query, db_));
         std::unique_ptr<xap::SortKeyMaker> sorter;
-        if (!spec.sort.empty()) {
-            sorter.reset(new xap::SortKeyMaker(spec.sort));
+        if (!plan.sort.empty()) {
+            sorter.reset(new xap::SortKeyMaker(plan.sort));
             enquire.set_sort_by_key_then_relevance(sorter.get(), false);
         }
         std::unique_ptr<PermissionDecider> decider;
-        if (spec.reader != nullptr && spec.reader->uid != 0)
-            decider.reset(new PermissionDecider(*spec.reader));
+        if (plan.reader != nullptr && plan.reader->uid != 0)
+            decider.reset(new PermissionDecider(*plan.reader));
         // Checking every document makes the count exact, not an estimate.
         const Xapian::MSet mset =
-            enquire.get_mset(spec.from, spec.size, db_.get_doccount(), nullptr, decider.get());
+            enquire.get_mset(plan.from, plan.size, db_.get_doccount(), nullptr, decider.get());
         *started = true;
         on_total(mset.get_matches_estimated());
         for (Xapian::MSetIterator it = mset.begin(); it != mset.end(); ++it)
-            if (!on_hit(MakeHit(mset, it, spec))) return;
+            if (!on_hit(MakeHit(mset, it, plan))) return;
     }
 
     static Hit MakeHit(const Xapian::MSet &mset, const Xapian::MSetIterator &it,
-                       const SearchSpec &spec) {
+                       const SearchPlan &plan) {
         Hit hit;
         hit.doc_id = *it;
         Json::Value stored;
-        if (!xap::DecodeData(it.get_document().get_data(), NeedsText(spec), &stored))
+        if (!xap::DecodeData(it.get_document().get_data(), NeedsText(plan), &stored))
             stored = Json::Value(Json::objectValue);
         hit.fields = Json::Value(Json::objectValue);
-        for (const std::string &name : spec.fields)
+        for (const std::string &name : plan.fields)
             if (stored.isMember(name)) hit.fields[name] = stored[name];
-        for (const HighlightRequest &request : spec.highlight) {
+        for (const HighlightRequest &request : plan.highlight) {
             const Json::Value &text = stored[request.field];
             if (!text.isString()) continue;
             const std::string fragment = CutFragment(
@@ -119,9 +119,9 @@ private:
         return hit;
     }
 
-    static bool NeedsText(const SearchSpec &spec) {
-        return !spec.highlight.empty() ||
-               std::find(spec.fields.begin(), spec.fields.end(), field::kTextContent) != spec.fields.end();
+    static bool NeedsText(const SearchPlan &plan) {
+        return !plan.highlight.empty() ||
+               std::find(plan.fields.begin(), plan.fields.end(), field::kTextContent) != plan.fields.end();
     }
 
     Xapian::Database db_;

@@ -232,24 +232,24 @@ TEST(DaemonRequest, SearchDefaultsAndMembers) {
         R"("fields":["ZARNMDPath"],"sorter":[{"field":"ZARNMDFSName","direction":"desc","nature_sort":true}],)"
         R"("highlight":[{"field":"ZARNMDTextContent","frag_length":40}]})"));
     EXPECT_EQ("fileindex_s", r.index_id);
-    EXPECT_EQ(20u, r.spec.from);
-    EXPECT_EQ(5u, r.spec.size);
-    EXPECT_EQ("q", r.spec.query);
+    EXPECT_EQ(20u, r.plan.from);
+    EXPECT_EQ(5u, r.plan.size);
+    EXPECT_EQ("q", r.plan.query);
     EXPECT_TRUE(r.has_permission_uid);
     EXPECT_EQ(3000000000u, r.permission_uid);
     EXPECT_EQ("ag", r.agent);
     EXPECT_EQ(7u, r.collector_uid);
-    ASSERT_EQ(1u, r.spec.sort.size());
-    EXPECT_TRUE(r.spec.sort[0].descending);
-    EXPECT_TRUE(r.spec.sort[0].natural);
-    ASSERT_EQ(1u, r.spec.highlight.size());
-    EXPECT_EQ(40u, r.spec.highlight[0].frag_length);
+    ASSERT_EQ(1u, r.plan.sort.size());
+    EXPECT_TRUE(r.plan.sort[0].descending);
+    EXPECT_TRUE(r.plan.sort[0].natural);
+    ASSERT_EQ(1u, r.plan.highlight.size());
+    EXPECT_EQ(40u, r.plan.highlight[0].frag_length);
 
     const SearchRequest d = ParseSearchRequest(Parse(R"({"indice":"fileindex_s"})"));
-    EXPECT_EQ(0u, d.spec.from);
-    EXPECT_EQ(kDefaultPageSize, d.spec.size);
+    EXPECT_EQ(0u, d.plan.from);
+    EXPECT_EQ(kDefaultPageSize, d.plan.size);
     EXPECT_FALSE(d.has_permission_uid);
-    EXPECT_EQ(4u, d.spec.fields.size());
+    EXPECT_EQ(4u, d.plan.fields.size());
 }
 
 TEST(DaemonRequest, MalformedMembersAreBadRequests) {
