@@ -1,43 +1,195 @@
-// Every C entry point, run with its 1st, 2nd, 3rd ... allocation failing:
-// each run must end with a defined result, no escaped exception and (under
-// valgrind, which runs this suite too) no leak.
+// Every exported entry point, run with its 1st, 2nd, 3rd ... allocation
+// failing until a run gets through: each failed run ends with the documented
+// result, no exception escapes, the run after it works, and (under valgrind,
+// which runs this suite too) nothing leaks.  One process per test case.
+#include <cstring>
+#include <functional>
 #include <set>
+#include <string>
 
 #include <gtest/gtest.h>
 
 #include "alloc_fail.h"
 #include "harness.h"
-#include "zarncontentsearchutils.h"
+#include "zarn_connection.h"
+
+using namespace zarntest;
 
 namespace {
 
-using zarntest::SweepAllocationFailures;
-
-// Runs the sweep and checks that every result was one of `allowed`.
-template <typename Scenario>
-void Sweep(Scenario scenario, const std::set<int> &allowed) {
-    std::set<int> seen;
-    const size_t runs = SweepAllocationFailures(scenario, &seen);
-    EXPECT_GT(runs, 1u) << "no allocation was made: the seam is not in place";
-    EXPECT_LT(runs, 5000u);
-    for (int result : seen) EXPECT_EQ(1u, allowed.count(result)) << "unexpected result " << result;
+// Runs prepare(), call() with allocation n failing, finish() for n = 1, 2, ...
+// until call() gets through, and expects results {failure, success}, the
+// last run's being `success`.  A warm sweep first runs once with nothing
+// failing, so that what the library keeps between calls exists and every
+// run allocates in the same order; a cold one sweeps building it too.
+void Sweep(const std::function<int()> &call, int failure, int success, bool warm = true,
+           const std::function<void()> &prepare = [] {}, const std::function<void()> &finish = [] {}) {
+    if (warm) prepare(), call(), finish();
+    std::set<int> results;
+    for (size_t n = 1; n < 5000; ++n) {
+        prepare();
+        ArmAllocationFailure(n);
+        int result = -1000;  // an escaped exception
+        try {
+            result = call();
+        } catch (...) {
+        }
+        const bool reached = DisarmAllocationFailure() >= n;
+        finish();
+        results.insert(result);
+        if (!reached) {
+            EXPECT_GT(n, 1u) << "the seam is not in place";
+            EXPECT_EQ(result, success);
+            EXPECT_EQ(results, (std::set<int>{failure, success}));
+            return;
+        }
+    }
+    ADD_FAILURE() << "the sweep did not end";
 }
 
-TEST(AllocationFailure, QueryInit) {
-    zarntest::FakeDaemon daemon(std::vector<zarntest::Step>{});
-    Sweep(
-        [] {
-            ZARNQueryHandle *handle = nullptr;
-            const int code = ZARNQueryConnectionInit(&handle);
-            if (code == ZARN_ERR_NO_MEMORY && handle != nullptr) return 99;
-            ZARNQueryConnectionClose(handle);
-            return code;
-        },
-        {ZARN_OK, ZARN_ERR_NO_MEMORY});
+std::vector<Step> HeaderAndHit() {
+    return {Send(R"({"total":1})"), Send(Hit("/m/a", 1)), Send(R"({"success":true})")};
+}
+
+// A handle whose replies are all on the socket before the call.
+class Streaming : public testing::Test {
+protected:
+    void Connect() {
+        daemon_.Queue(HeaderAndHit());
+        ASSERT_EQ(ZARNQueryConnectionInit(&h_), 0);
+        daemon_.WaitFinished(++connections_);
+    }
+    void Sweep(const std::function<int()> &call, int failure, int success, bool warm = true) {
+        ::Sweep(call, failure, success, warm, [this] { Connect(); }, [this] { ZARNQueryConnectionClose(h_); });
+    }
+    FakeDaemon daemon_{std::vector<Step>{}};
+    ZARNQueryHandle *h_ = nullptr;
+    size_t connections_ = 0;
+};
+
+TEST_F(Streaming, InitOpenAndTheReaders) {
+    ::Sweep([] {
+        ZARNQueryHandle *handle = nullptr;
+        const int code = ZARNQueryConnectionInit(&handle);
+        ZARNQueryConnectionClose(handle);
+        return code == ZARN_ERR_NO_MEMORY && handle != nullptr ? 99 : code;
+    }, ZARN_ERR_NO_MEMORY, ZARN_OK);
     // Only the run that failed the handle's own allocation logs.
-    const auto lines = zarntest::LogsMatching("^query_init_cwrap\\.cpp:[0-9]+ malloc\\(\\) failed$");
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].priority, LOG_ERR);
+    ASSERT_EQ(LogsMatching("^query_init_cwrap\\.cpp:[0-9]+ malloc\\(\\) failed$").size(), 1u);
+    EXPECT_EQ(LogsMatching("malloc")[0].priority, LOG_ERR);
+    ZARNQuerySorter sorter = {3, "ZARNMDPath"};
+    Sweep([this, &sorter] {
+        return ZARNQueryConnectionOpen(h_, "m", "q", &sorter, 1, 0, 20, "a", 1, CONNECTION_FLAG_HIGHLIGHT);
+    }, ZARN_ERR_NO_MEMORY, ZARN_OK);
+    Sweep([this] {
+        _tag_search_record *record = nullptr;
+        const int code = ZARNQueryGetNextRecord(h_, &record);
+        ZARNQueryFreeRecord(record);
+        return code == ZARN_OK && record != nullptr ? 1 : code;
+    }, ZARN_ERR_NO_MEMORY, 1);
+    Sweep([this] {
+        _tag_search_record *record = ZARNQueryFetchNext(h_, timeval{5, 0});
+        ZARNQueryFreeRecord(record);
+        return record != nullptr ? 1 : 0;
+    }, 0, 1);
+    Sweep([this] { return ZARNQueryCount(h_); }, 0, 1);
+    // Memory running out while a reply is parsed is never a malformed reply.
+    EXPECT_TRUE(LogsMatching("response format is wrong").empty());
 }
+
+// The first parse of the process builds the spare reader; failing there is
+// memory running out too, and a later run finds the reader built.
+TEST_F(Streaming, FirstReaderBuiltUnderFailure) { Sweep([this] { return ZARNQueryCount(h_); }, 0, 1, false); }
+
+TEST(CallbackSearch, FailsWithNoMemory) {
+    FakeDaemon daemon;
+    std::set<int> codes;
+    Sweep([&codes] {
+        int code = 0;
+        const int result = ZARNSearchQuerySend("m", "q", 10, 0, [](const _tag_search_record *, void *) { return true; },
+                                               nullptr, "a", 1, &code);
+        if (result == 0) codes.insert(code);
+        return result;
+    }, 0, 1, true, [&daemon] {
+        std::vector<Step> script = HeaderAndHit();
+        script.insert(script.begin(), ReadRequest());
+        daemon.Queue(script);
+    });
+    EXPECT_EQ(codes, std::set<int>{ZARN_ERR_NO_MEMORY});
+    EXPECT_TRUE(LogsMatching("response format is wrong").empty());
+    // The record builder throws and frees what it took.
+    Json::Value hit = Hit("/m/a", 1);
+    hit["highlight"]["ZARNMDTextContent"] = "t";
+    Sweep([&hit] {
+        try {
+            ZARNQueryFreeRecord(ZARN::IR::DAEMON::Connection::BuildRecordFromJson(hit));
+            return 0;
+        } catch (const std::bad_alloc &) {
+            return -8;
+        }
+    }, -8, 0);
+}
+
+// A failed lookup hands back all records zeroed, a good one all values.
+TEST(DocumentLookup, FailsWholeOrSucceedsWhole) {
+    FakeDaemon daemon({ReadRequest(), Send(R"({"success":true,"data":{"ZARNMDAcquisitionModel":"a long camera )"
+                                           R"(model name","ZARNMDContentModificationDate":1700000000}})")});
+    const char *keys[] = {"ZARNMDAcquisitionModel", "ZARNMDContentModificationDate",
+                          "ZARNMDUnknownButLongEnoughToAllocate"};
+    Sweep([&keys] {
+        ZARNQueryDocumentFieldValue got[3], zero[3] = {};
+        std::memset(got, 0xAB, sizeof got);
+        const int code = ZARNQueryDocumentFieldGet("music", 5, keys, 3, got);
+        if (code == ZARN_ERR_NO_MEMORY) return std::memcmp(got, zero, sizeof got) == 0 ? code : 99;
+        if (code == ZARN_OK && (std::strcmp(got[0].value.string_value, "a long camera model name") != 0 ||
+                                got[1].value.int_value != 1700000000 || got[2].type != 0))
+            return 98;
+        return code;
+    }, ZARN_ERR_NO_MEMORY, ZARN_OK);
+    EXPECT_TRUE(LogsMatching("response format is wrong").empty());
+}
+
+class FileIndex : public testing::Test {
+protected:
+    void SetUp() override {
+        SetShareTable({{"music", "/var/run"}});
+        WriteFile(kFolderConfig, R"([{"path": "/music/pop"}, {"path": "/music/a b"}])");
+    }
+};
+
+TEST_F(FileIndex, ChecksAnswerZeroAndPathsMinusOne) {
+    Sweep([] { return FILEIDXIsShareIndexed("music"); }, 0, 1);
+    Sweep([] { return FILEIDXIsPathContainIndexed("/music"); }, 0, 1);
+    Sweep([] { return FILEIDXIsFullPathIndexed("/var/music/pop/x"); }, 0, 1);
+    Sweep([] { return FILEIDXIsPathIndexed("/music/a b/y"); }, 0, 1);
+    EXPECT_FALSE(LogsMatching("^fileindex_cwrap\\.cpp:[0-9]+ FILEIDXIs[A-Za-z]+Ex failed: ").empty());
+    // The caches hold what the last, complete, run built.
+    EXPECT_EQ(FILEIDXIsPathIndexedEx("/music/pop", 0), 1);
+    EXPECT_EQ(FILEIDXIsPathContainIndexedEx("/music/a b", 0), 1);
+    char out[64];
+    Sweep([&out] { return FILEIDXQueuePathGet("music", out, sizeof out); }, -1,
+          static_cast<int>(strlen("/var/run/@eaDir/ZARN@file_index_queue")));
+    Sweep([&out] { return FILEIDXDBPathGet("music", out, sizeof out); }, -1,
+          static_cast<int>(strlen("/var/run/@eaDir/ZARN@.fileindexdb")));
+    // Composing a text allocates nothing, so memory cannot make it fail.
+    ArmAllocationFailure(0);
+    EXPECT_EQ(FILEIDXGetIndexID("music", out, sizeof out), 1);
+    EXPECT_GT(FILEIDXDBPathCompose("/var/run", out, sizeof out), 0);
+    EXPECT_GT(FILEIDXQueuePathCompose("/var/run", out, sizeof out), 0);
+    EXPECT_EQ(DisarmAllocationFailure(), 0u);
+}
+
+// With bReload 0 a failed first build must leave no half-built cache behind:
+// the next run builds it again.  Each starts from empty caches, in a process
+// of its own.
+class CachedCheck : public FileIndex, public testing::WithParamInterface<int (*)()> {};
+
+TEST_P(CachedCheck, RebuildsAfterAFailure) { Sweep(GetParam(), 0, 1, false); }
+
+INSTANTIATE_TEST_SUITE_P(FirstBuild, CachedCheck,
+                         testing::Values([] { return FILEIDXIsShareIndexedEx("music", 0); },
+                                         [] { return FILEIDXIsPathIndexedEx("/music/pop/x", 0); },
+                                         [] { return FILEIDXIsFullPathIndexedEx("/var/music/a b", 0); },
+                                         [] { return FILEIDXIsPathContainIndexedEx("/music", 0); }));
 
 }  // namespace

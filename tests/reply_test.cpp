@@ -1,4 +1,4 @@
-// Telling reply packets apart, and the JSON text helpers under it.
+// Telling reply packets apart, and reading a header's total.
 #include <gtest/gtest.h>
 
 #include "daemon_reply.h"
@@ -6,88 +6,49 @@
 
 namespace {
 
-struct ReplyCase {
-    const char *text;
-    zarn::ReplyKind kind;
-};
-
-class Classify : public testing::TestWithParam<ReplyCase> {};
-
-TEST_P(Classify, FollowsHeaderEndHitOrder) {
-    Json::Value value(42);  // stale content must not survive
-    EXPECT_EQ(GetParam().kind, zarn::ClassifyReply(GetParam().text, &value)) << GetParam().text;
-}
-
 using zarn::ReplyKind;
-INSTANTIATE_TEST_SUITE_P(
-    Packets, Classify,
-    testing::Values(ReplyCase{"{\"total\": 2}", ReplyKind::kHeader},
-                    ReplyCase{"{\"total\": 2, \"success\": true}", ReplyKind::kHeader},
-                    ReplyCase{"{\"success\": false}", ReplyKind::kEnd},
-                    ReplyCase{"{\"success\": null, \"ZARNMDPath\": \"/a\"}", ReplyKind::kEnd},
-                    ReplyCase{"{\"ZARNMDPath\": \"/a\"}", ReplyKind::kHit},
-                    ReplyCase{"{}", ReplyKind::kHit},
-                    ReplyCase{"  {\"total\": 0}\n", ReplyKind::kHeader},
-                    ReplyCase{"", ReplyKind::kMalformed},
-                    ReplyCase{"{\"total\": 2", ReplyKind::kMalformed},
-                    ReplyCase{"{\"total\": 2} {}", ReplyKind::kMalformed},
-                    ReplyCase{"{\"total\": 2} x", ReplyKind::kMalformed},
-                    ReplyCase{"[{\"total\": 2}]", ReplyKind::kMalformed},
-                    ReplyCase{"\"total\"", ReplyKind::kMalformed},
-                    ReplyCase{"17", ReplyKind::kMalformed},
-                    ReplyCase{"null", ReplyKind::kMalformed}));
 
-TEST(Classify, DeepNestingIsMalformedNotACrash) {
-    const std::string deep = std::string(100000, '[') + std::string(100000, ']');
-    Json::Value value;
-    EXPECT_EQ(ReplyKind::kMalformed, zarn::ClassifyReply(deep, &value));
+TEST(Reply, ClassifiesPackets) {
+    const struct {
+        std::string text;
+        ReplyKind kind;
+    } cases[] = {
+        {R"({"total": 2})", ReplyKind::kHeader},
+        {R"({"total": 2, "success": true})", ReplyKind::kHeader},
+        {"  {\"total\": 0}\n", ReplyKind::kHeader},
+        {R"({"success": false})", ReplyKind::kEnd},
+        {R"({"success": null, "ZARNMDPath": "/a"})", ReplyKind::kEnd},
+        {R"({"ZARNMDPath": "/a"})", ReplyKind::kHit},
+        {"{}", ReplyKind::kHit},
+        {"", ReplyKind::kMalformed},
+        {R"({"total": 2)", ReplyKind::kMalformed},
+        {R"({"total": 2} {})", ReplyKind::kMalformed},
+        {R"({"total": 2} x)", ReplyKind::kMalformed},
+        {R"([{"total": 2}])", ReplyKind::kMalformed},
+        {R"("total")", ReplyKind::kMalformed},
+        {"17", ReplyKind::kMalformed},
+        {"null", ReplyKind::kMalformed},
+        {std::string(100000, '[') + std::string(100000, ']'), ReplyKind::kMalformed},  // no crash
+    };
+    for (const auto &c : cases) {
+        Json::Value value(42);  // stale content must not survive
+        EXPECT_EQ(zarn::ClassifyReply(c.text, &value), c.kind) << c.text.substr(0, 40);
+    }
 }
 
-struct TotalCase {
-    const char *text;
-    int total;
-};
-
-class Total : public testing::TestWithParam<TotalCase> {};
-
-TEST_P(Total, ConvertsWithoutThrowing) {
-    Json::Value value;
-    ASSERT_TRUE(zarn::json::FromString(GetParam().text, &value));
-    EXPECT_EQ(GetParam().total, zarn::ReplyTotal(value)) << GetParam().text;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Headers, Total,
-    testing::Values(TotalCase{"{\"total\": 120}", 120}, TotalCase{"{\"total\": -3}", -3},
-                    TotalCase{"{\"success\": false}", 0}, TotalCase{"{\"total\": null}", 0},
-                    TotalCase{"{\"total\": 7.9}", 7}, TotalCase{"{\"total\": true}", 1},
-                    TotalCase{"{\"total\": \"12\"}", 0}, TotalCase{"{\"total\": [1]}", 0},
-                    TotalCase{"{\"total\": 4294967296}", 0}, TotalCase{"{\"total\": 1e300}", 0},
-                    TotalCase{"[1, 2]", 0}));
-
-TEST(JsonText, WritesCompactUtf8ThatReadsBack) {
-    Json::Value value(Json::objectValue);
-    value["query"] = "caf\xc3\xa9 \"quoted\"";
-    value["uid"] = Json::UInt(4294967295u);
-    const std::string text = zarn::json::ToString(value);
-    EXPECT_EQ("{\"query\":\"caf\xc3\xa9 \\\"quoted\\\"\",\"uid\":4294967295}", text);
-    Json::Value back;
-    ASSERT_TRUE(zarn::json::FromString(text, &back));
-    EXPECT_EQ(text, zarn::json::ToString(back));
-    EXPECT_EQ(4294967295u, back["uid"].asUInt());
-}
-
-TEST(JsonText, FromFileReadsWholeFilesAndFailsCleanly) {
-    Json::Value value(1);
-    EXPECT_FALSE(zarn::json::FromFile("/var/run/no-such-file", &value));
-    EXPECT_TRUE(value.isNull());
-    FILE *f = fopen("/var/run/list.json", "w");
-    ASSERT_NE(nullptr, f);
-    fputs("[{\"path\": \"/docs\"}, {\"path\": \"/media/x\"}]\n", f);
-    fclose(f);
-    ASSERT_TRUE(zarn::json::FromFile("/var/run/list.json", &value));
-    EXPECT_EQ(2u, value.size());
-    EXPECT_FALSE(zarn::json::FromFile("/var/run", &value));  // a directory
+TEST(Reply, TotalConvertsWithoutThrowing) {
+    const struct {
+        const char *text;
+        int total;
+    } cases[] = {{R"({"total": 120})", 120}, {R"({"total": -3})", -3},      {R"({"success": false})", 0},
+                 {R"({"total": null})", 0},  {R"({"total": 7.9})", 7},      {R"({"total": true})", 1},
+                 {R"({"total": "12"})", 0},  {R"({"total": [1]})", 0},      {R"({"total": 4294967296})", 0},
+                 {R"({"total": 1e300})", 0}, {R"({"total": -2147483648.5})", 0}, {"[1, 2]", 0}};
+    for (const auto &c : cases) {
+        Json::Value value;
+        ASSERT_TRUE(zarn::json::FromString(c.text, &value));
+        EXPECT_EQ(zarn::ReplyTotal(value), c.total) << c.text;
+    }
 }
 
 }  // namespace

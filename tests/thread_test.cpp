@@ -13,41 +13,26 @@
 
 namespace {
 
-constexpr int kThreads = 8;
-constexpr int kRounds = 12;
-constexpr int kHits = 3;
-
 std::vector<std::string> Answer(const Json::Value &request) {
-    if (request["command"].asString() == "search") {
-        std::vector<std::string> packets = {"{\"total\":3}"};
-        for (int i = 1; i <= kHits; ++i)
-            packets.push_back("{\"ZARNMDPath\":\"/docs/f" + std::to_string(i) +
-                              "\",\"additional\":{\"doc_id\":" + std::to_string(i) + "}}");
-        packets.push_back("{\"success\":true}");
-        return packets;
-    }
-    return {"{\"success\":true,\"data\":{\"ZARNMDTitle\":\"t\",\"ZARNMDFSSize\":5}}"};
+    if (request["command"].asString() != "search")
+        return {R"({"success":true,"data":{"ZARNMDTitle":"t","ZARNMDFSSize":5}})"};
+    return {R"({"total":3})", R"({"ZARNMDPath":"/docs/f1"})", R"({"ZARNMDPath":"/docs/f2"})",
+            R"({"ZARNMDPath":"/docs/f3"})", R"({"success":true})"};
 }
 
-bool CountHit(const _tag_search_record *, void *count) {
-    ++*static_cast<int *>(count);
-    return true;
-}
+bool CountHit(const _tag_search_record *, void *count) { return ++*static_cast<int *>(count) > 0; }
 
-// Returns the number of hits or values the round delivered.
+// Each answers 3 when its round went right.
 int StreamingSearch() {
     ZARNQueryHandle *handle = nullptr;
     int hits = -100;
     if (ZARNQueryConnectionInit(&handle) == 0 &&
-        ZARNQueryConnectionOpen(handle, "docs", "f*", nullptr, 0, 0, 20, "thread", 1000,
-                                CONNECTION_FLAG_NONE) == 0 &&
-        ZARNQueryCount(handle) == kHits) {
-        hits = 0;
+        ZARNQueryConnectionOpen(handle, "docs", "f*", nullptr, 0, 0, 20, "t", 1000, CONNECTION_FLAG_NONE) == 0 &&
+        ZARNQueryCount(handle) == 3) {
         _tag_search_record *record = nullptr;
-        while (ZARNQueryGetNextRecord(handle, &record) == 0 && record != nullptr) {
+        for (hits = 0; ZARNQueryGetNextRecord(handle, &record) == 0 && record != nullptr; record = nullptr) {
             ++hits;
             ZARNQueryFreeRecord(record);
-            record = nullptr;
         }
     }
     ZARNQueryConnectionClose(handle);
@@ -55,11 +40,8 @@ int StreamingSearch() {
 }
 
 int CallbackSearch() {
-    int hits = 0;
-    int error = 0;
-    if (ZARNSearchQuerySend("docs", "f*", 20, 0, CountHit, &hits, "thread", 1000, &error) != 1)
-        return -100 + error;
-    return hits;
+    int hits = 0, error = 0;
+    return ZARNSearchQuerySend("docs", "f*", 20, 0, CountHit, &hits, "t", 1000, &error) == 1 ? hits : -100;
 }
 
 int DocumentLookup() {
@@ -71,23 +53,19 @@ int DocumentLookup() {
 }
 
 TEST(Threads, SearchesAndLookupsRunSideBySide) {
+    constexpr int kThreads = 8, kRounds = 12;
     zarntest::FakeDaemon daemon({zarntest::Respond(Answer)});
     std::atomic<int> wrong{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([t, &wrong] {
-            for (int round = 0; round < kRounds; ++round) {
-                switch ((t + round) % 3) {
-                    case 0: wrong += StreamingSearch() != kHits; break;
-                    case 1: wrong += CallbackSearch() != kHits; break;
-                    default: wrong += DocumentLookup() != 3; break;
-                }
-            }
+            int (*const rounds[])() = {StreamingSearch, CallbackSearch, DocumentLookup};
+            for (int round = 0; round < kRounds; ++round) wrong += rounds[(t + round) % 3]() != 3;
         });
     }
     for (std::thread &thread : threads) thread.join();
-    EXPECT_EQ(0, wrong.load());
-    EXPECT_EQ(static_cast<size_t>(kThreads * kRounds), daemon.Accepted());
+    EXPECT_EQ(wrong.load(), 0);
+    EXPECT_EQ(daemon.Accepted(), static_cast<size_t>(kThreads * kRounds));
 }
 
 }  // namespace

@@ -45,25 +45,21 @@ using Responder = std::function<std::vector<std::string>(const Json::Value &requ
 
 // One step of what the daemon does on a connection.
 struct Step {
-    enum Kind { kReadRequest, kSend, kSendRaw, kSleep, kClose, kRespond } kind;
+    enum Kind { kReadRequest, kSend, kSendRaw, kClose, kRespond } kind;
     std::string data;     // packet text (kSend) or raw bytes (kSendRaw)
-    int millis = 0;       // kSleep
     Responder responder;  // kRespond
 };
-Step ReadRequest();                      // read one packet and record it
+Step ReadRequest();                       // read one packet and record it
 Step Send(const std::string &json_text);  // one framed packet
 Step Send(const char *json_text);
 Step Send(const Json::Value &value);
 Step SendRaw(const std::string &bytes);  // bytes as they are, unframed
-Step Sleep(int millis);
-Step Close();  // close the connection now
-Step Respond(Responder responder);  // read one request, send what responder returns
+Step Close();                            // close the connection now
+Step Respond(Responder responder);       // read one request, send what responder returns
 
-// A connection as the daemon saw it.
+// A connection as the daemon saw it: the raw texts of the packets read.
 struct Seen {
-    std::vector<std::string> requests;  // raw texts of the packets read
-    bool peer_closed = false;           // the client closed the connection
-    bool unread_at_close = false;       // ... leaving packets of ours unread
+    std::vector<std::string> requests;
 };
 
 // Listens on kDaemonSocket (inside the sandbox).  Each accepted connection
@@ -78,15 +74,10 @@ public:
     FakeDaemon &operator=(const FakeDaemon &) = delete;
 
     void Queue(std::vector<Step> script);
-
     // Waits (at most `timeout`) until `count` connections have finished
     // their scripts, then returns what every connection saw so far.
     std::vector<Seen> WaitFinished(size_t count,
                                    std::chrono::milliseconds timeout = std::chrono::seconds(30));
-    // Waits (at most `timeout`) until `count` clients have closed their
-    // connections (or a script step found them closed).
-    std::vector<Seen> WaitClosed(size_t count,
-                                 std::chrono::milliseconds timeout = std::chrono::seconds(30));
     // The first request of connection `index` as JSON (null when none).
     Json::Value Request(size_t index = 0);
     size_t Accepted();
@@ -94,6 +85,7 @@ public:
 private:
     void Serve();
     void RunConnection(int fd, size_t index, std::vector<Step> script);
+    bool WaitReadable(int fd);
 
     int listen_fd_ = -1;
     std::vector<Step> default_script_;

@@ -3,8 +3,6 @@
 #include <errno.h>
 #include <stdarg.h>
 #include <stdio.h>
-#include <string.h>
-#include <syslog.h>
 
 #include <mutex>
 #include <regex>
@@ -14,6 +12,7 @@
 namespace zarntest {
 namespace {
 
+// Never destroyed: the library may still log while the process exits.
 std::mutex &LogMutex() {
     static std::mutex *mutex = new std::mutex;
     return *mutex;
@@ -24,41 +23,22 @@ std::vector<LogLine> &LogStore() {
     return *store;
 }
 
-// "%m" becomes the text of errno as it was when syslog was called.
-std::string ExpandErrno(const char *format, int saved_errno) {
-    std::string out;
-    for (const char *p = format; *p != '\0'; ++p) {
-        if (p[0] == '%' && p[1] == '%') {
-            out += "%%";
-            ++p;
-        } else if (p[0] == '%' && p[1] == 'm') {
-            for (const char *s = strerror(saved_errno); *s != '\0'; ++s) {
-                if (*s == '%') out += '%';
-                out += *s;
-            }
-            ++p;
-        } else {
-            out += *p;
-        }
-    }
-    return out;
-}
+}  // namespace
 
+// glibc's printf expands "%m" itself, from errno as it is at the call.
 void Record(int priority, const char *format, va_list args) {
     const int saved_errno = errno;
-    const std::string expanded = ExpandErrno(format, saved_errno);
     va_list copy;
     va_copy(copy, args);
-    const int size = vsnprintf(nullptr, 0, expanded.c_str(), copy);
+    const int size = vsnprintf(nullptr, 0, format, copy);
     va_end(copy);
     std::string text(size > 0 ? static_cast<size_t>(size) : 0, '\0');
-    if (size > 0) vsnprintf(&text[0], text.size() + 1, expanded.c_str(), args);
+    errno = saved_errno;
+    vsnprintf(&text[0], text.size() + 1, format, args);
     std::lock_guard<std::mutex> lock(LogMutex());
     LogStore().push_back({LOG_PRI(priority), text});
     errno = saved_errno;
 }
-
-}  // namespace
 
 std::vector<LogLine> Logs() {
     std::lock_guard<std::mutex> lock(LogMutex());
@@ -82,7 +62,9 @@ std::vector<LogLine> LogsMatching(const std::string &pattern) {
 
 extern "C" {
 
-void vsyslog(int priority, const char *format, va_list args) {
+void vsyslog(int priority, const char *format, va_list args) { zarntest::Record(priority, format, args); }
+
+void __vsyslog_chk(int priority, int, const char *format, va_list args) {
     zarntest::Record(priority, format, args);
 }
 
@@ -93,11 +75,7 @@ void syslog(int priority, const char *format, ...) {
     va_end(args);
 }
 
-void __vsyslog_chk(int priority, int /*flag*/, const char *format, va_list args) {
-    zarntest::Record(priority, format, args);
-}
-
-void __syslog_chk(int priority, int /*flag*/, const char *format, ...) {
+void __syslog_chk(int priority, int, const char *format, ...) {
     va_list args;
     va_start(args, format);
     zarntest::Record(priority, format, args);
