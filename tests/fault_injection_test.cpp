@@ -85,11 +85,8 @@ TEST_P(StreamCut, FailsWithTheReadErrorAndOneLogLine) {
             int hits = 0;
             EXPECT_EQ(ReadUntilFailure(c.reader, &hits), c.failure);
             EXPECT_EQ(hits, mid_stream ? 1 : 0);
-            ASSERT_EQ(Logs().size(), 1u);
-            EXPECT_EQ(LogsMatching(std::string("^") + c.unit + "\\.cpp:[0-9]+ Failed to read socket, errno\\(" +
-                                   std::to_string(cut.error) + "\\): " + std::strerror(cut.error) + "$").size(), 1u)
-                << Logs()[0].text;
-            EXPECT_EQ(Logs()[0].priority, c.priority);
+            ExpectOneLog((std::string("^") + c.unit + "\\.cpp:[0-9]+ Failed to read socket, errno\\(" +
+                          std::to_string(cut.error) + "\\): " + std::strerror(cut.error) + "$").c_str(), c.priority);
         }
     }
 }
@@ -121,9 +118,7 @@ TEST(SignalDuringWait, FetchNextReportsTheInterruptedSelect) {
     sigaction(SIGUSR1, &before, nullptr);
     EXPECT_EQ(record, nullptr);
     ZARNQueryConnectionClose(h);
-    ASSERT_EQ(Logs().size(), 1u);
-    EXPECT_EQ(LogsMatching("^query_fetch_cwrap\\.cpp:[0-9]+ select get error Interrupted system call$").size(), 1u);
-    EXPECT_EQ(Logs()[0].priority, LOG_ERR);
+    ExpectOneLog("^query_fetch_cwrap\\.cpp:[0-9]+ select get error Interrupted system call$");
 }
 
 // Both APIs ignore SIGPIPE when they connect: a write to a daemon that has
@@ -142,7 +137,7 @@ TEST(DaemonGone, BothApisFailToWrite) {
     daemon.WaitFinished(2);
     EXPECT_FALSE(connection.SendQuery(Json::Value(Json::objectValue), Count, nullptr, "a", 1));
     EXPECT_EQ(connection.GetError(), CONNECTION_ERROR_WRITE);
-    EXPECT_TRUE(Logs().empty());
+    ExpectOneLog(nullptr);
 }
 
 // Takes every free descriptor below `below` and gives them back on Release.
@@ -201,13 +196,12 @@ TEST(Descriptors, BeyondTheSelectLimit) {
     ASSERT_NE(h, nullptr);
     EXPECT_GE(h->fd, FD_SETSIZE);
     ZARNQueryConnectionClose(h);
-    ASSERT_EQ(Logs().size(), 1u);
-    EXPECT_EQ(LogsMatching("^query_init_cwrap\\.cpp:[0-9]+ socket descriptor [0-9]+ is beyond the select\\(\\) limit$").size(), 1u);
+    ExpectOneLog("^query_init_cwrap\\.cpp:[0-9]+ socket descriptor [0-9]+ is beyond the select\\(\\) limit$");
     ClearLogs();
     int hits = 0, code = 0;
     EXPECT_EQ(ZARNSearchQuerySend("m", "q", 10, 0, Count, &hits, "a", 1, &code), 1);
     EXPECT_EQ(hits, 1);
-    EXPECT_TRUE(Logs().empty());
+    ExpectOneLog(nullptr);
 }
 
 }  // namespace

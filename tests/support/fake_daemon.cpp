@@ -1,6 +1,6 @@
 // A scripted stand-in for the search daemon, listening on the daemon's socket
-// inside the test sandbox.
-#include <poll.h>
+// inside the test sandbox.  Destroying it shuts every socket down, which
+// wakes each thread from its blocking call.
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -66,25 +66,13 @@ FakeDaemon::~FakeDaemon() {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         stopping_ = true;
+        for (int fd : fds_) shutdown(fd, SHUT_RDWR);
     }
+    shutdown(listen_fd_, SHUT_RDWR);
     acceptor_.join();
     for (std::thread &worker : workers_) worker.join();
     close(listen_fd_);
     unlink(kDaemonSocket);
-}
-
-// Waits in slices, so that a stopping daemon notices, and never beyond a
-// minute.  False when stopping or the wait ran out.
-bool FakeDaemon::WaitReadable(int fd) {
-    for (int slice = 0; slice < 3000; ++slice) {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            if (stopping_) return false;
-        }
-        pollfd p = {fd, POLLIN, 0};
-        if (poll(&p, 1, 20) > 0) return true;
-    }
-    return false;
 }
 
 void FakeDaemon::Queue(std::vector<Step> script) {
@@ -93,57 +81,67 @@ void FakeDaemon::Queue(std::vector<Step> script) {
 }
 
 void FakeDaemon::Serve() {
-    while (WaitReadable(listen_fd_)) {
+    for (;;) {
         const int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0) continue;
         std::lock_guard<std::mutex> lock(mutex_);
+        if (stopping_) {
+            if (fd >= 0) close(fd);
+            return;
+        }
+        if (fd < 0) continue;
+        const timeval minute = {60, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &minute, sizeof minute);
         std::vector<Step> script = default_script_;
         if (!queued_.empty()) {
             script = std::move(queued_.front());
             queued_.pop_front();
         }
         seen_.emplace_back();
-        workers_.emplace_back(&FakeDaemon::RunConnection, this, fd, seen_.size() - 1, std::move(script));
+        fds_.push_back(fd);
+        workers_.emplace_back(&FakeDaemon::RunConnection, this, fds_.size() - 1, std::move(script));
         changed_.notify_all();
     }
 }
 
-void FakeDaemon::RunConnection(int fd, size_t index, std::vector<Step> script) {
+void FakeDaemon::CloseConnection(size_t index) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    close(fds_[index]);
+    fds_[index] = -1;
+}
+
+void FakeDaemon::RunConnection(size_t index, std::vector<Step> script) {
+    int fd;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        fd = fds_[index];
+    }
     bool open = true;
     for (auto step = script.begin(); open && step != script.end(); ++step) {
         std::string text;
-        switch (step->kind) {
-            case Step::kReadRequest:
-            case Step::kRespond:
-                open = WaitReadable(fd) && zarndaemon::io::PacketRead(fd, text);
-                if (open) {
-                    std::lock_guard<std::mutex> lock(mutex_);
-                    seen_[index].requests.push_back(text);
-                }
-                if (open && step->kind == Step::kRespond)
-                    for (const std::string &packet : step->responder(Parse(text)))
-                        open = open && zarndaemon::io::PacketWrite(fd, packet);
-                break;
-            case Step::kSend: open = zarndaemon::io::PacketWrite(fd, step->data); break;
-            case Step::kSendRaw:
-                open = send(fd, step->data.data(), step->data.size(), MSG_NOSIGNAL) ==
-                       static_cast<ssize_t>(step->data.size());
-                break;
-            case Step::kClose: open = false; break;
+        if (step->kind == Step::kSend) {
+            open = zarndaemon::io::PacketWrite(fd, step->data);
+        } else if (step->kind == Step::kSendRaw) {
+            open = send(fd, step->data.data(), step->data.size(), MSG_NOSIGNAL) ==
+                   static_cast<ssize_t>(step->data.size());
+        } else if (step->kind == Step::kClose) {
+            open = false;
+        } else if ((open = zarndaemon::io::PacketRead(fd, text))) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            seen_[index].requests.push_back(text);
         }
+        if (open && step->responder)
+            for (const std::string &packet : step->responder(Parse(text))) open = open && zarndaemon::io::PacketWrite(fd, packet);
     }
-    if (!open) close(fd);
+    if (!open) CloseConnection(index);
     {
         std::lock_guard<std::mutex> lock(mutex_);
         ++finished_;
         changed_.notify_all();
     }
-    if (!open) return;
-    // Silent until the client closes (or the daemon stops).
     char byte;
-    while (WaitReadable(fd) && recv(fd, &byte, 1, 0) > 0) {
+    while (open && recv(fd, &byte, 1, 0) > 0) {
     }
-    close(fd);
+    if (open) CloseConnection(index);
 }
 
 std::vector<Seen> FakeDaemon::WaitFinished(size_t count, std::chrono::milliseconds timeout) {

@@ -32,6 +32,9 @@ std::vector<LogLine> Logs();
 void ClearLogs();
 // Lines whose text matches the ECMAScript regular expression `pattern`.
 std::vector<LogLine> LogsMatching(const std::string &pattern);
+// Expects no log line at all when `pattern` is null, else exactly one, which
+// matches `pattern` and has `priority`.
+void ExpectOneLog(const char *pattern, int priority = LOG_ERR);
 
 // ---- files ---------------------------------------------------------------
 void WriteFile(const std::string &path, const std::string &content);
@@ -65,7 +68,7 @@ struct Seen {
 // Listens on kDaemonSocket (inside the sandbox).  Each accepted connection
 // runs the next queued script, or the default script when none is queued.
 // After its last step a connection stays open, silent, until the client
-// closes it or the daemon is destroyed.  Every wait is bounded.
+// closes it or the daemon is destroyed.  No wait lasts beyond a minute.
 class FakeDaemon {
 public:
     explicit FakeDaemon(std::vector<Step> default_script = {ReadRequest()});
@@ -84,13 +87,14 @@ public:
 
 private:
     void Serve();
-    void RunConnection(int fd, size_t index, std::vector<Step> script);
-    bool WaitReadable(int fd);
+    void RunConnection(size_t index, std::vector<Step> script);
+    void CloseConnection(size_t index);
 
     int listen_fd_ = -1;
     std::vector<Step> default_script_;
     std::deque<std::vector<Step>> queued_;
     std::vector<Seen> seen_;
+    std::vector<int> fds_;  // of the connections, -1 once closed
     size_t finished_ = 0;
     bool stopping_ = false;
     std::mutex mutex_;

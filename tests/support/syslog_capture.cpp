@@ -7,6 +7,8 @@
 #include <mutex>
 #include <regex>
 
+#include <gtest/gtest.h>
+
 #include "harness.h"
 
 namespace zarntest {
@@ -56,6 +58,14 @@ std::vector<LogLine> LogsMatching(const std::string &pattern) {
     for (const LogLine &line : Logs())
         if (std::regex_search(line.text, re)) matching.push_back(line);
     return matching;
+}
+
+void ExpectOneLog(const char *pattern, int priority) {
+    const std::vector<LogLine> lines = Logs();
+    ASSERT_EQ(lines.size(), pattern == nullptr ? 0u : 1u) << (lines.empty() ? pattern : lines[0].text);
+    if (pattern == nullptr) return;
+    EXPECT_TRUE(std::regex_search(lines[0].text, std::regex(pattern))) << lines[0].text << " !~ " << pattern;
+    EXPECT_EQ(lines[0].priority, priority) << lines[0].text;
 }
 
 }  // namespace zarntest
