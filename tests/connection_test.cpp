@@ -180,38 +180,29 @@ TEST(SearchQuerySend, SendsTheRequestDeliversTheHitsAndCloses) {
     EXPECT_EQ(OpenDescriptors(), before);
 }
 
-TEST(SearchQuerySend, PagesAgentsAndRefusedArguments) {
-    const struct {
-        const char *share, *query;
-        int page_size, page;
-        ZARNSearchCallback callback;
-        const char *agent;
-        int code, from;
-    } cases[] = {
-        {"m", "q", 0, 0, Collect, nullptr, 0, 0},  // a null agent is sent as ""
-        {"m", "q", 1, 2147483647, Collect, "y", 0, 2147483647},
-        {nullptr, "q", 10, 0, Collect, "a", -1, 0},
-        {"m", nullptr, 10, 0, Collect, "a", -1, 0},
-        {"m", "q", 10, 0, nullptr, "a", -1, 0},
-        {"m", "q", -1, 0, Collect, "a", -1, 0},
-        {"m", "q", 10, -1, Collect, "a", -1, 0},
-        {"m", "q", 65536, 32768, Collect, "a", -1, 0},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(testing::Message() << c.page << "x" << c.page_size);
+// A refused call connects to nobody; a null agent is sent as "".
+TEST(SearchQuerySend, RefusesArgumentsAndSendsPagesAndAgents) {
+    {
         FakeDaemon daemon(Script(R"({"total":0})", 0));
-        int code = 0;
-        EXPECT_EQ(ZARNSearchQuerySend(c.share, c.query, c.page_size, c.page, c.callback, nullptr, c.agent, 1,
-                                      &code), c.code == 0 ? 1 : 0);
-        EXPECT_EQ(code, c.code);
-        EXPECT_EQ(daemon.Accepted(), c.code == 0 ? 1u : 0u);
-        const Json::Value data = daemon.Request()["data"];
-        EXPECT_EQ(data["from"].asInt(), c.from);
-        EXPECT_EQ(data["size"].asInt(), c.code == 0 ? c.page_size : 0);
-        EXPECT_EQ(data["collector"]["agent"].asString(), c.code == 0 && c.agent ? c.agent : "");
+        int codes[7] = {};
+        const int results[] = {
+            ZARNSearchQuerySend(nullptr, "q", 10, 0, Collect, nullptr, "a", 1, &codes[0]),
+            ZARNSearchQuerySend("m", nullptr, 10, 0, Collect, nullptr, "a", 1, &codes[1]),
+            ZARNSearchQuerySend("m", "q", 10, 0, nullptr, nullptr, "a", 1, &codes[2]),
+            ZARNSearchQuerySend("m", "q", -1, 0, Collect, nullptr, "a", 1, &codes[3]),
+            ZARNSearchQuerySend("m", "q", 10, -1, Collect, nullptr, "a", 1, &codes[4]),
+            ZARNSearchQuerySend("m", "q", 65536, 32768, Collect, nullptr, "a", 1, &codes[5]),
+            ZARNSearchQuerySend("m", "q", 10, 0, Collect, nullptr, "a", 1, nullptr),
+        };
+        for (int i = 0; i < 7; ++i) EXPECT_EQ(std::to_string(results[i]) + " " + std::to_string(codes[i]), i < 6 ? "0 -1" : "0 0");
+        EXPECT_EQ(daemon.Accepted(), 0u);
+        EXPECT_EQ(ZARNSearchQuerySend("m", "q", 0, 0, Collect, nullptr, nullptr, 1, &codes[6]), 1);
+        EXPECT_EQ(ZARNSearchQuerySend("m", "q", 1, 2147483647, Collect, nullptr, "y", 1, &codes[6]), 1);
+        daemon.WaitFinished(2);
+        EXPECT_EQ(Text(daemon.Request(0)["data"]["collector"]) + Text(daemon.Request(1)["data"]["from"]),
+                  R"({"agent":"","uid":1})" "2147483647");
+        ExpectOneLog(nullptr);
     }
-    EXPECT_EQ(ZARNSearchQuerySend("m", "q", 10, 0, Collect, nullptr, "a", 1, nullptr), 0);
-    ExpectOneLog(nullptr);
     int code = 0;
     EXPECT_EQ(ZARNSearchQuerySend("m", "q", 10, 0, Collect, nullptr, "a", 1, &code), 0);  // no daemon
     EXPECT_EQ(code, ZARN_ERR_CONNECT);

@@ -35,67 +35,58 @@ int ReadUntilFailure(Reader reader, int *hits) {
     ZARNQueryHandle *h = nullptr;
     EXPECT_EQ(ZARNQueryConnectionInit(&h), ZARN_OK);
     EXPECT_EQ(ZARNQueryConnectionOpen(h, "m", "q", nullptr, 0, 0, 10, "a", 1, CONNECTION_FLAG_NONE), ZARN_OK);
+    _tag_search_record *r = nullptr;
     if (reader == kCount) code = ZARNQueryCount(h);
-    for (_tag_search_record *r = nullptr; reader == kGetNextRecord && code == 0; r = nullptr) {
-        code = ZARNQueryGetNextRecord(h, &r);
-        if (r == nullptr && code == 0) break;
-        *hits += r != nullptr;
-        ZARNQueryFreeRecord(r);
-    }
-    while (reader == kFetchNext) {
-        _tag_search_record *r = ZARNQueryFetchNext(h, timeval{5, 0});
-        if (r == nullptr) break;
+    while (reader != kCount && (reader == kFetchNext ? (r = ZARNQueryFetchNext(h, timeval{5, 0})) != nullptr
+                                                     : (code = ZARNQueryGetNextRecord(h, &r)) == 0 && r)) {
         ++*hits;
         ZARNQueryFreeRecord(r);
+        r = nullptr;
     }
     ZARNQueryConnectionClose(h);
     return code;
 }
 
-struct ReaderCase {
-    Reader reader;
-    int failure;
-    const char *unit;  // source file that logs the failed read, and how
-    int priority;
-};
-
-class StreamCut : public testing::TestWithParam<ReaderCase> {};
-
-TEST_P(StreamCut, FailsWithTheReadErrorAndOneLogLine) {
-    // The daemon's last bytes before it closes, and the errno of the failed read.
+// The daemon reads the request, sends the header and a hit when `mid_stream`,
+// then its last bytes, and closes: before a packet, inside the length, inside
+// the payload, or a length of 16 MiB + 1, above the cap.
+TEST(StreamCut, EveryReaderFailsWithTheReadErrorAndOneLogLine) {
     const struct {
         std::string bytes;
-        int error;
-    } cuts[] = {
-        {"", ENODATA},                                          // before a packet
-        {std::string("\0\0", 2), ECONNRESET},                   // inside the length
-        {std::string("\0\0\0\x20", 4) + "{\"tot", ECONNRESET},  // inside the payload
-        {std::string("\x01\0\0\x01", 4), EMSGSIZE},             // 16 MiB + 1 is above the cap
-    };
-    const ReaderCase &c = GetParam();
-    for (const auto &cut : cuts) {
-        for (bool mid_stream : {false, true}) {
-            if (c.reader == kCount && mid_stream) continue;  // the total is the first packet's business
-            SCOPED_TRACE(std::to_string(cut.error) + (mid_stream ? " after a hit" : ""));
-            std::vector<Step> script = {ReadRequest()};
-            if (mid_stream) script.insert(script.end(), {Send(R"({"total":3})"), Send(Hit("/m/a", 1))});
-            script.insert(script.end(), {SendRaw(cut.bytes), Close()});
-            ClearLogs();
-            FakeDaemon daemon(script);
-            int hits = 0;
-            EXPECT_EQ(ReadUntilFailure(c.reader, &hits), c.failure);
-            EXPECT_EQ(hits, mid_stream ? 1 : 0);
-            ExpectOneLog((std::string("^") + c.unit + "\\.cpp:[0-9]+ Failed to read socket, errno\\(" +
-                          std::to_string(cut.error) + "\\): " + std::strerror(cut.error) + "$").c_str(), c.priority);
+        int error;  // of the failed read
+    } cuts[] = {{"", ENODATA},
+                {std::string("\0\0", 2), ECONNRESET},
+                {std::string("\0\0\0\x20", 4) + "{\"tot", ECONNRESET},
+                {std::string("\x01\0\0\x01", 4), EMSGSIZE}};
+    const struct {
+        Reader reader;
+        int failure;
+        const char *unit;  // source file that logs the failed read, and how
+        int priority;
+    } readers[] = {{kGetNextRecord, ZARN_ERR_READ, "query_get_cwrap", LOG_DEBUG},
+                   {kFetchNext, 0, "query_get_cwrap", LOG_DEBUG},
+                   {kCount, 0, "query_count_cwrap", LOG_DEBUG},
+                   {kCallbackSearch, ZARN_ERR_READ, "connection", LOG_ERR}};
+    for (const auto &c : readers) {
+        for (const auto &cut : cuts) {
+            for (bool mid_stream : {false, true}) {
+                if (c.reader == kCount && mid_stream) continue;  // the total is the first packet's business
+                SCOPED_TRACE(std::to_string(c.reader) + " " + std::to_string(cut.error) + (mid_stream ? " mid" : ""));
+                std::vector<Step> script = {ReadRequest()};
+                if (mid_stream) script.insert(script.end(), {Send(R"({"total":3})"), Send(Hit("/m/a", 1))});
+                script.insert(script.end(), {SendRaw(cut.bytes), Close()});
+                ClearLogs();
+                FakeDaemon daemon(script);
+                int hits = 0;
+                EXPECT_EQ(ReadUntilFailure(c.reader, &hits), c.failure);
+                EXPECT_EQ(hits, mid_stream ? 1 : 0);
+                ExpectOneLog((std::string("^") + c.unit + "\\.cpp:[0-9]+ Failed to read socket, errno\\(" +
+                              std::to_string(cut.error) + "\\): " + std::strerror(cut.error) + "$").c_str(),
+                             c.priority);
+            }
         }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(Readers, StreamCut,
-                         testing::Values(ReaderCase{kGetNextRecord, ZARN_ERR_READ, "query_get_cwrap", LOG_DEBUG},
-                                         ReaderCase{kFetchNext, 0, "query_get_cwrap", LOG_DEBUG},
-                                         ReaderCase{kCount, 0, "query_count_cwrap", LOG_DEBUG},
-                                         ReaderCase{kCallbackSearch, ZARN_ERR_READ, "connection", LOG_ERR}));
 
 void IgnoreSignal(int) {}
 

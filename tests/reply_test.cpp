@@ -13,21 +13,14 @@ TEST(Reply, ClassifiesPackets) {
         std::string text;
         ReplyKind kind;
     } cases[] = {
-        {R"({"total": 2})", ReplyKind::kHeader},
-        {R"({"total": 2, "success": true})", ReplyKind::kHeader},
-        {"  {\"total\": 0}\n", ReplyKind::kHeader},
-        {R"({"success": false})", ReplyKind::kEnd},
+        {R"({"total": 2})", ReplyKind::kHeader},       {R"({"total": 2, "success": true})", ReplyKind::kHeader},
+        {"  {\"total\": 0}\n", ReplyKind::kHeader},     {R"({"success": false})", ReplyKind::kEnd},
         {R"({"success": null, "ZARNMDPath": "/a"})", ReplyKind::kEnd},
-        {R"({"ZARNMDPath": "/a"})", ReplyKind::kHit},
-        {"{}", ReplyKind::kHit},
-        {"", ReplyKind::kMalformed},
-        {R"({"total": 2)", ReplyKind::kMalformed},
-        {R"({"total": 2} {})", ReplyKind::kMalformed},
-        {R"({"total": 2} x)", ReplyKind::kMalformed},
-        {R"([{"total": 2}])", ReplyKind::kMalformed},
-        {R"("total")", ReplyKind::kMalformed},
-        {"17", ReplyKind::kMalformed},
-        {"null", ReplyKind::kMalformed},
+        {R"({"ZARNMDPath": "/a"})", ReplyKind::kHit},  {"{}", ReplyKind::kHit},
+        {"", ReplyKind::kMalformed},                   {R"({"total": 2)", ReplyKind::kMalformed},
+        {R"({"total": 2} {})", ReplyKind::kMalformed}, {R"({"total": 2} x)", ReplyKind::kMalformed},
+        {R"([{"total": 2}])", ReplyKind::kMalformed},  {R"("total")", ReplyKind::kMalformed},
+        {"17", ReplyKind::kMalformed},                 {"null", ReplyKind::kMalformed},
         {std::string(100000, '[') + std::string(100000, ']'), ReplyKind::kMalformed},  // no crash
     };
     for (const auto &c : cases) {

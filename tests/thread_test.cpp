@@ -4,7 +4,6 @@
 // else between them.
 #include <atomic>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -13,23 +12,16 @@
 
 namespace {
 
-std::vector<std::string> Answer(const Json::Value &request) {
-    if (request["command"].asString() != "search")
-        return {R"({"success":true,"data":{"ZARNMDTitle":"t","ZARNMDFSSize":5}})"};
-    return {R"({"total":3})", R"({"ZARNMDPath":"/docs/f1"})", R"({"ZARNMDPath":"/docs/f2"})",
-            R"({"ZARNMDPath":"/docs/f3"})", R"({"success":true})"};
-}
-
 bool CountHit(const _tag_search_record *, void *count) { return ++*static_cast<int *>(count) > 0; }
 
 // Each answers 3 when its round went right.
 int StreamingSearch() {
     ZARNQueryHandle *handle = nullptr;
     int hits = -100;
+    _tag_search_record *record = nullptr;
     if (ZARNQueryConnectionInit(&handle) == 0 &&
         ZARNQueryConnectionOpen(handle, "docs", "f*", nullptr, 0, 0, 20, "t", 1000, CONNECTION_FLAG_NONE) == 0 &&
         ZARNQueryCount(handle) == 3) {
-        _tag_search_record *record = nullptr;
         for (hits = 0; ZARNQueryGetNextRecord(handle, &record) == 0 && record != nullptr; record = nullptr) {
             ++hits;
             ZARNQueryFreeRecord(record);
@@ -53,19 +45,24 @@ int DocumentLookup() {
 }
 
 TEST(Threads, SearchesAndLookupsRunSideBySide) {
-    constexpr int kThreads = 8, kRounds = 12;
-    zarntest::FakeDaemon daemon({zarntest::Respond(Answer)});
+    // One reply serves both: a search takes it for the header, a lookup for
+    // the document (and closes before the hits).
+    std::vector<zarntest::Step> script = {zarntest::ReadRequest(),
+        zarntest::Send(R"({"total":3,"success":true,"data":{"ZARNMDTitle":"t","ZARNMDFSSize":5}})")};
+    for (int i = 1; i <= 3; ++i) script.push_back(zarntest::Send(zarntest::Hit("/docs/f" + std::to_string(i), i)));
+    script.push_back(zarntest::Send(R"({"success":true})"));
+    zarntest::FakeDaemon daemon(script);
     std::atomic<int> wrong{0};
     std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
+    for (int t = 0; t < 8; ++t) {
         threads.emplace_back([t, &wrong] {
             int (*const rounds[])() = {StreamingSearch, CallbackSearch, DocumentLookup};
-            for (int round = 0; round < kRounds; ++round) wrong += rounds[(t + round) % 3]() != 3;
+            for (int round = 0; round < 12; ++round) wrong += rounds[(t + round) % 3]() != 3;
         });
     }
     for (std::thread &thread : threads) thread.join();
     EXPECT_EQ(wrong.load(), 0);
-    EXPECT_EQ(daemon.Accepted(), static_cast<size_t>(kThreads * kRounds));
+    EXPECT_EQ(daemon.Accepted(), 96u);
 }
 
 }  // namespace

@@ -17,26 +17,16 @@
 
 namespace zarntest {
 
-Step ReadRequest() { return {Step::kReadRequest, "", nullptr}; }
-Step Send(const std::string &json_text) { return {Step::kSend, json_text, nullptr}; }
+Step ReadRequest() { return {Step::kReadRequest, ""}; }
+Step Send(const std::string &json_text) { return {Step::kSend, json_text}; }
 Step Send(const char *json_text) { return Send(std::string(json_text)); }
 Step Send(const Json::Value &value) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
     return Send(Json::writeString(builder, value));
 }
-Step SendRaw(const std::string &bytes) { return {Step::kSendRaw, bytes, nullptr}; }
-Step Close() { return {Step::kClose, "", nullptr}; }
-Step Respond(Responder responder) { return {Step::kRespond, "", std::move(responder)}; }
-
-namespace {
-Json::Value Parse(const std::string &text) {
-    Json::Value value;
-    std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-    if (!reader->parse(text.data(), text.data() + text.size(), &value, nullptr)) return Json::Value();
-    return value;
-}
-}  // namespace
+Step SendRaw(const std::string &bytes) { return {Step::kSendRaw, bytes}; }
+Step Close() { return {Step::kClose, ""}; }
 
 Json::Value Hit(const std::string &path, int doc_id) {
     Json::Value hit(Json::objectValue);
@@ -129,8 +119,6 @@ void FakeDaemon::RunConnection(size_t index, std::vector<Step> script) {
             std::lock_guard<std::mutex> lock(mutex_);
             seen_[index].requests.push_back(text);
         }
-        if (open && step->responder)
-            for (const std::string &packet : step->responder(Parse(text))) open = open && zarndaemon::io::PacketWrite(fd, packet);
     }
     if (!open) CloseConnection(index);
     {
@@ -152,8 +140,9 @@ std::vector<Seen> FakeDaemon::WaitFinished(size_t count, std::chrono::millisecon
 
 Json::Value FakeDaemon::Request(size_t index) {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (index >= seen_.size() || seen_[index].requests.empty()) return Json::Value();
-    return Parse(seen_[index].requests[0]);
+    Json::Value value;
+    if (index < seen_.size() && !seen_[index].requests.empty()) Json::Reader().parse(seen_[index].requests[0], value);
+    return value;
 }
 
 size_t FakeDaemon::Accepted() {

@@ -8,7 +8,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
-#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -43,14 +42,10 @@ void WriteFile(const std::string &path, const std::string &content);
 void SetShareTable(const std::vector<std::pair<std::string, std::string>> &shares);
 
 // ---- fake daemon ---------------------------------------------------------
-// Packets to answer a request with, chosen by looking at it.
-using Responder = std::function<std::vector<std::string>(const Json::Value &request)>;
-
 // One step of what the daemon does on a connection.
 struct Step {
-    enum Kind { kReadRequest, kSend, kSendRaw, kClose, kRespond } kind;
-    std::string data;     // packet text (kSend) or raw bytes (kSendRaw)
-    Responder responder;  // kRespond
+    enum Kind { kReadRequest, kSend, kSendRaw, kClose } kind;
+    std::string data;  // packet text (kSend) or raw bytes (kSendRaw)
 };
 Step ReadRequest();                       // read one packet and record it
 Step Send(const std::string &json_text);  // one framed packet
@@ -58,7 +53,6 @@ Step Send(const char *json_text);
 Step Send(const Json::Value &value);
 Step SendRaw(const std::string &bytes);  // bytes as they are, unframed
 Step Close();                            // close the connection now
-Step Respond(Responder responder);       // read one request, send what responder returns
 
 // A connection as the daemon saw it: the raw texts of the packets read.
 struct Seen {
