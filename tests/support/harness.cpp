@@ -1,15 +1,26 @@
-// Replaces syslog and its fortified forms in the test executable, so that the
-// library's log lines land in memory with their priorities.
+// The harness's process-wide parts: syslog replaced so that the library's log
+// lines land in memory with their priorities, the files tests write, and a
+// main that refuses to run outside the sandbox (the library's paths under
+// /var must never be the real ones).  One object, pulled in by main, so that
+// every test executable gets the replaced syslog.
 #include <errno.h>
 #include <stdarg.h>
 #include <stdio.h>
+#include <stdlib.h>
+#include <sys/vfs.h>
 
+#include <fstream>
 #include <mutex>
 #include <regex>
+#include <stdexcept>
 
 #include <gtest/gtest.h>
 
 #include "harness.h"
+
+#ifndef TMPFS_MAGIC
+#define TMPFS_MAGIC 0x01021994
+#endif
 
 namespace zarntest {
 namespace {
@@ -68,6 +79,20 @@ void ExpectOneLog(const char *pattern, int priority) {
     EXPECT_EQ(lines[0].priority, priority) << lines[0].text;
 }
 
+void WriteFile(const std::string &path, const std::string &content) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+    if (!out) throw std::runtime_error("cannot write " + path);
+}
+
+void SetShareTable(const std::vector<std::pair<std::string, std::string>> &shares) {
+    static const char kTable[] = "/var/run/zarntest-shares";
+    std::string content;
+    for (const auto &share : shares) content += share.first + "\t" + share.second + "\n";
+    WriteFile(kTable, content);
+    setenv("ZARN_SHARE_TABLE", kTable, 1);
+}
+
 }  // namespace zarntest
 
 extern "C" {
@@ -93,3 +118,14 @@ void __syslog_chk(int priority, int, const char *format, ...) {
 }
 
 }  // extern "C"
+
+int main(int argc, char **argv) {
+    struct statfs var;
+    if (getenv("ZARN_TEST_SANDBOX") == nullptr || statfs("/var", &var) != 0 ||
+        var.f_type != TMPFS_MAGIC) {
+        fprintf(stderr, "%s: run me through tests/support/sandbox.sh\n", argv[0]);
+        return 2;
+    }
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
