@@ -2,6 +2,7 @@
 // records built from hit packets and the rewrite that completes every search
 // request, which the streaming API shares.
 #include <dirent.h>
+#include <signal.h>
 
 #include <chrono>
 #include <memory>
@@ -69,8 +70,12 @@ TEST(Connection, HoldsItsSocketItsFlagAndItsFirstError) {
         EXPECT_EQ(c->GetError(), CONNECTION_ERROR_INVALID);
     }
     const int before = OpenDescriptors();
+    signal(SIGPIPE, SIG_DFL);
     EXPECT_FALSE(plain.Connect(20, CONNECTION_FLAG_NONE));
     EXPECT_EQ(plain.GetError(), CONNECTION_ERROR_CONNECT);
+    struct sigaction pipe_action;
+    sigaction(SIGPIPE, nullptr, &pipe_action);
+    EXPECT_EQ(pipe_action.sa_handler, SIG_IGN);
     ExpectOneLog("^connection\\.cpp:[0-9]+ Connect domain socket failed, No such file or directory$");
     // The failed connection's socket is held: it passes the first check and
     // the write fails.

@@ -88,7 +88,7 @@ void FakeDaemon::Serve() {
         }
         seen_.emplace_back();
         fds_.push_back(fd);
-        workers_.emplace_back(&FakeDaemon::RunConnection, this, fds_.size() - 1, std::move(script));
+        workers_.emplace_back(&FakeDaemon::RunConnection, this, fd, fds_.size() - 1, std::move(script));
         changed_.notify_all();
     }
 }
@@ -99,12 +99,7 @@ void FakeDaemon::CloseConnection(size_t index) {
     fds_[index] = -1;
 }
 
-void FakeDaemon::RunConnection(size_t index, std::vector<Step> script) {
-    int fd;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        fd = fds_[index];
-    }
+void FakeDaemon::RunConnection(int fd, size_t index, std::vector<Step> script) {
     bool open = true;
     for (auto step = script.begin(); open && step != script.end(); ++step) {
         std::string text;

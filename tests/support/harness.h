@@ -81,7 +81,7 @@ public:
 
 private:
     void Serve();
-    void RunConnection(size_t index, std::vector<Step> script);
+    void RunConnection(int fd, size_t index, std::vector<Step> script);
     void CloseConnection(size_t index);
 
     int listen_fd_ = -1;
