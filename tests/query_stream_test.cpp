@@ -97,7 +97,7 @@ TEST(Open, WritesTheCompletedRequest) {
 // A refused call writes nothing; a null sort array is never read for a count
 // of zero or less.
 TEST(Open, RefusesBadArgumentsBeforeWriting) {
-    Stream s({ReadRequest(), ReadRequest()});
+    Stream s({ReadRequest(), ReadRequest(), ReadRequest()});
     ZARNQuerySorter null_field[] = {{0, "a"}, {1, nullptr}};
     const ConnectionFlag none = CONNECTION_FLAG_NONE;
     const int codes[] = {
@@ -112,11 +112,14 @@ TEST(Open, RefusesBadArgumentsBeforeWriting) {
         ZARNQueryConnectionOpen(s.h, "m", "q", null_field, 2, 0, 20, "a", 1, none),
     };
     for (size_t i = 0; i < sizeof codes / sizeof codes[0]; ++i) EXPECT_EQ(codes[i], ZARN_ERR_INVALID) << i;
-    EXPECT_EQ(ZARNQueryConnectionOpen(s.h, "m", "", nullptr, -3, 1073741823, 2, "", 1, none), ZARN_OK);
+    EXPECT_EQ(ZARNQueryConnectionOpen(s.h, "m", "", nullptr, -3, 7, 1, "", 1, none), ZARN_OK);
+    EXPECT_EQ(ZARNQueryConnectionOpen(s.h, "m", "q", nullptr, 0, 1073741823, 2, "a", 1, none), ZARN_OK);
     ZARNQueryConnectionClose(s.h);
     s.h = nullptr;
-    EXPECT_EQ(s.daemon.WaitFinished(1).at(0).requests.size(), 1u);
-    EXPECT_EQ(s.daemon.Request()["data"]["from"].asInt(), 2147483646);
+    const std::vector<std::string> sent = s.daemon.WaitFinished(1).at(0).requests;
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_NE(sent[0].find(R"("from":7,"indice":["fileindex_m"],"query_string":{"query":""},"size":1})"), std::string::npos);
+    EXPECT_NE(sent[1].find(R"("from":2147483646,)"), std::string::npos);
     ZARNQueryHandle no_socket = {};
     no_socket.fd = -1;
     no_socket.total = -1;
