@@ -5,15 +5,18 @@
 #include <cstring>
 #include <functional>
 #include <set>
-#include <string>
 
 #include <gtest/gtest.h>
 
-#include "alloc_fail.h"
 #include "harness.h"
 #include "zarncontentsearchutils.h"
 
 using namespace zarntest;
+
+namespace zarntest {  // support/alloc_fail.cpp: fail the Nth allocation of this thread; stop, count
+void ArmAllocationFailure(size_t fail_at);
+size_t DisarmAllocationFailure();
+}  // namespace zarntest
 
 namespace {
 
@@ -48,29 +51,35 @@ void Sweep(const std::function<int()> &call, int failure, int success, bool warm
 }
 
 // A hit with a highlight, so that every part of a record is allocated.
-std::vector<Step> HeaderAndHit() {
-    return {Send(R"({"total":1})"), Send(R"({"ZARNMDPath":"/m/a","additional":{"doc_id":1},"highlight":{}})"),
-            Send(R"({"success":true})")};
+std::vector<Step> Reply(bool read_request) {
+    std::vector<Step> script = {Send(R"({"total":1})"), Send(R"({"ZARNMDPath":"/m/a","additional":{"doc_id":1},)"
+                                                           R"("highlight":{}})"), Send(R"({"success":true})")};
+    if (read_request) script.insert(script.begin(), ReadRequest());
+    return script;
 }
 
-// A handle whose replies are all on the socket before the call.
-class Streaming : public testing::Test {
-protected:
-    void Connect() {
-        daemon_.Queue(HeaderAndHit());
-        ASSERT_EQ(ZARNQueryConnectionInit(&h_), 0);
-        daemon_.WaitFinished(++connections_);
-    }
-    void Sweep(const std::function<int()> &call, int failure, int success, bool warm = true) {
-        ::Sweep(call, failure, success, warm, [this] { Connect(); }, [this] { ZARNQueryConnectionClose(h_); });
-    }
-    FakeDaemon daemon_{std::vector<Step>{}};
-    ZARNQueryHandle *h_ = nullptr;
-    size_t connections_ = 0;
-};
+FakeDaemon &Daemon() {
+    static FakeDaemon daemon{std::vector<Step>{}};
+    return daemon;
+}
 
-TEST_F(Streaming, InitOpenAndTheReaders) {
-    ::Sweep([] {
+// Sweeps `call` on a fresh handle each run, its replies all on the socket.
+void SweepHandle(const std::function<int(ZARNQueryHandle *)> &call, int failure, int success, bool warm = true) {
+    static size_t connections = 0;
+    static ZARNQueryHandle *h = nullptr;
+    Sweep([&call] { return call(h); }, failure, success, warm, [] {
+        Daemon().Queue(Reply(false));
+        ASSERT_EQ(ZARNQueryConnectionInit(&h), 0);
+        Daemon().WaitFinished(++connections);
+    }, [] { ZARNQueryConnectionClose(h); });
+}
+
+bool AnyHit(const _tag_search_record *, void *) { return true; }
+
+// Memory running out while a reply is parsed is never a malformed reply.
+TEST(Streaming, InitOpenTheReadersAndTheCallbackSearch) {
+    Daemon();
+    Sweep([] {
         ZARNQueryHandle *handle = nullptr;
         const int code = ZARNQueryConnectionInit(&handle);
         ZARNQueryConnectionClose(handle);
@@ -80,46 +89,35 @@ TEST_F(Streaming, InitOpenAndTheReaders) {
     ASSERT_EQ(LogsMatching("^query_init_cwrap\\.cpp:[0-9]+ malloc\\(\\) failed$").size(), 1u);
     EXPECT_EQ(LogsMatching("malloc")[0].priority, LOG_ERR);
     ZARNQuerySorter sorter = {3, "ZARNMDPath"};
-    Sweep([this, &sorter] {
-        return ZARNQueryConnectionOpen(h_, "m", "q", &sorter, 1, 0, 20, "a", 1, CONNECTION_FLAG_HIGHLIGHT);
+    SweepHandle([&sorter](ZARNQueryHandle *h) {
+        return ZARNQueryConnectionOpen(h, "m", "q", &sorter, 1, 0, 20, "a", 1, CONNECTION_FLAG_HIGHLIGHT);
     }, ZARN_ERR_NO_MEMORY, ZARN_OK);
-    Sweep([this] {
+    SweepHandle([](ZARNQueryHandle *h) {
         _tag_search_record *record = nullptr;
-        const int code = ZARNQueryGetNextRecord(h_, &record);
+        const int code = ZARNQueryGetNextRecord(h, &record);
         ZARNQueryFreeRecord(record);
         return code == ZARN_OK && record != nullptr ? 1 : code;
     }, ZARN_ERR_NO_MEMORY, 1);
-    Sweep([this] {
-        _tag_search_record *record = ZARNQueryFetchNext(h_, timeval{5, 0});
+    SweepHandle([](ZARNQueryHandle *h) {
+        _tag_search_record *record = ZARNQueryFetchNext(h, timeval{5, 0});
         ZARNQueryFreeRecord(record);
         return record != nullptr ? 1 : 0;
     }, 0, 1);
-    Sweep([this] { return ZARNQueryCount(h_); }, 0, 1);
-    // Memory running out while a reply is parsed is never a malformed reply.
+    SweepHandle(ZARNQueryCount, 0, 1);
+    std::set<int> codes;
+    Sweep([&codes] {
+        int code = 0;
+        const int result = ZARNSearchQuerySend("m", "q", 10, 0, AnyHit, nullptr, "a", 1, &code);
+        if (result == 0) codes.insert(code);
+        return result;
+    }, 0, 1, true, [] { Daemon().Queue(Reply(true)); });
+    EXPECT_EQ(codes, std::set<int>{ZARN_ERR_NO_MEMORY});
     EXPECT_TRUE(LogsMatching("response format is wrong").empty());
 }
 
 // The first parse of the process builds the spare reader; failing there is
 // memory running out too, and a later run finds the reader built.
-TEST_F(Streaming, FirstReaderBuiltUnderFailure) { Sweep([this] { return ZARNQueryCount(h_); }, 0, 1, false); }
-
-TEST(CallbackSearch, FailsWithNoMemory) {
-    FakeDaemon daemon;
-    std::set<int> codes;
-    Sweep([&codes] {
-        int code = 0;
-        const int result = ZARNSearchQuerySend("m", "q", 10, 0, [](const _tag_search_record *, void *) { return true; },
-                                               nullptr, "a", 1, &code);
-        if (result == 0) codes.insert(code);
-        return result;
-    }, 0, 1, true, [&daemon] {
-        std::vector<Step> script = HeaderAndHit();
-        script.insert(script.begin(), ReadRequest());
-        daemon.Queue(script);
-    });
-    EXPECT_EQ(codes, std::set<int>{ZARN_ERR_NO_MEMORY});
-    EXPECT_TRUE(LogsMatching("response format is wrong").empty());
-}
+TEST(Streaming, FirstReaderBuiltUnderFailure) { SweepHandle(ZARNQueryCount, 0, 1, false); }
 
 // A failed lookup hands back all records zeroed, a good one all values.
 TEST(DocumentLookup, FailsWholeOrSucceedsWhole) {
@@ -140,23 +138,21 @@ TEST(DocumentLookup, FailsWholeOrSucceedsWhole) {
     EXPECT_TRUE(LogsMatching("response format is wrong").empty());
 }
 
-class FileIndex : public testing::Test {
-protected:
-    void SetUp() override {
-        SetShareTable({{"music", "/var/run"}});
-        WriteFile(kFolderConfig, R"([{"path": "/music/pop"}, {"path": "/music/a b"}])");
-    }
-};
+void WriteShares() {
+    SetShareTable({{"music", "/var/run"}});
+    WriteFile(kFolderConfig, R"([{"path": "/music/pop"}, {"path": "/music/a b"}])");
+}
 
-TEST_F(FileIndex, ChecksAnswerZeroAndPathsMinusOne) {
+// The checks answer 0 and the paths -1 when memory runs out.
+TEST(FileIndex, ChecksAnswerZeroAndPathsMinusOne) {
+    WriteShares();
     Sweep([] { return FILEIDXIsShareIndexed("music"); }, 0, 1);
     Sweep([] { return FILEIDXIsPathContainIndexed("/music"); }, 0, 1);
     Sweep([] { return FILEIDXIsFullPathIndexed("/var/music/pop/x"); }, 0, 1);
     Sweep([] { return FILEIDXIsPathIndexed("/music/a b/y"); }, 0, 1);
     EXPECT_FALSE(LogsMatching("^fileindex_cwrap\\.cpp:[0-9]+ FILEIDXIs[A-Za-z]+Ex failed: ").empty());
     // The caches hold what the last, complete, run built.
-    EXPECT_EQ(FILEIDXIsPathIndexedEx("/music/pop", 0), 1);
-    EXPECT_EQ(FILEIDXIsPathContainIndexedEx("/music/a b", 0), 1);
+    EXPECT_EQ(FILEIDXIsPathIndexedEx("/music/pop", 0) + FILEIDXIsPathContainIndexedEx("/music/a b", 0), 2);
     char out[64];
     Sweep([&out] { return FILEIDXQueuePathGet("music", out, sizeof out); }, -1,
           static_cast<int>(strlen("/var/run/@eaDir/ZARN@file_index_queue")));
@@ -165,17 +161,19 @@ TEST_F(FileIndex, ChecksAnswerZeroAndPathsMinusOne) {
     // Composing a text allocates nothing, so memory cannot make it fail.
     ArmAllocationFailure(0);
     EXPECT_EQ(FILEIDXGetIndexID("music", out, sizeof out), 1);
-    EXPECT_GT(FILEIDXDBPathCompose("/var/run", out, sizeof out), 0);
-    EXPECT_GT(FILEIDXQueuePathCompose("/var/run", out, sizeof out), 0);
+    EXPECT_GT(FILEIDXDBPathCompose("/var/run", out, sizeof out) * FILEIDXQueuePathCompose("/var/run", out, sizeof out), 0);
     EXPECT_EQ(DisarmAllocationFailure(), 0u);
 }
 
 // With bReload 0 a failed first build must leave no half-built cache behind:
 // the next run builds it again.  Each starts from empty caches, in a process
 // of its own.
-class CachedCheck : public FileIndex, public testing::WithParamInterface<int (*)()> {};
+class CachedCheck : public testing::TestWithParam<int (*)()> {};
 
-TEST_P(CachedCheck, RebuildsAfterAFailure) { Sweep(GetParam(), 0, 1, false); }
+TEST_P(CachedCheck, RebuildsAfterAFailure) {
+    WriteShares();
+    Sweep(GetParam(), 0, 1, false);
+}
 
 INSTANTIATE_TEST_SUITE_P(FirstBuild, CachedCheck,
                          testing::Values([] { return FILEIDXIsShareIndexedEx("music", 0); },

@@ -14,19 +14,16 @@ namespace {
 
 bool CountHit(const _tag_search_record *, void *count) { return ++*static_cast<int *>(count) > 0; }
 
-// Each answers 3 when its round went right.
+// Each round answers 3 when it went right.
 int StreamingSearch() {
     ZARNQueryHandle *handle = nullptr;
     int hits = -100;
     _tag_search_record *record = nullptr;
     if (ZARNQueryConnectionInit(&handle) == 0 &&
         ZARNQueryConnectionOpen(handle, "docs", "f*", nullptr, 0, 0, 20, "t", 1000, CONNECTION_FLAG_NONE) == 0 &&
-        ZARNQueryCount(handle) == 3) {
-        for (hits = 0; ZARNQueryGetNextRecord(handle, &record) == 0 && record != nullptr; record = nullptr) {
-            ++hits;
+        ZARNQueryCount(handle) == 3)
+        for (hits = 0; ZARNQueryGetNextRecord(handle, &record) == 0 && record != nullptr; ++hits, record = nullptr)
             ZARNQueryFreeRecord(record);
-        }
-    }
     ZARNQueryConnectionClose(handle);
     return hits;
 }
@@ -45,13 +42,11 @@ int DocumentLookup() {
 }
 
 TEST(Threads, SearchesAndLookupsRunSideBySide) {
+    using namespace zarntest;
     // One reply serves both: a search takes it for the header, a lookup for
     // the document (and closes before the hits).
-    std::vector<zarntest::Step> script = {zarntest::ReadRequest(),
-        zarntest::Send(R"({"total":3,"success":true,"data":{"ZARNMDTitle":"t","ZARNMDFSSize":5}})")};
-    for (int i = 1; i <= 3; ++i) script.push_back(zarntest::Send(zarntest::Hit("/docs/f" + std::to_string(i), i)));
-    script.push_back(zarntest::Send(R"({"success":true})"));
-    zarntest::FakeDaemon daemon(script);
+    FakeDaemon daemon({ReadRequest(), Send(R"({"total":3,"success":true,"data":{"ZARNMDTitle":"t","ZARNMDFSSize":5}})"),
+                       Send(Hit("/d/1", 1)), Send(Hit("/d/2", 2)), Send(Hit("/d/3", 3)), Send(R"({"success":true})")});
     std::atomic<int> wrong{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 8; ++t) {

@@ -1,6 +1,10 @@
-#include "alloc_fail.h"
-
+// A test seam that makes the Nth allocation of the calling thread fail:
+// malloc, calloc and realloc return null, operator new throws std::bad_alloc.
+// Linked into the allocation test executable only.  The executable's own
+// operator new and delete go to libc: valgrind, told to leave the
+// executable's allocator alone, then sees every block.
 #include <errno.h>
+#include <stddef.h>
 
 #include <new>
 
@@ -12,11 +16,23 @@ void __libc_free(void *pointer);
 }
 
 namespace zarntest {
-namespace {
 
 thread_local bool armed = false;
-thread_local size_t counted = 0;
-thread_local size_t fail_at = 0;
+thread_local size_t counted = 0, fail_at = 0;
+
+// Counts the calling thread's allocations from now on and fails number `n`
+// (1-based); 0 counts without failing.
+void ArmAllocationFailure(size_t n) {
+    counted = 0;
+    fail_at = n;
+    armed = true;
+}
+
+// Stops counting; returns how many allocations were counted.
+size_t DisarmAllocationFailure() {
+    armed = false;
+    return counted;
+}
 
 bool Fails() {
     if (!armed || ++counted != fail_at) return false;
@@ -24,42 +40,25 @@ bool Fails() {
     return true;
 }
 
+void *NewOrNull(size_t size) { return Fails() ? nullptr : __libc_malloc(size == 0 ? 1 : size); }
+
 void *NewOrThrow(size_t size) {
-    void *pointer = Fails() ? nullptr : __libc_malloc(size == 0 ? 1 : size);
-    if (pointer == nullptr) throw std::bad_alloc();
-    return pointer;
-}
-
-}  // namespace
-
-void ArmAllocationFailure(size_t n) {
-    counted = 0;
-    fail_at = n;
-    armed = true;
-}
-
-size_t DisarmAllocationFailure() {
-    armed = false;
-    return counted;
+    if (void *pointer = NewOrNull(size)) return pointer;
+    throw std::bad_alloc();
 }
 
 }  // namespace zarntest
 
-using zarntest::Fails;
-using zarntest::NewOrThrow;
+using namespace zarntest;
 
-// The executable's own operator new and delete: valgrind, told to leave the
-// executable's allocator alone, then sees every block through libc.
 extern "C" void *malloc(size_t size) { return Fails() ? nullptr : __libc_malloc(size); }
 extern "C" void *calloc(size_t count, size_t size) { return Fails() ? nullptr : __libc_calloc(count, size); }
 extern "C" void *realloc(void *pointer, size_t size) { return Fails() ? nullptr : __libc_realloc(pointer, size); }
 extern "C" void free(void *pointer) { __libc_free(pointer); }
 void *operator new(size_t size) { return NewOrThrow(size); }
 void *operator new[](size_t size) { return NewOrThrow(size); }
-void *operator new(size_t size, const std::nothrow_t &) noexcept {
-    return Fails() ? nullptr : __libc_malloc(size == 0 ? 1 : size);
-}
-void *operator new[](size_t size, const std::nothrow_t &tag) noexcept { return operator new(size, tag); }
+void *operator new(size_t size, const std::nothrow_t &) noexcept { return NewOrNull(size); }
+void *operator new[](size_t size, const std::nothrow_t &) noexcept { return NewOrNull(size); }
 void operator delete(void *pointer) noexcept { __libc_free(pointer); }
 void operator delete[](void *pointer) noexcept { __libc_free(pointer); }
 void operator delete(void *pointer, size_t) noexcept { __libc_free(pointer); }

@@ -1,11 +1,9 @@
-// A scripted stand-in for the search daemon, listening on the daemon's socket
-// inside the test sandbox.  Destroying it shuts every socket down, which
-// wakes each thread from its blocking call.
+// A scripted stand-in for the search daemon.  Destroying it shuts every
+// socket down, which wakes each thread from its blocking call.
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 #include <stdexcept>
 
@@ -21,9 +19,9 @@ Step ReadRequest() { return {Step::kReadRequest, ""}; }
 Step Send(const std::string &json_text) { return {Step::kSend, json_text}; }
 Step Send(const char *json_text) { return Send(std::string(json_text)); }
 Step Send(const Json::Value &value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Send(Json::writeString(builder, value));
+    Json::StreamWriterBuilder compact;
+    compact["indentation"] = "";
+    return Send(Json::writeString(compact, value));
 }
 Step SendRaw(const std::string &bytes) { return {Step::kSendRaw, bytes}; }
 Step Close() { return {Step::kClose, ""}; }
@@ -46,9 +44,8 @@ FakeDaemon::FakeDaemon(std::vector<Step> default_script) : default_script_(std::
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     std::strcpy(address.sun_path, kDaemonSocket);
-    if (listen_fd_ < 0 || bind(listen_fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
-        listen(listen_fd_, 64) != 0)
-        throw std::runtime_error(std::string("fake daemon cannot listen: ") + strerror(errno));
+    if (bind(listen_fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 || listen(listen_fd_, 64) != 0)
+        throw std::runtime_error("fake daemon cannot listen");
     acceptor_ = std::thread(&FakeDaemon::Serve, this);
 }
 
@@ -74,63 +71,75 @@ void FakeDaemon::Serve() {
     for (;;) {
         const int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
         std::lock_guard<std::mutex> lock(mutex_);
-        if (stopping_) {
+        if (stopping_ || fd < 0) {
             if (fd >= 0) close(fd);
-            return;
+            if (stopping_) return;
+            continue;
         }
-        if (fd < 0) continue;
         const timeval minute = {60, 0};
         setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &minute, sizeof minute);
-        std::vector<Step> script = default_script_;
-        if (!queued_.empty()) {
-            script = std::move(queued_.front());
-            queued_.pop_front();
-        }
+        std::vector<Step> script = queued_.empty() ? default_script_ : std::move(queued_.front());
+        if (!queued_.empty()) queued_.pop_front();
         seen_.emplace_back();
         fds_.push_back(fd);
-        workers_.emplace_back(&FakeDaemon::RunConnection, this, fd, fds_.size() - 1, std::move(script));
-        changed_.notify_all();
+        workers_.emplace_back(&FakeDaemon::Run, this, fd, fds_.size() - 1, std::move(script));
     }
 }
 
-void FakeDaemon::CloseConnection(size_t index) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    close(fds_[index]);
-    fds_[index] = -1;
-}
-
-void FakeDaemon::RunConnection(int fd, size_t index, std::vector<Step> script) {
-    bool open = true;
-    for (auto step = script.begin(); open && step != script.end(); ++step) {
+// A connection whose script ends while open waits for the client to close
+// it; its descriptor is closed under the lock, so that the destructor never
+// shuts down a number already reused.
+void FakeDaemon::Run(int fd, size_t index, std::vector<Step> script) {
+    bool open = true, peer_closed = false;
+    for (const Step &step : script) {
         std::string text;
-        if (step->kind == Step::kSend) {
-            open = zarndaemon::io::PacketWrite(fd, step->data);
-        } else if (step->kind == Step::kSendRaw) {
-            open = send(fd, step->data.data(), step->data.size(), MSG_NOSIGNAL) ==
-                   static_cast<ssize_t>(step->data.size());
-        } else if (step->kind == Step::kClose) {
+        if (step.kind == Step::kSend) {
+            open = zarndaemon::io::PacketWrite(fd, step.data);
+        } else if (step.kind == Step::kSendRaw) {
+            open = send(fd, step.data.data(), step.data.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(step.data.size());
+        } else if (step.kind == Step::kClose) {
             open = false;
         } else if ((open = zarndaemon::io::PacketRead(fd, text))) {
             std::lock_guard<std::mutex> lock(mutex_);
             seen_[index].requests.push_back(text);
+        } else {
+            peer_closed = true;
         }
+        if (!open) break;
     }
-    if (!open) CloseConnection(index);
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        ++finished_;
-        changed_.notify_all();
-    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    ++finished_;
+    changed_.notify_all();
     char byte;
-    while (open && recv(fd, &byte, 1, 0) > 0) {
+    if (open && !peer_closed) {
+        lock.unlock();
+        while (recv(fd, &byte, 1, 0) > 0) {
+        }
+        lock.lock();
+        peer_closed = !stopping_;
     }
-    if (open) CloseConnection(index);
+    seen_[index].peer_closed = peer_closed;
+    close(fd);
+    fds_[index] = -1;
+    changed_.notify_all();
+}
+
+std::vector<Seen> FakeDaemon::Wait(size_t count, std::chrono::milliseconds timeout, bool closed) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait_for(lock, timeout, [&] {
+        size_t n = 0;
+        for (const Seen &s : seen_) n += s.peer_closed;
+        return (closed ? n : finished_) >= count;
+    });
+    return seen_;
 }
 
 std::vector<Seen> FakeDaemon::WaitFinished(size_t count, std::chrono::milliseconds timeout) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait_for(lock, timeout, [&] { return finished_ >= count; });
-    return seen_;
+    return Wait(count, timeout, false);
+}
+
+std::vector<Seen> FakeDaemon::WaitClosed(size_t count, std::chrono::milliseconds timeout) {
+    return Wait(count, timeout, true);
 }
 
 Json::Value FakeDaemon::Request(size_t index) {

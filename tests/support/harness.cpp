@@ -5,12 +5,9 @@
 // every test executable gets the replaced syslog.
 #include <errno.h>
 #include <stdarg.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <sys/vfs.h>
+#include <sys/vfs.h>  // tmpfs is 0x01021994
 
 #include <fstream>
-#include <mutex>
 #include <regex>
 #include <stdexcept>
 
@@ -18,56 +15,38 @@
 
 #include "harness.h"
 
-#ifndef TMPFS_MAGIC
-#define TMPFS_MAGIC 0x01021994
-#endif
-
 namespace zarntest {
-namespace {
 
 // Never destroyed: the library may still log while the process exits.
-std::mutex &LogMutex() {
-    static std::mutex *mutex = new std::mutex;
-    return *mutex;
-}
-
-std::vector<LogLine> &LogStore() {
-    static std::vector<LogLine> *store = new std::vector<LogLine>;
-    return *store;
-}
-
-}  // namespace
+struct LogStore {
+    std::mutex mutex;
+    std::vector<LogLine> lines;
+} &store = *new LogStore;
 
 // glibc's printf expands "%m" itself, from errno as it is at the call.
 void Record(int priority, const char *format, va_list args) {
     const int saved_errno = errno;
-    va_list copy;
-    va_copy(copy, args);
-    const int size = vsnprintf(nullptr, 0, format, copy);
-    va_end(copy);
-    std::string text(size > 0 ? static_cast<size_t>(size) : 0, '\0');
-    errno = saved_errno;
-    vsnprintf(&text[0], text.size() + 1, format, args);
-    std::lock_guard<std::mutex> lock(LogMutex());
-    LogStore().push_back({LOG_PRI(priority), text});
+    std::vector<char> text(1 << 16);
+    vsnprintf(text.data(), text.size(), format, args);
+    std::lock_guard<std::mutex> lock(store.mutex);
+    store.lines.push_back({LOG_PRI(priority), text.data()});
     errno = saved_errno;
 }
 
 std::vector<LogLine> Logs() {
-    std::lock_guard<std::mutex> lock(LogMutex());
-    return LogStore();
+    std::lock_guard<std::mutex> lock(store.mutex);
+    return store.lines;
 }
 
 void ClearLogs() {
-    std::lock_guard<std::mutex> lock(LogMutex());
-    LogStore().clear();
+    std::lock_guard<std::mutex> lock(store.mutex);
+    store.lines.clear();
 }
 
 std::vector<LogLine> LogsMatching(const std::string &pattern) {
-    const std::regex re(pattern);
     std::vector<LogLine> matching;
     for (const LogLine &line : Logs())
-        if (std::regex_search(line.text, re)) matching.push_back(line);
+        if (std::regex_search(line.text, std::regex(pattern))) matching.push_back(line);
     return matching;
 }
 
@@ -80,49 +59,39 @@ void ExpectOneLog(const char *pattern, int priority) {
 }
 
 void WriteFile(const std::string &path, const std::string &content) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
-    if (!out) throw std::runtime_error("cannot write " + path);
+    if (!(std::ofstream(path, std::ios::binary | std::ios::trunc) << content)) throw std::runtime_error(path);
 }
 
 void SetShareTable(const std::vector<std::pair<std::string, std::string>> &shares) {
-    static const char kTable[] = "/var/run/zarntest-shares";
     std::string content;
     for (const auto &share : shares) content += share.first + "\t" + share.second + "\n";
-    WriteFile(kTable, content);
-    setenv("ZARN_SHARE_TABLE", kTable, 1);
+    WriteFile("/var/run/zarntest-shares", content);
+    setenv("ZARN_SHARE_TABLE", "/var/run/zarntest-shares", 1);
 }
 
 }  // namespace zarntest
 
-extern "C" {
-
-void vsyslog(int priority, const char *format, va_list args) { zarntest::Record(priority, format, args); }
-
-void __vsyslog_chk(int priority, int, const char *format, va_list args) {
+// The plain and the fortified entry points.
+extern "C" void vsyslog(int priority, const char *format, va_list args) { zarntest::Record(priority, format, args); }
+extern "C" void __vsyslog_chk(int priority, int, const char *format, va_list args) {
     zarntest::Record(priority, format, args);
 }
-
-void syslog(int priority, const char *format, ...) {
+extern "C" void syslog(int priority, const char *format, ...) {
     va_list args;
     va_start(args, format);
     zarntest::Record(priority, format, args);
     va_end(args);
 }
-
-void __syslog_chk(int priority, int, const char *format, ...) {
+extern "C" void __syslog_chk(int priority, int, const char *format, ...) {
     va_list args;
     va_start(args, format);
     zarntest::Record(priority, format, args);
     va_end(args);
 }
-
-}  // extern "C"
 
 int main(int argc, char **argv) {
     struct statfs var;
-    if (getenv("ZARN_TEST_SANDBOX") == nullptr || statfs("/var", &var) != 0 ||
-        var.f_type != TMPFS_MAGIC) {
+    if (getenv("ZARN_TEST_SANDBOX") == nullptr || statfs("/var", &var) != 0 || var.f_type != 0x01021994) {
         fprintf(stderr, "%s: run me through tests/support/sandbox.sh\n", argv[0]);
         return 2;
     }

@@ -20,9 +20,8 @@ namespace zarntest {
 constexpr char kDaemonSocket[] = "/var/run/zarnelasticd.sock";
 constexpr char kFolderConfig[] = "/var/packages/Norvex/etc/fileindex.folders";
 
-// ---- syslog capture ------------------------------------------------------
-// syslog, vsyslog and their fortified forms are replaced in every test
-// executable; each line is kept with its priority, "%m" already expanded.
+// syslog and its fortified forms are replaced in every test executable; each
+// line is kept with its priority, "%m" already expanded.
 struct LogLine {
     int priority;
     std::string text;
@@ -31,58 +30,53 @@ std::vector<LogLine> Logs();
 void ClearLogs();
 // Lines whose text matches the ECMAScript regular expression `pattern`.
 std::vector<LogLine> LogsMatching(const std::string &pattern);
-// Expects no log line at all when `pattern` is null, else exactly one, which
-// matches `pattern` and has `priority`.
+// Expects no log line when `pattern` is null, else exactly one, matching it,
+// of `priority`.
 void ExpectOneLog(const char *pattern, int priority = LOG_ERR);
 
-// ---- files ---------------------------------------------------------------
 void WriteFile(const std::string &path, const std::string &content);
-// Writes a share table ("name\tpath" lines) to a private file and points the
-// platform stand-in at it.
+// Writes a share table ("name\tpath" lines) and points the platform stand-in at it.
 void SetShareTable(const std::vector<std::pair<std::string, std::string>> &shares);
 
-// ---- fake daemon ---------------------------------------------------------
-// One step of what the daemon does on a connection.
+// One step of what the fake daemon does on a connection: read a packet and
+// keep it, send a framed packet or raw bytes, or close now.
 struct Step {
     enum Kind { kReadRequest, kSend, kSendRaw, kClose } kind;
-    std::string data;  // packet text (kSend) or raw bytes (kSendRaw)
+    std::string data;
 };
-Step ReadRequest();                       // read one packet and record it
-Step Send(const std::string &json_text);  // one framed packet
+Step ReadRequest();
+Step Send(const std::string &json_text);
 Step Send(const char *json_text);
 Step Send(const Json::Value &value);
-Step SendRaw(const std::string &bytes);  // bytes as they are, unframed
-Step Close();                            // close the connection now
+Step SendRaw(const std::string &bytes);
+Step Close();
 
-// A connection as the daemon saw it: the raw texts of the packets read.
+// A connection as the daemon saw it.
 struct Seen {
-    std::vector<std::string> requests;
+    std::vector<std::string> requests;  // raw texts of the packets read
+    bool peer_closed = false;           // the client closed the connection
 };
 
-// Listens on kDaemonSocket (inside the sandbox).  Each accepted connection
-// runs the next queued script, or the default script when none is queued.
-// After its last step a connection stays open, silent, until the client
-// closes it or the daemon is destroyed.  No wait lasts beyond a minute.
+// Listens on kDaemonSocket (inside the sandbox).  Each connection runs the
+// next queued script, or the default one; after its last step it stays open,
+// silent, until the client closes it.  No wait lasts beyond a minute.
 class FakeDaemon {
 public:
     explicit FakeDaemon(std::vector<Step> default_script = {ReadRequest()});
     ~FakeDaemon();
-    FakeDaemon(const FakeDaemon &) = delete;
-    FakeDaemon &operator=(const FakeDaemon &) = delete;
-
     void Queue(std::vector<Step> script);
-    // Waits (at most `timeout`) until `count` connections have finished
-    // their scripts, then returns what every connection saw so far.
-    std::vector<Seen> WaitFinished(size_t count,
-                                   std::chrono::milliseconds timeout = std::chrono::seconds(30));
+    // Wait (at most `timeout`) until `count` connections have finished their
+    // scripts, or have been closed by the client; return what all saw so far.
+    std::vector<Seen> WaitFinished(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(30));
+    std::vector<Seen> WaitClosed(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(30));
     // The first request of connection `index` as JSON (null when none).
     Json::Value Request(size_t index = 0);
     size_t Accepted();
 
 private:
     void Serve();
-    void RunConnection(int fd, size_t index, std::vector<Step> script);
-    void CloseConnection(size_t index);
+    void Run(int fd, size_t index, std::vector<Step> script);
+    std::vector<Seen> Wait(size_t count, std::chrono::milliseconds timeout, bool closed);
 
     int listen_fd_ = -1;
     std::vector<Step> default_script_;
