@@ -41,8 +41,7 @@ Json::Value Hit(const std::string &path, int doc_id) {
 FakeDaemon::FakeDaemon(std::vector<Step> default_script) : default_script_(std::move(default_script)) {
     unlink(kDaemonSocket);
     listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
+    sockaddr_un address = {AF_UNIX, {}};
     std::strcpy(address.sun_path, kDaemonSocket);
     if (bind(listen_fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 || listen(listen_fd_, 64) != 0)
         throw std::runtime_error("fake daemon cannot listen");
@@ -71,12 +70,10 @@ void FakeDaemon::Serve() {
     for (;;) {
         const int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
         std::lock_guard<std::mutex> lock(mutex_);
-        if (stopping_ || fd < 0) {
-            if (fd >= 0) close(fd);
-            if (stopping_) return;
-            continue;
-        }
-        const timeval minute = {60, 0};
+        if (stopping_ && fd >= 0) close(fd);
+        if (stopping_) return;
+        if (fd < 0) continue;
+        const timeval minute = {60, 0};  // no wait lasts longer
         setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &minute, sizeof minute);
         std::vector<Step> script = queued_.empty() ? default_script_ : std::move(queued_.front());
         if (!queued_.empty()) queued_.pop_front();
@@ -90,35 +87,27 @@ void FakeDaemon::Serve() {
 // it; its descriptor is closed under the lock, so that the destructor never
 // shuts down a number already reused.
 void FakeDaemon::Run(int fd, size_t index, std::vector<Step> script) {
-    bool open = true, peer_closed = false;
-    for (const Step &step : script) {
+    bool open = true, ours = false;  // ours: a Close step ended it
+    for (auto step = script.begin(); open && step != script.end(); ++step) {
         std::string text;
-        if (step.kind == Step::kSend) {
-            open = zarndaemon::io::PacketWrite(fd, step.data);
-        } else if (step.kind == Step::kSendRaw) {
-            open = send(fd, step.data.data(), step.data.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(step.data.size());
-        } else if (step.kind == Step::kClose) {
-            open = false;
-        } else if ((open = zarndaemon::io::PacketRead(fd, text))) {
+        if (step->kind == Step::kSend) open = zarndaemon::io::PacketWrite(fd, step->data);
+        if (step->kind == Step::kSendRaw)
+            open = send(fd, step->data.data(), step->data.size(), MSG_NOSIGNAL) == ssize_t(step->data.size());
+        if (step->kind == Step::kClose) open = !(ours = true);
+        if (step->kind == Step::kReadRequest && (open = zarndaemon::io::PacketRead(fd, text))) {
             std::lock_guard<std::mutex> lock(mutex_);
             seen_[index].requests.push_back(text);
-        } else {
-            peer_closed = true;
         }
-        if (!open) break;
     }
     std::unique_lock<std::mutex> lock(mutex_);
     ++finished_;
     changed_.notify_all();
+    lock.unlock();
     char byte;
-    if (open && !peer_closed) {
-        lock.unlock();
-        while (recv(fd, &byte, 1, 0) > 0) {
-        }
-        lock.lock();
-        peer_closed = !stopping_;
+    while (open && recv(fd, &byte, 1, 0) > 0) {
     }
-    seen_[index].peer_closed = peer_closed;
+    lock.lock();
+    seen_[index].peer_closed = !ours && !stopping_;
     close(fd);
     fds_[index] = -1;
     changed_.notify_all();
@@ -132,14 +121,6 @@ std::vector<Seen> FakeDaemon::Wait(size_t count, std::chrono::milliseconds timeo
         return (closed ? n : finished_) >= count;
     });
     return seen_;
-}
-
-std::vector<Seen> FakeDaemon::WaitFinished(size_t count, std::chrono::milliseconds timeout) {
-    return Wait(count, timeout, false);
-}
-
-std::vector<Seen> FakeDaemon::WaitClosed(size_t count, std::chrono::milliseconds timeout) {
-    return Wait(count, timeout, true);
 }
 
 Json::Value FakeDaemon::Request(size_t index) {

@@ -67,8 +67,12 @@ public:
     void Queue(std::vector<Step> script);
     // Wait (at most `timeout`) until `count` connections have finished their
     // scripts, or have been closed by the client; return what all saw so far.
-    std::vector<Seen> WaitFinished(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(30));
-    std::vector<Seen> WaitClosed(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(30));
+    std::vector<Seen> WaitFinished(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
+        return Wait(count, timeout, false);
+    }
+    std::vector<Seen> WaitClosed(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
+        return Wait(count, timeout, true);
+    }
     // The first request of connection `index` as JSON (null when none).
     Json::Value Request(size_t index = 0);
     size_t Accepted();
