@@ -2,21 +2,18 @@
 // a search and reading its total and hits with each reader and mixes of them;
 // the connection class and the callback search; the records built from hits.
 // Then faults of the daemon and of the process around the library: a reply
-// stream cut at every kind of place, an oversized packet, a signal during a
-// wait, descriptors running out or beyond select()'s reach.  Valgrind and
+// stream cut at every kind of place, an oversized packet, descriptors running
+// out or beyond select()'s reach.  Valgrind and
 // ASan, which run this suite too, check that nothing leaked.
 #include <fcntl.h>
 #include <signal.h>
-#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <memory>
-#include <regex>
 #include <utility>
 
 #include <gtest/gtest.h>
@@ -60,8 +57,18 @@ struct Stream {
 
 // A failed connect keeps the handle (and its socket) for Close; a good one
 // ignores SIGPIPE from then on, has both time-outs at 20 s, no total yet.
+// Nothing is read through a null handle or into a null record; FetchNext
+// cannot wait on a descriptor outside read_fds.
 TEST(QueryInit, ConnectsWithTimeOutsOrKeepsTheHandleForClose) {
-    EXPECT_EQ(ZARNQueryConnectionInit(nullptr), ZARN_ERR_INVALID);
+    _tag_search_record *record = nullptr;
+    EXPECT_EQ(ZARNQueryConnectionInit(nullptr) + ZARNQueryGetNextRecord(nullptr, &record) + ZARNQueryCount(nullptr), -2);
+    EXPECT_EQ(ZARNQueryFetchNext(nullptr, timeval{0, 0}), nullptr);
+    EXPECT_EQ(LogsMatching("^query_(get|fetch|count)_cwrap\\.cpp:[0-9]+ connection is NULL\\. ").size(), 3u);
+    ZARNQueryHandle beyond = {};
+    beyond.fd = FD_SETSIZE;
+    EXPECT_EQ(ZARNQueryFetchNext(&beyond, timeval{0, 0}), nullptr);
+    EXPECT_EQ(LogsMatching("^query_fetch_cwrap\\.cpp:[0-9]+ socket descriptor 1024 cannot be waited on$").size(), 1u);
+    ClearLogs();
     ZARNQueryConnectionClose(nullptr);
     ZARNQueryHandle *handle = nullptr;
     EXPECT_EQ(ZARNQueryConnectionInit(&handle), ZARN_ERR_CONNECT);
@@ -71,9 +78,11 @@ TEST(QueryInit, ConnectsWithTimeOutsOrKeepsTheHandleForClose) {
     EXPECT_EQ(fcntl(fd, F_GETFD), -1);
     ExpectOneLog("^query_init_cwrap\\.cpp:[0-9]+ Connect domain socket failed, No such file or directory$");
     signal(SIGPIPE, SIG_DFL);
-    Stream s(std::vector<Step>{});
+    Stream s(Script({R"({"total":2})"}, false));
     EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_IGN);
     EXPECT_EQ(s.h->total, -1);
+    EXPECT_EQ(ZARNQueryGetNextRecord(s.h, nullptr), ZARN_ERR_INVALID);
+    EXPECT_EQ(ZARNQueryCount(s.h), 2);
     for (int option : {SO_RCVTIMEO, SO_SNDTIMEO}) {
         timeval t = {0, 0};
         socklen_t size = sizeof t;
@@ -160,22 +169,6 @@ TEST(Readers, ReadTheReplyStream) {
     }
 }
 
-// Nothing is read through a null handle or into a null record; FetchNext
-// cannot wait on a descriptor outside read_fds.
-TEST(Readers, RefuseNullAndUnusableHandles) {
-    _tag_search_record *record = nullptr;
-    EXPECT_EQ(ZARNQueryGetNextRecord(nullptr, &record) + ZARNQueryCount(nullptr), ZARN_ERR_INVALID);
-    EXPECT_EQ(ZARNQueryFetchNext(nullptr, timeval{0, 0}), nullptr);
-    EXPECT_EQ(LogsMatching("^query_(get|fetch|count)_cwrap\\.cpp:[0-9]+ connection is NULL\\. ").size(), 3u);
-    ZARNQueryHandle beyond = {};
-    beyond.fd = FD_SETSIZE;
-    EXPECT_EQ(ZARNQueryFetchNext(&beyond, timeval{0, 0}), nullptr);
-    EXPECT_EQ(LogsMatching("^query_fetch_cwrap\\.cpp:[0-9]+ socket descriptor 1024 cannot be waited on$").size(), 1u);
-    Stream s(Script({R"({"total":2})"}, false));
-    EXPECT_EQ(ZARNQueryGetNextRecord(s.h, nullptr), ZARN_ERR_INVALID);
-    EXPECT_EQ(ZARNQueryCount(s.h), 2);
-}
-
 std::vector<std::string> paths;  // what the callback searches delivered, "path#doc_id"
 size_t stop_after = 0;           // Collect returns false on this hit
 
@@ -217,7 +210,6 @@ TEST(Connection, RefusesWhatItCannotSendAndSendsItsFlag) {
         EXPECT_FALSE(highlighted.SendQuery(request, request.isObject() ? nullptr : Collect, nullptr, "a", 1));
         EXPECT_EQ(highlighted.GetError(), CONNECTION_ERROR_INVALID);
     }
-    EXPECT_FALSE(highlighted.ProcessRepsonse(nullptr, nullptr));
     EXPECT_TRUE(highlighted.SendQuery(kEnvelope, Collect, nullptr, "finder", 3000000000u));
     EXPECT_EQ(Text(daemon.Request(0)),
               Text(Connection::RewriteSearchQuery(kEnvelope, 3000000000u, "finder", nullptr, 0, CONNECTION_FLAG_HIGHLIGHT)));
@@ -397,29 +389,10 @@ TEST(StreamCut, EveryReaderFailsWithTheReadErrorAndOneLogLine) {
     }
 }
 
-void IgnoreSignal(int) {}
-
-// Without SA_RESTART; select() is never restarted anyway.  Signals keep
-// coming until the wait has ended, so that one surely lands inside it.
-TEST(SignalDuringWait, FetchNextReportsTheInterruptedSelect) {
-    Stream s({ReadRequest()});  // never answers
-    struct sigaction action = {}, before = {};
-    action.sa_handler = IgnoreSignal;
-    ASSERT_EQ(sigaction(SIGUSR1, &action, &before), 0);
-    std::atomic<bool> done{false};
-    std::thread sender([&done, waiter = pthread_self()] {
-        for (; !done; usleep(50000)) pthread_kill(waiter, SIGUSR1);
-    });
-    EXPECT_EQ(ZARNQueryFetchNext(s.h, timeval{30, 0}), nullptr);
-    done = true;
-    sender.join();
-    sigaction(SIGUSR1, &before, nullptr);
-    ExpectOneLog("^query_fetch_cwrap\\.cpp:[0-9]+ select get error Interrupted system call$");
-}
-
 // The handle's read_fds has no room beyond FD_SETSIZE, so Init refuses such a
 // socket, and the callback search, which never uses select(), works there.
-// With no descriptor left, every API fails to connect, cleanly.
+// With no descriptor left, both APIs fail to connect, cleanly, each with one
+// log line.
 TEST(Descriptors, BeyondTheSelectLimitAndExhausted) {
     rlimit limit{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
@@ -442,22 +415,16 @@ TEST(Descriptors, BeyondTheSelectLimitAndExhausted) {
     for (int fd = dup(0); fd >= 0; fd = dup(0)) fillers.push_back(fd);
     const int exhausted = ZARNQueryConnectionInit(&h), exhausted_fd = h->fd;
     ZARNQueryConnectionClose(h);  // frees without closing a negative descriptor
-    const bool connected = connection.Connect(20, CONNECTION_FLAG_NONE);
     const int result = ZARNSearchQuerySend("m", "q", 10, 0, Collect, nullptr, "a", 1, &code);
     for (int fd : fillers) close(fd);  // checked with descriptors to spare: the sanitizers need some
-    EXPECT_EQ(std::to_string(beyond) + " " + std::to_string(found) + " " + std::to_string(exhausted) + " " +
-                  std::to_string(connected) + " " + std::to_string(connection.GetError()) + " " + std::to_string(result) +
-                  " " + std::to_string(code) + " " + std::to_string(daemon.Accepted()),
-              "-2 1 -2 0 -2 0 -2 1");
+    EXPECT_EQ((std::vector<int>{beyond, found, exhausted, result, code, int(daemon.Accepted())}),
+              (std::vector<int>{ZARN_ERR_CONNECT, 1, ZARN_ERR_CONNECT, 0, ZARN_ERR_CONNECT, 1}));
     EXPECT_GE(beyond_fd, FD_SETSIZE);
     EXPECT_LT(exhausted_fd, 0);
     EXPECT_EQ(paths, std::vector<std::string>{"/m/1#1"});
-    std::string logs;
-    for (const LogLine &line : Logs()) logs += std::to_string(line.priority) + " " + line.text + "\n";
-    EXPECT_TRUE(std::regex_match(logs, std::regex("3 query_init_cwrap\\.cpp:[0-9]+ socket descriptor [0-9]+ is beyond "
-                                                  "the select\\(\\) limit\n3 query_init_cwrap\\.cpp:[0-9]+ socket\\(\\) "
-                                                  "failed\n(3 connection\\.cpp:[0-9]+ socket\\(\\) failed\n){2}")))
-        << logs;
+    for (const LogLine &line : Logs()) EXPECT_EQ(line.priority, LOG_ERR);
+    EXPECT_EQ(LogsMatching("^((query_init_cwrap|connection)\\.cpp:[0-9]+ socket\\(\\) failed|query_init_cwrap\\.cpp:[0-9]+ "
+                           "socket descriptor [0-9]+ is beyond the select\\(\\) limit)$").size() * 10 + Logs().size(), 33u);
 }
 
 }  // namespace

@@ -73,19 +73,17 @@ void SetShareTable(const std::vector<std::pair<std::string, std::string>> &share
 
 // The plain and the fortified entry points.
 extern "C" void vsyslog(int priority, const char *format, va_list args) { zarntest::Record(priority, format, args); }
-extern "C" void __vsyslog_chk(int priority, int, const char *format, va_list args) {
-    zarntest::Record(priority, format, args);
-}
+extern "C" void __vsyslog_chk(int priority, int, const char *format, va_list args) { vsyslog(priority, format, args); }
 extern "C" void syslog(int priority, const char *format, ...) {
     va_list args;
     va_start(args, format);
-    zarntest::Record(priority, format, args);
+    vsyslog(priority, format, args);
     va_end(args);
 }
 extern "C" void __syslog_chk(int priority, int, const char *format, ...) {
     va_list args;
     va_start(args, format);
-    zarntest::Record(priority, format, args);
+    vsyslog(priority, format, args);
     va_end(args);
 }
 
