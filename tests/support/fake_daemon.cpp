@@ -15,16 +15,11 @@
 
 namespace zarntest {
 
-Step ReadRequest() { return {Step::kReadRequest, ""}; }
-Step Send(const std::string &json_text) { return {Step::kSend, json_text}; }
-Step Send(const char *json_text) { return Send(std::string(json_text)); }
 Step Send(const Json::Value &value) {
     Json::StreamWriterBuilder compact;
     compact["indentation"] = "";
     return Send(Json::writeString(compact, value));
 }
-Step SendRaw(const std::string &bytes) { return {Step::kSendRaw, bytes}; }
-Step Close() { return {Step::kClose, ""}; }
 
 Json::Value Hit(const std::string &path, int doc_id) {
     Json::Value hit(Json::objectValue);
@@ -76,7 +71,7 @@ void FakeDaemon::Serve() {
         const timeval minute = {60, 0};  // no wait lasts longer
         setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &minute, sizeof minute);
         std::vector<Step> script = queued_.empty() ? default_script_ : std::move(queued_.front());
-        if (!queued_.empty()) queued_.pop_front();
+        if (!queued_.empty()) queued_.erase(queued_.begin());
         seen_.emplace_back();
         fds_.push_back(fd);
         workers_.emplace_back(&FakeDaemon::Run, this, fd, fds_.size() - 1, std::move(script));
@@ -130,9 +125,6 @@ Json::Value FakeDaemon::Request(size_t index) {
     return value;
 }
 
-size_t FakeDaemon::Accepted() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return seen_.size();
-}
+size_t FakeDaemon::Accepted() { return WaitFinished(0).size(); }
 
 }  // namespace zarntest

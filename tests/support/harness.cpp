@@ -33,15 +33,9 @@ void Record(int priority, const char *format, va_list args) {
     errno = saved_errno;
 }
 
-std::vector<LogLine> Logs() {
-    std::lock_guard<std::mutex> lock(store.mutex);
-    return store.lines;
-}
+std::vector<LogLine> Logs() { return std::lock_guard<std::mutex>(store.mutex), store.lines; }
 
-void ClearLogs() {
-    std::lock_guard<std::mutex> lock(store.mutex);
-    store.lines.clear();
-}
+void ClearLogs() { std::lock_guard<std::mutex>(store.mutex), store.lines.clear(); }
 
 std::vector<LogLine> LogsMatching(const std::string &pattern) {
     std::vector<LogLine> matching;
