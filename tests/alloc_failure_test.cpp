@@ -33,19 +33,15 @@ void Sweep(const std::function<int()> &call, int failure, int success, bool warm
         prepare();
         ArmAllocationFailure(n);
         int result = -1000;  // an escaped exception
-        try {
-            result = call();
-        } catch (...) {
-        }
+        try { result = call(); } catch (...) {}
         const bool reached = DisarmAllocationFailure() >= n;
         finish();
         results.insert(result);
-        if (!reached) {
-            EXPECT_GT(n, 1u) << "the seam is not in place";
-            EXPECT_EQ(result, success);
-            EXPECT_EQ(results, (std::set<int>{failure, success}));
-            return;
-        }
+        if (reached) continue;
+        EXPECT_GT(n, 1u) << "the seam is not in place";
+        EXPECT_EQ(result, success);
+        EXPECT_EQ(results, (std::set<int>{failure, success}));
+        return;
     }
     ADD_FAILURE() << "the sweep did not end";
 }

@@ -8,12 +8,8 @@
 
 #include <new>
 
-extern "C" {
-void *__libc_malloc(size_t size);
-void *__libc_calloc(size_t count, size_t size);
-void *__libc_realloc(void *pointer, size_t size);
-void __libc_free(void *pointer);
-}
+extern "C" void *__libc_malloc(size_t), *__libc_calloc(size_t, size_t), *__libc_realloc(void *, size_t);
+extern "C" void __libc_free(void *);
 
 namespace zarntest {
 
@@ -22,23 +18,12 @@ thread_local size_t counted = 0, fail_at = 0;
 
 // Counts the calling thread's allocations from now on and fails number `n`
 // (1-based); 0 counts without failing.
-void ArmAllocationFailure(size_t n) {
-    counted = 0;
-    fail_at = n;
-    armed = true;
-}
+void ArmAllocationFailure(size_t n) { counted = 0, fail_at = n, armed = true; }
 
 // Stops counting; returns how many allocations were counted.
-size_t DisarmAllocationFailure() {
-    armed = false;
-    return counted;
-}
+size_t DisarmAllocationFailure() { return armed = false, counted; }
 
-bool Fails() {
-    if (!armed || ++counted != fail_at) return false;
-    errno = ENOMEM;
-    return true;
-}
+bool Fails() { return armed && ++counted == fail_at && (errno = ENOMEM) != 0; }
 
 void *NewOrNull(size_t size) { return Fails() ? nullptr : __libc_malloc(size == 0 ? 1 : size); }
 
