@@ -134,12 +134,7 @@ TEST(Open, WritesTheCompletedRequestOrNothing) {
 TEST(Readers, ReadTheReplyStream) {
     const std::string a = Hit("/m/a", 7).toStyledString(), b = Hit("/m/b", 7).toStyledString(), end = R"({"success":true})";
     const char *wrong = "^query_(get|count)_cwrap\\.cpp:[0-9]+ response format is wrong: ";
-    const struct {
-        std::vector<std::string> packets;
-        const char *ops, *want;
-        int total;
-        const char *log;
-    } cases[] = {
+    const struct { std::vector<std::string> packets; const char *ops, *want; int total; const char *log; } cases[] = {
         {{R"({"total":2})", a, b, end}, "NFN", "/m/a /m/b end", 2, nullptr},
         {{R"({"total":2})", a, b, end}, "CNCFF", "2 /m/a 2 /m/b null", 2, nullptr},
         {{R"({"total":120})", a, b, end}, "FCFN", "/m/a 120 /m/b end", 120, nullptr},
@@ -208,12 +203,8 @@ TEST(Connection, RefusesWhatItCannotSendAndSendsItsFlag) {
 }
 
 TEST(SendQuery, ReadsTheResponseStream) {
-    const struct {
-        std::vector<std::string> packets;
-        size_t stop_after, hits;
-        int error;  // 0 when SendQuery answers true
-        const char *log;
-    } cases[] = {
+    // error: 0 when SendQuery answers true
+    const struct { std::vector<std::string> packets; size_t stop_after, hits; int error; const char *log; } cases[] = {
         {{R"({"total":0})", "h1", "{}"}, 0, 0, 0, nullptr},
         {{R"({"success":false})", "h1", "{}"}, 0, 0, 0, nullptr},
         {{R"({"total":-3})", "h1", "{}"}, 0, 0, 0, nullptr},
@@ -260,7 +251,6 @@ TEST(SearchQuerySend, SendsTheRequestDeliversTheHitsAndCloses) {
     const auto thrower = [](const _tag_search_record *, void *) -> bool { throw std::runtime_error("caller's"); };
     EXPECT_THROW(ZARNSearchQuerySend("m", "q", 10, 0, thrower, nullptr, "a", 1, &code), std::runtime_error);
     EXPECT_TRUE(daemon.WaitClosed(2).at(1).peer_closed);
-    code = 0;
     const auto send = [&code](const char *share, const char *query, int size, int page, ZARNSearchCallback callback,
                               const char *agent) {
         const int result = ZARNSearchQuerySend(share, query, size, page, callback, nullptr, agent, 1, &code);
@@ -307,9 +297,7 @@ TEST(BuildRecord, FieldsFromTheHit) {
     const std::string long_texts = R"({"ZARNMDPath":")" + std::string(4999, 'p') + "\xC3\",\"ZARNMDFSName\":\"" +
                                    std::string(4094, 'n') + "\xC3\",\"ZARNMDExtension\":\"" + std::string(19, 'e') +
                                    "\xC3\",\"highlight\":{\"ZARNMDTextContent\":\"" + std::string(400, 'h') + "\"}}";
-    const struct {
-        std::string hit, want;
-    } cases[] = {
+    const struct { std::string hit, want; } cases[] = {
         {R"({"ZARNMDPath":"/m/a.mp3","ZARNMDFSName":"a.mp3","ZARNMDExtension":"mp3","ZARNMDIsDir":"n",)"
          R"("additional":{"doc_id":42}})", "/m/a.mp3|a.mp3|mp3|0|42|-"},
         {R"({"ZARNMDIsDir":"y","additional":{"doc_id":-2147483648}})", "|||1|-2147483648|-"},
@@ -336,19 +324,15 @@ TEST(BuildRecord, FieldsFromTheHit) {
 // or a length of 16 MiB + 1, above the cap.  Each reader (S the callback
 // search) fails with the read error and one log line.
 TEST(StreamCut, EveryReaderFailsWithTheReadErrorAndOneLogLine) {
-    const struct {
-        std::string bytes;
-        int error;  // of the failed read
-    } cuts[] = {{"", ENODATA}, {std::string("\0\0", 2), ECONNRESET},
+    // error: that of the failed read
+    const struct { std::string bytes; int error; } cuts[] = {{"", ENODATA}, {std::string("\0\0", 2), ECONNRESET},
                 {std::string("\0\0\0\x20", 4) + "{\"tot", ECONNRESET}, {std::string("\x01\0\0\x01", 4), EMSGSIZE}};
-    const struct {
-        char op;
-        const char *failure, *unit;  // source file that logs the failed read, and how
-        int priority;
-    } readers[] = {{'N', "-7", "query_get_cwrap", LOG_DEBUG}, {'F', "null", "query_get_cwrap", LOG_DEBUG},
+    // unit: the source file that logs the failed read, with `priority`
+    const struct { char op; const char *failure, *unit; int priority; } readers[] = {
+                   {'N', "-7", "query_get_cwrap", LOG_DEBUG}, {'F', "null", "query_get_cwrap", LOG_DEBUG},
                    {'C', "0", "query_count_cwrap", LOG_DEBUG}, {'S', "-7", "connection", LOG_ERR}};
-    for (const auto &r : readers) {
-        for (const auto &cut : cuts) {
+    for (const auto &r : readers)
+        for (const auto &cut : cuts)
             for (bool mid_stream : {false, r.op != 'C'}) {  // the total is the first packet's business
                 SCOPED_TRACE(r.op + std::to_string(cut.error) + (mid_stream ? " mid" : ""));
                 std::vector<Step> script = Script(mid_stream ? std::vector<std::string>{R"({"total":3})", "h1"} : std::vector<std::string>{});
@@ -373,8 +357,6 @@ TEST(StreamCut, EveryReaderFailsWithTheReadErrorAndOneLogLine) {
                 ExpectOneLog((std::string("^") + r.unit + "\\.cpp:[0-9]+ Failed to read socket, errno\\(" +
                               std::to_string(cut.error) + "\\): " + std::strerror(cut.error) + "$").c_str(), r.priority);
             }
-        }
-    }
 }
 
 // The handle's read_fds has no room beyond FD_SETSIZE, so Init refuses such a
