@@ -1,12 +1,9 @@
 // Index identifier, index database path and index queue path of a share.
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <sys/stat.h>
 #include <syslog.h>
 
 #include <cstring>
 #include <filesystem>
-#include <functional>
 #include <string>
 
 #include "harness.h"
@@ -16,136 +13,81 @@
 namespace {
 
 namespace fs = std::filesystem;
+using Fn = int (*)(const char *, char *, int);
+using Result = std::pair<int, std::string>;
 
-const std::string kDB = "/@eaDir/ZARN@.fileindexdb";
-const std::string kQueue = "/@eaDir/ZARN@file_index_queue";
+const std::string kShare = "/var/tmp/volume1/music", kDB = kShare + "/@eaDir/ZARN@.fileindexdb",
+                  kQueue = kShare + "/@eaDir/ZARN@file_index_queue", kCut = kShare + "/@ea";
+const int kCutLen = int(kCut.size()) + 1;
 
-class FileIndexPaths : public ::testing::Test {
-protected:
-    void SetUp() override {
-        // Under the sandbox's private /var: a cut path is created too.
-        fs::create_directories("/var/tmp");
-        char dir[] = "/var/tmp/fileidx-paths-XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        root_ = dir;
-        share_ = root_ + "/volume1/music";
-        fs::create_directories(share_);
-        zarntest::SetShareTable({{"music", share_}, {"gone", root_ + "/volume9/gone"}});
-        zarntest::ClearLogs();
-        std::memset(out_, '#', sizeof out_);
-    }
-    void TearDown() override { fs::remove_all(root_); }
-
-    bool Untouched() const { return out_[0] == '#' && out_[sizeof out_ - 1] == '#'; }
-
-    std::string root_, share_;
-    char out_[256];
-};
-
-TEST_F(FileIndexPaths, IndexIdCopiesTheNameAndCutsToTheBuffer) {
-    struct Case { const char *name; int len; const char *id; } cases[] = {
-        {"music", 256, "fileindex_music"},
-        {"", 256, "fileindex_"},
-        {"My Share/ä%s", 256, "fileindex_My Share/ä%s"},
-        {"music", 8, "fileind"},
-        {"music", 1, ""},
-    };
-    for (const Case &c : cases) {
-        EXPECT_EQ(FILEIDXGetIndexID(c.name, out_, c.len), 1) << c.name;
-        EXPECT_STREQ(out_, c.id);
-    }
+// The call's result and what it wrote ("#" when nothing).
+Result Call(Fn fn, const char *arg, int len) {
+    char out[256] = "#";
+    const int result = fn(arg, out, len);
+    return {result, out};
 }
+Result Wrote(const std::string &path) { return {int(path.size()), path}; }
 
-// Every argument error: the condition logged, 3328 in the error slot, the
-// buffer untouched and nothing created.
-TEST_F(FileIndexPaths, ArgumentErrorsAreLoggedAndRecorded) {
-    using Call = std::function<int(const char *, char *, int)>;
-    const char *const share = share_.c_str();
-    struct Case { Call call; const char *arg; bool null_out; int len; int result; const char *text; } cases[] = {
-        {FILEIDXGetIndexID, nullptr, false, 9, 0, "__null != szShareName"},
-        {FILEIDXGetIndexID, "music", true, 9, 0, "__null != szIndexID"},
-        {FILEIDXGetIndexID, "music", false, 0, 0, "cbOutLen > 0"},
-        {FILEIDXDBPathCompose, nullptr, false, 9, -1, "__null != szSharePath"},
-        {FILEIDXDBPathCompose, share, true, 9, -1, "__null != szOutDBPath"},
-        {FILEIDXDBPathCompose, share, false, -1, -1, "cbOutLen > 0"},
-        {FILEIDXQueuePathCompose, nullptr, false, 9, -1, "__null != szSharePath"},
-        {FILEIDXQueuePathCompose, share, true, 9, -1, "__null != szOutQueuePath"},
-        {FILEIDXQueuePathCompose, share, false, 0, -1, "cbOutLen > 0"},
-        {FILEIDXDBPathGet, nullptr, false, 9, -1, "__null != szName"},
-        {FILEIDXDBPathGet, "music", true, 9, -1, "__null != szOutDBPath"},
-        {FILEIDXDBPathGet, "music", false, -1, -1, "cbOutLen > 0"},
-        {FILEIDXQueuePathGet, nullptr, false, 9, -1, "__null != szName"},
-        {FILEIDXQueuePathGet, "music", true, 9, -1, "__null != szOutQueuePath"},
-        {FILEIDXQueuePathGet, "music", false, 0, -1, "cbOutLen > 0"},
+// A cut path keeps what fits; only the database directory is created, even
+// when cut, and a share whose directory is missing still gets its path.
+TEST(FileIndexPaths, ComposeAndGetWriteCutAndCreateOnlyTheDatabase) {
+    fs::create_directories(kShare);
+    zarntest::SetShareTable({{"music", kShare}, {"gone", "/var/tmp/gone"}});
+    const struct { Fn fn; std::string arg; int len; Result want; } cases[] = {
+        {FILEIDXGetIndexID, "music", 256, {1, "fileindex_music"}}, {FILEIDXGetIndexID, "", 256, {1, "fileindex_"}},
+        {FILEIDXGetIndexID, "a%s", 256, {1, "fileindex_a%s"}}, {FILEIDXGetIndexID, "music", 8, {1, "fileind"}},
+        {FILEIDXGetIndexID, "music", 1, {1, ""}}, {FILEIDXQueuePathCompose, kShare, 256, Wrote(kQueue)},
+        {FILEIDXQueuePathCompose, kShare, kCutLen, Wrote(kCut)}, {FILEIDXDBPathCompose, kShare, 256, Wrote(kDB)},
+        {FILEIDXDBPathCompose, kShare, 256, Wrote(kDB)},  // existing directories are fine
+        {FILEIDXDBPathCompose, kShare + "/", 256, Wrote(kShare + "//@eaDir/ZARN@.fileindexdb")},
+        {FILEIDXDBPathCompose, kShare, kCutLen, Wrote(kCut)}, {FILEIDXDBPathCompose, kShare, 1, {0, ""}},
+        {FILEIDXQueuePathGet, "music", 256, Wrote(kQueue)}, {FILEIDXDBPathGet, "music", kCutLen, Wrote(kCut)},
+        {FILEIDXQueuePathGet, "gone", 256, Wrote("/var/tmp/gone/@eaDir/ZARN@file_index_queue")},
     };
-    for (const Case &c : cases) {
-        zarntest::ClearLogs();
-        KOREErrSetEx(0, "test", 0);
-        EXPECT_EQ(c.call(c.arg, c.null_out ? nullptr : out_, c.len), c.result) << c.text;
-        EXPECT_EQ(KOREErrGet(), ZARN_ERR_INVALID_ARGUMENT) << c.text;
-        EXPECT_TRUE(Untouched()) << c.text;
-        const auto logs = zarntest::Logs();
-        ASSERT_EQ(logs.size(), 1u) << c.text;
-        EXPECT_EQ(logs[0].priority, LOG_ERR);
-        EXPECT_EQ(logs[0].text.substr(logs[0].text.find(' ') + 1),
-                  std::string("Invaild Argument (") + c.text + ")=[0]\n");
-        EXPECT_EQ(logs[0].text.rfind("fileindex_cwrap.cpp:", 0), 0u) << logs[0].text;
-    }
-    EXPECT_FALSE(fs::exists(share_ + "/@eaDir"));
-}
-
-TEST_F(FileIndexPaths, ComposeWritesCutsAndCreatesOnlyTheDatabase) {
-    const std::string db = share_ + kDB, queue = share_ + kQueue;
-    const int cut = static_cast<int>(share_.size()) + 5;  // "<share>/@ea"
-    struct Case { int (*compose)(const char *, char *, int); std::string path; int len; std::string out; } cases[] = {
-        {FILEIDXDBPathCompose, share_, 256, db},
-        {FILEIDXDBPathCompose, share_, 256, db},  // existing directories are fine
-        {FILEIDXDBPathCompose, share_ + "/", 256, share_ + "/" + kDB},
-        {FILEIDXDBPathCompose, share_, cut, share_ + "/@ea"},
-        {FILEIDXDBPathCompose, share_, 1, ""},
-        {FILEIDXQueuePathCompose, share_, 256, queue},
-        {FILEIDXQueuePathCompose, share_, cut, share_ + "/@ea"},
-        {FILEIDXDBPathCompose, root_ + "/missing", 256, root_ + "/missing" + kDB},
-    };
-    for (const Case &c : cases) {
-        EXPECT_EQ(c.compose(c.path.c_str(), out_, c.len), static_cast<int>(c.out.size())) << c.out;
-        EXPECT_EQ(out_, c.out);
-    }
-    struct stat st;
-    ASSERT_EQ(stat(db.c_str(), &st), 0);
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
-    EXPECT_TRUE(fs::is_directory(share_ + "/@ea"));  // the cut database path
-    EXPECT_FALSE(fs::exists(queue));
-    EXPECT_FALSE(fs::exists(root_ + "/missing"));
+    for (const auto &c : cases) EXPECT_EQ(Call(c.fn, c.arg.c_str(), c.len), c.want) << c.arg << " " << c.len;
+    EXPECT_TRUE(fs::is_directory(kDB) && fs::is_directory(kCut));
+    EXPECT_FALSE(fs::exists(kQueue) || fs::exists("/var/tmp/gone"));
     EXPECT_TRUE(zarntest::Logs().empty());
 }
 
-TEST_F(FileIndexPaths, GetComposesWithTheSharePath) {
-    EXPECT_EQ(FILEIDXDBPathGet("music", out_, 256), static_cast<int>((share_ + kDB).size()));
-    EXPECT_EQ(out_, share_ + kDB);
-    EXPECT_TRUE(fs::is_directory(share_ + kDB));
-    const int cut = static_cast<int>(share_.size()) + 5;
-    EXPECT_EQ(FILEIDXQueuePathGet("music", out_, cut), cut - 1);
-    EXPECT_EQ(out_, share_ + "/@ea");
-    EXPECT_FALSE(fs::exists(share_ + "/@ea"));
-    // A share whose directory is missing still gets its path.
-    EXPECT_EQ(FILEIDXQueuePathGet("gone", out_, 256), static_cast<int>((root_ + "/volume9/gone" + kQueue).size()));
-}
-
-// An unknown share: -1, one line with the share service's code, which stays
-// in the error slot.
-TEST_F(FileIndexPaths, UnknownShareIsLoggedWithTheServiceCode) {
-    for (auto get : {FILEIDXDBPathGet, FILEIDXQueuePathGet}) {
-        zarntest::ClearLogs();
-        EXPECT_EQ(get("nosuch", out_, 256), -1);
-        EXPECT_EQ(get("", out_, 256), -1);
-        EXPECT_TRUE(Untouched());
-        EXPECT_EQ(KOREErrGet(), ZARN_ERR_SHARE_NOT_FOUND);
-        const auto lines = zarntest::LogsMatching(
-            "^fileindex_cwrap\\.cpp:[0-9]+ ZARNShareGet failed, name=(nosuch|), code=4352$");
-        EXPECT_EQ(lines.size(), 2u);
-        EXPECT_EQ(zarntest::Logs().size(), 2u);
+// Every argument error: the condition logged, 3328 in the error slot, the
+// buffer untouched and nothing created.  An unknown share: -1, one line with
+// the share service's code, which stays in the error slot.
+TEST(FileIndexPaths, ErrorsAreLoggedAndRecorded) {
+    fs::create_directories(kShare);
+    zarntest::SetShareTable({{"music", kShare}});
+    const struct { Fn fn; const char *arg, *name, *out; int result; } calls[] = {
+        {FILEIDXGetIndexID, "music", "szShareName", "szIndexID", 0},
+        {FILEIDXDBPathCompose, kShare.c_str(), "szSharePath", "szOutDBPath", -1},
+        {FILEIDXQueuePathCompose, kShare.c_str(), "szSharePath", "szOutQueuePath", -1},
+        {FILEIDXDBPathGet, "music", "szName", "szOutDBPath", -1},
+        {FILEIDXQueuePathGet, "music", "szName", "szOutQueuePath", -1},
+    };
+    for (const auto &c : calls) {
+        const struct { bool null_arg, null_out; int len; std::string condition; } errors[] = {
+            {true, false, 9, std::string("__null != ") + c.name}, {false, true, 9, std::string("__null != ") + c.out},
+            {false, false, 0, "cbOutLen > 0"}, {false, false, -1, "cbOutLen > 0"}};
+        for (const auto &e : errors) {
+            SCOPED_TRACE(e.condition + " " + std::to_string(e.len));
+            zarntest::ClearLogs();
+            KOREErrSetEx(0, "test", 0);
+            char out[16] = "#";
+            EXPECT_EQ(c.fn(e.null_arg ? nullptr : c.arg, e.null_out ? nullptr : out, e.len), c.result);
+            EXPECT_TRUE(KOREErrGet() == ZARN_ERR_INVALID_ARGUMENT && std::string(out) == "#");
+            const auto logs = zarntest::LogsMatching("^fileindex_cwrap\\.cpp:[0-9]+ Invaild Argument \\(" +
+                                                     e.condition + "\\)=\\[0\\]\n$");
+            EXPECT_TRUE(logs.size() == 1 && logs[0].priority == LOG_ERR && zarntest::Logs().size() == 1);
+        }
     }
+    EXPECT_FALSE(fs::exists(kShare + "/@eaDir"));
+    zarntest::ClearLogs();
+    for (Fn get : {FILEIDXDBPathGet, FILEIDXQueuePathGet}) {
+        EXPECT_EQ(Call(get, "nosuch", 256), Result(-1, "#"));
+        EXPECT_EQ(Call(get, "", 256), Result(-1, "#"));
+        EXPECT_EQ(KOREErrGet(), ZARN_ERR_SHARE_NOT_FOUND);
+    }
+    EXPECT_EQ(zarntest::LogsMatching("^fileindex_cwrap\\.cpp:[0-9]+ ZARNShareGet failed, name=(nosuch|), code=4352$").size(), 4u);
+    EXPECT_EQ(zarntest::Logs().size(), 4u);
 }
 
 }  // namespace
