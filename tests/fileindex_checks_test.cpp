@@ -1,12 +1,10 @@
-// The indexed-folder list, its process-wide caches and the indexed checks.
-//
-// Every TEST runs in its own sandboxed process (one process per test case,
-// with a private /var), so the caches start empty in each of them and the
-// folder list at its fixed path belongs to that test alone.
+// The FILEIDX functions: where a share's index lives, the indexed-folder list
+// with its process-wide caches, and the indexed checks.  Every TEST runs in a
+// process of its own with a private /var, so the caches start empty.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <filesystem>
 #include <set>
 #include <string>
 #include <vector>
@@ -14,101 +12,150 @@
 #include "fileindex_config.h"
 #include "harness.h"
 #include "zarncontentsearchutils.h"
+#include "zarnplatform.h"
 
 namespace {
 
+namespace fs = std::filesystem;
 using namespace zarn::fileindex;
 using Paths = std::set<std::string>;
+using Fn = int (*)(const char *, char *, int);
 
-class FolderList : public ::testing::Test {
-protected:
-    void SetUp() override { zarntest::SetShareTable({{"music", "/volume1/music"}, {"photo", "/volume2/@photo_dir"}}); }
-    static void Write(const std::string &json) { zarntest::WriteFile(zarntest::kFolderConfig, json); }
-    static size_t Count(const std::string &tail) { return zarntest::LogsMatching("^fileindex_cwrap\\.cpp:[0-9]+ " + tail + "$").size(); }
-    static std::string Full(const std::string &path, int reload) {
-        std::string full;
-        return GetFullPath(path, reload, &full) ? full : "<failed>";
-    }
-};
-
+const std::vector<std::pair<std::string, std::string>> kShares = {{"music", "/volume1/music"},
+                                                                  {"photo", "/volume2/@photo_dir"}};
 const char kPop[] = R"([{"path": "/music/pop"}, {"path": "/photo/2020"}])";
+const std::string kShare = "/var/tmp/volume1/music", kDB = kShare + "/@eaDir/ZARN@.fileindexdb",
+                  kQueue = kShare + "/@eaDir/ZARN@file_index_queue", kCut = kShare + "/@ea";
 
-TEST_F(FolderList, ElementsListTheirPathOrTheEmptyPath) {
-    const struct { const char *json; Paths paths; } cases[] = {
-        {R"([{"path": "/music"}, {"path": "/music"}, {"path": "/photo/2020/"}, {"name": "x"},
-            {"path": null}, {"path": 5}, 7, "/x", {"path": "/Music"}])", {"", "/Music", "/music", "/photo/2020/"}},
-        {R"({"one": {"path": "/music"}, "two": {"path": "/a/b"}})", {"/a/b", "/music"}},
-        {"[]", {}}, {R"("/music")", {}}, {"null", {}},
+size_t Count(const std::string &tail) { return zarntest::LogsMatching("^fileindex_cwrap\\.cpp:[0-9]+ " + tail + "$").size(); }
+void Write(const std::string &json) { zarntest::WriteFile(zarntest::kFolderConfig, json); }
+std::string Full(const std::string &path, int reload) {
+    std::string full;
+    return GetFullPath(path, reload, &full) ? full : "<failed>";
+}
+
+// The result and what was written ("#": nothing).  A cut path keeps what
+// fits; only the database directory is created, even when cut; a share whose
+// directory is missing still gets its path; an unknown share gets -1, and a
+// line with the share service's code, which stays in the error slot.
+TEST(FileIndexPaths, ComposeAndGet) {
+    fs::create_directories(kShare);
+    zarntest::SetShareTable({{"music", kShare}, {"gone", "/var/tmp/gone"}});
+    const int cut = int(kCut.size()) + 1;
+    const auto wrote = [](const std::string &path) { return std::make_pair(int(path.size()), path); };
+    const struct { Fn fn; std::string arg; int len; std::pair<int, std::string> want; } cases[] = {
+        {FILEIDXGetIndexID, "music", 256, {1, "fileindex_music"}}, {FILEIDXGetIndexID, "", 256, {1, "fileindex_"}},
+        {FILEIDXGetIndexID, "a%s", 256, {1, "fileindex_a%s"}}, {FILEIDXGetIndexID, "music", 8, {1, "fileind"}},
+        {FILEIDXGetIndexID, "music", 1, {1, ""}}, {FILEIDXQueuePathCompose, kShare, 256, wrote(kQueue)},
+        {FILEIDXQueuePathCompose, kShare, cut, wrote(kCut)}, {FILEIDXDBPathCompose, kShare, 256, wrote(kDB)},
+        {FILEIDXDBPathCompose, kShare, 256, wrote(kDB)},  // existing directories are fine
+        {FILEIDXDBPathCompose, kShare + "/", 256, wrote(kShare + "//@eaDir/ZARN@.fileindexdb")},
+        {FILEIDXDBPathCompose, kShare, cut, wrote(kCut)}, {FILEIDXDBPathCompose, kShare, 1, {0, ""}},
+        {FILEIDXQueuePathGet, "music", 256, wrote(kQueue)}, {FILEIDXDBPathGet, "music", cut, wrote(kCut)},
+        {FILEIDXQueuePathGet, "gone", 256, wrote("/var/tmp/gone/@eaDir/ZARN@file_index_queue")},
+        {FILEIDXDBPathGet, "nosuch", 256, {-1, "#"}}, {FILEIDXQueuePathGet, "", 256, {-1, "#"}},
     };
     for (const auto &c : cases) {
+        char out[256] = "#";
+        const int result = c.fn(c.arg.c_str(), out, c.len);
+        EXPECT_EQ(std::make_pair(result, std::string(out)), c.want) << c.arg << " " << c.len;
+    }
+    EXPECT_TRUE(fs::is_directory(kDB) && fs::is_directory(kCut));
+    EXPECT_FALSE(fs::exists(kQueue) || fs::exists("/var/tmp/gone"));
+    EXPECT_EQ(Count("ZARNShareGet failed, name=(nosuch|), code=4352") + zarntest::Logs().size(), 4u);
+    EXPECT_EQ(KOREErrGet(), ZARN_ERR_SHARE_NOT_FOUND);
+}
+
+// Every argument error: the condition logged, 3328 in the error slot, the
+// buffer untouched and nothing created.
+TEST(FileIndexPaths, ArgumentErrors) {
+    fs::create_directories(kShare);
+    zarntest::SetShareTable({{"music", kShare}});
+    const struct { Fn fn; const char *arg, *name, *out; int result; } calls[] = {
+        {FILEIDXGetIndexID, "music", "szShareName", "szIndexID", 0},
+        {FILEIDXDBPathCompose, kShare.c_str(), "szSharePath", "szOutDBPath", -1},
+        {FILEIDXQueuePathCompose, kShare.c_str(), "szSharePath", "szOutQueuePath", -1},
+        {FILEIDXDBPathGet, "music", "szName", "szOutDBPath", -1},
+        {FILEIDXQueuePathGet, "music", "szName", "szOutQueuePath", -1}};
+    for (const auto &c : calls) {
+        for (int error : {0, 1, 2, 3}) {  // null argument, null buffer, length 0, length -1
+            const std::string condition = error > 1 ? "cbOutLen > 0" : std::string("__null != ") + (error ? c.out : c.name);
+            SCOPED_TRACE(condition + " " + std::to_string(error));
+            zarntest::ClearLogs();
+            KOREErrSetEx(0, "test", 0);
+            char out[16] = "#";
+            EXPECT_EQ(c.fn(error == 0 ? nullptr : c.arg, error == 1 ? nullptr : out, error < 2 ? 9 : 2 - error), c.result);
+            EXPECT_TRUE(KOREErrGet() == ZARN_ERR_INVALID_ARGUMENT && std::string(out) == "#");
+            const auto logs = zarntest::LogsMatching("^fileindex_cwrap\\.cpp:[0-9]+ Invaild Argument \\(" + condition + "\\)=\\[0\\]\n$");
+            EXPECT_TRUE(logs.size() == 1 && logs[0].priority == LOG_ERR && zarntest::Logs().size() == 1);
+        }
+    }
+    EXPECT_FALSE(fs::exists(kShare + "/@eaDir"));
+}
+
+// An element lists its "path" or, without a string one, the empty path.  The
+// share name is the text after the first character up to the next "/"; the
+// share's directory, less its own name, goes in front of the path.
+TEST(FolderList, PathsAndFullPaths) {
+    zarntest::SetShareTable(kShares);
+    const struct { const char *json; Paths paths; } lists[] = {
+        {R"([{"path": "/music"}, {"path": "/music"}, {"path": "/photo/2020/"}, {"name": "x"},
+            {"path": null}, {"path": 5}, 7, "/x", {"path": "/Music"}])", {"", "/Music", "/music", "/photo/2020/"}},
+        {R"({"one": {"path": "/music"}, "two": {"path": "/a/b"}})", {"/a/b", "/music"}}, {"[]", {}}, {R"("/music")", {}}};
+    for (const auto &c : lists) {
         Write(c.json);
         EXPECT_EQ(GetIndexedPathSet(1), c.paths) << c.json;
     }
-}
-
-// Exactly 1 re-reads the list.  A missing or linked file lists nothing and
-// leaves the list unloaded, as an invalid one does: a plain call retries.
-// Once loaded, an invalid file empties the list and a deleted one keeps it.
-TEST_F(FolderList, ListReloadsOnlyWithOne) {
-    zarntest::WriteFile("/var/packages/Norvex/etc/real.folders", kPop);
-    EXPECT_EQ(LoadFolderConfig(1).size() + FILEIDXIsShareIndexed("music") + GetFullPathSet(1).size(), 0u);
-    ASSERT_EQ(symlink("real.folders", zarntest::kFolderConfig), 0);
-    EXPECT_EQ(LoadFolderConfig(1).size() + FILEIDXIsPathIndexed("/music/pop") + GetFullPathSet(1).size(), 0u);
-    EXPECT_TRUE(zarntest::Logs().empty());
-    ASSERT_EQ(unlink(zarntest::kFolderConfig), 0);
-    Write("[{");
-    EXPECT_EQ(LoadFolderConfig(0).size() + LoadFolderConfig(0).size(), 0u);
-    EXPECT_EQ(Count("Failed to load json from /var/packages/Norvex/etc/fileindex\\.folders"), 2u);
-    Write(kPop);
-    EXPECT_EQ(LoadFolderConfig(0).size(), 2u);
-    Write("[{");
-    EXPECT_EQ(LoadFolderConfig(0).size(), 2u);
-    EXPECT_EQ(LoadFolderConfig(1).size(), 0u);
-    Write(kPop);
-    EXPECT_EQ(LoadFolderConfig(0).size() + LoadFolderConfig(2).size(), 0u);
-    EXPECT_EQ(Count("Failed to load json from .*"), 3u);
-    EXPECT_EQ(LoadFolderConfig(1).size(), 2u);
-    ASSERT_EQ(unlink(zarntest::kFolderConfig), 0);
-    EXPECT_EQ(GetIndexedPathSet(1), (Paths{"/music/pop", "/photo/2020"}));
-}
-
-TEST_F(FolderList, PathSetsRebuildOnlyWithOne) {
-    Write(R"([{"path": "/music"}])");
-    EXPECT_EQ(GetIndexedPathSet(0), Paths{"/music"});
-    Write(R"([{"path": "/photo"}])");
-    EXPECT_EQ(GetIndexedPathSet(2), Paths{"/music"});
-    // The full-path set is built from a freshly read list, whatever it is asked.
-    EXPECT_EQ(GetFullPathSet(0), Paths{"/volume2/photo"});
-    EXPECT_EQ(GetIndexedPathSet(0), Paths{"/photo"});
-    Write(R"([{"path": "/music"}])");
-    EXPECT_EQ(GetFullPathSet(2), Paths{"/volume2/photo"});
-    // An empty list leaves the indexed set built (and empty).
-    Write("[]");
-    EXPECT_TRUE(GetIndexedPathSet(1).empty());
-    Write(R"([{"path": "/music"}])");
-    EXPECT_TRUE(GetIndexedPathSet(0).empty());
-}
-
-// The share name is the text after the first character up to the next "/";
-// the share's directory, less its own name, goes in front of the path.
-TEST_F(FolderList, FullPathReplacesTheShareDirectory) {
-    const struct { const char *path, *name, *full; } cases[] = {
+    const struct { const char *path, *name, *full; } paths[] = {
         {"/music/pop", "music", "/volume1/music/pop"}, {"/photo/2020/", "photo", "/volume2/photo/2020/"},
         {"xmusic/a", "music", "/volume1xmusic/a"}, {"/music", "music", "/volume1/music"},
-        {"", "", "<failed>"}, {"/nosuch/x", "nosuch", "<failed>"}, {"/", "", "<failed>"}, {"//music", "", "<failed>"},
-    };
-    for (const auto &c : cases) {
-        EXPECT_EQ(GetShareNameByPath(c.path), c.name) << c.path;
-        EXPECT_EQ(Full(c.path, 0), c.full) << c.path;
-    }
+        {"", "", "<failed>"}, {"/nosuch/x", "nosuch", "<failed>"}, {"/", "", "<failed>"}, {"//music", "", "<failed>"}};
+    for (const auto &c : paths) EXPECT_EQ(GetShareNameByPath(c.path) + " " + Full(c.path, 0), std::string(c.name) + " " + c.full);
     EXPECT_EQ(Count("GetShareNameByPath failed, path="), 1u);
     EXPECT_EQ(Count("ZARNShareGet failed, share=(nosuch|)"), 3u);
 }
 
-// A share's volume comes from the map only with 0; a failed lookup leaves
-// the map as it was; building the full-path set always asks the service and
-// leaves out what it cannot translate (nothing translated: unbuilt).
-TEST_F(FolderList, ShareVolumesAndTheFullPathSet) {
+// Exactly 1 re-reads the list and rebuilds the sets.  A missing or linked
+// file lists nothing and leaves the list unloaded, as an invalid one does: a
+// plain call retries.  Once loaded, an invalid file empties the list and a
+// deleted one keeps it.
+TEST(FolderList, ListAndSetsReloadOnlyWithOne) {
+    zarntest::SetShareTable(kShares);
+    zarntest::WriteFile("/var/packages/Norvex/etc/real.folders", kPop);
+    ASSERT_EQ(symlink("real.folders", zarntest::kFolderConfig), 0);
+    EXPECT_EQ(LoadFolderConfig(1).size() + FILEIDXIsPathIndexed("/music/pop") + GetFullPathSet(1).size(), 0u);
+    ASSERT_EQ(unlink(zarntest::kFolderConfig), 0);
+    EXPECT_EQ(LoadFolderConfig(1).size() + FILEIDXIsShareIndexed("music"), 0u);
+    EXPECT_TRUE(zarntest::Logs().empty());
+    Write("[{");
+    EXPECT_EQ(LoadFolderConfig(0).size() + LoadFolderConfig(0).size(), 0u);
+    Write(kPop);
+    EXPECT_EQ(LoadFolderConfig(0).size(), 2u);
+    Write("[{");
+    EXPECT_EQ(LoadFolderConfig(0).size() + LoadFolderConfig(2).size(), 4u);
+    EXPECT_EQ(LoadFolderConfig(1).size(), 0u);
+    Write(kPop);
+    EXPECT_EQ(LoadFolderConfig(0).size() + LoadFolderConfig(2).size(), 0u);
+    EXPECT_EQ(Count("Failed to load json from /var/packages/Norvex/etc/fileindex\\.folders"), 3u);
+    EXPECT_EQ(LoadFolderConfig(1).size(), 2u);
+    ASSERT_EQ(unlink(zarntest::kFolderConfig), 0);
+    EXPECT_EQ(GetIndexedPathSet(1), (Paths{"/music/pop", "/photo/2020"}));
+    Write(R"([{"path": "/music"}])");
+    EXPECT_EQ(GetIndexedPathSet(2), (Paths{"/music/pop", "/photo/2020"}));
+    // The full-path set is built from a freshly read list, whatever it is asked.
+    EXPECT_EQ(GetFullPathSet(0), Paths{"/volume1/music"});
+    EXPECT_EQ(GetIndexedPathSet(0), Paths{"/music"});
+    Write(R"([{"path": "/photo"}])");
+    EXPECT_EQ(GetFullPathSet(2), Paths{"/volume1/music"});
+}
+
+// A share's volume comes from the map only with 0, and a failed lookup
+// leaves the map as it was; the full-path set always asks the service and
+// leaves out what it cannot translate (nothing translated: unbuilt).  Checks
+// with 0 then answer from the caches, whatever changed, and log nothing; a
+// null argument answers 0, logged.
+TEST(FolderList, ShareVolumesAndCachedChecks) {
+    zarntest::SetShareTable(kShares);
     EXPECT_EQ(Full("/photo/a", 0), "/volume2/photo/a");
     zarntest::SetShareTable({{"photo", "/volume3/photo"}});
     EXPECT_EQ(Full("/photo/a", 0), "/volume2/photo/a");
@@ -121,12 +168,21 @@ TEST_F(FolderList, ShareVolumesAndTheFullPathSet) {
     zarntest::SetShareTable({{"music", "/volume1/music"}, {"photo", "/volume4/photo"}});
     Write(R"([{"path": "/music/pop"}, {"path": "/music/pop"}, {"path": "/photo/"}, {}, {"path": "/nosuch/x"}])");
     EXPECT_EQ(GetFullPathSet(0), (Paths{"/volume1/music/pop", "/volume4/photo/"}));
-    EXPECT_EQ(Count("GetShareNameByPath failed, path="), 1u);
-    EXPECT_EQ(Count("ZARNShareGet failed, share=(nosuch|photo)"), 3u);
+    EXPECT_EQ(Count("GetShareNameByPath failed, path=") + Count("ZARNShareGet failed, share=(nosuch|photo)"), 4u);
+    zarntest::ClearLogs();
+    zarntest::SetShareTable({});
+    Write("[{");
+    EXPECT_EQ(FILEIDXIsPathIndexedEx("/photo/x", 0) + FILEIDXIsFullPathIndexedEx("/volume4/photo/x", 0) +
+                  FILEIDXIsShareIndexedEx("music", 0) + FILEIDXIsPathContainIndexedEx("/music", 2), 4);
+    EXPECT_EQ(FILEIDXIsShareIndexedEx(nullptr, 0) + FILEIDXIsPathContainIndexedEx(nullptr, 0) +
+                  FILEIDXIsFullPathIndexedEx(nullptr, 0) + FILEIDXIsPathIndexedEx(nullptr, 0) +
+                  FILEIDXIsShareIndexed(nullptr) + FILEIDXIsPathIndexed(nullptr), 0);
+    EXPECT_EQ(zarntest::LogsMatching("null path or share name").size() + zarntest::Logs().size(), 12u);
 }
 
 // Each check over one list.
-TEST_F(FolderList, ChecksAnswerPerPath) {
+TEST(FolderList, ChecksAnswerPerPath) {
+    zarntest::SetShareTable(kShares);
     Write(R"([{"path": "/a/b-x"}, {}, {"path": "/a/b/c"}, {"path": "/music/pop"}, {"path": ""}, [1],
               {"path": "/music/rock/"}, {"path": "/photo/2020/"}, {"path": "/nosuch/x"}])");
     const struct { int (*check)(const char *, int); std::vector<const char *> yes, no; } cases[] = {
@@ -148,34 +204,6 @@ TEST_F(FolderList, ChecksAnswerPerPath) {
     // before the share's first folder: "music" 1, "photo" 3, a miss all 3.
     EXPECT_EQ(Count("Failed to share name from path: "), 1u + 3 + 3 * 3);
     EXPECT_EQ(Count("Failed to get full path: (/nosuch/x|)"), 2u);
-}
-
-// 0 answers from the caches, whatever happened to the share or the file
-// (and logs nothing); 2 asks the share service again but keeps the folder
-// sets; 1 re-reads everything.  A null argument answers 0, logged.
-TEST_F(FolderList, ReloadRules) {
-    Write(kPop);
-    EXPECT_EQ(FILEIDXIsPathIndexedEx("/photo/2020/a", 0) + FILEIDXIsShareIndexedEx("music", 0) +
-                  FILEIDXIsPathContainIndexedEx("/music", 0), 3);
-    zarntest::SetShareTable({{"music", "/volume1/music"}, {"photo", "/volume3/photo"}});
-    Write("[{");
-    zarntest::ClearLogs();
-    EXPECT_EQ(FILEIDXIsPathIndexedEx("/photo/2020/a", 0) + FILEIDXIsFullPathIndexedEx("/volume2/photo/2020/a", 0) +
-                  FILEIDXIsShareIndexedEx("music", 0) + FILEIDXIsPathContainIndexedEx("/music", 2), 4);
-    EXPECT_TRUE(zarntest::Logs().empty());
-    EXPECT_EQ(FILEIDXIsFullPathIndexedEx("/volume3/photo/2020/a", 0), 0);
-    EXPECT_EQ(FILEIDXIsPathIndexedEx("/photo/2020/a", 2), 0);  // the new place, the old set
-    Write(kPop);
-    EXPECT_EQ(FILEIDXIsPathIndexed("/photo/2020/a") + FILEIDXIsFullPathIndexedEx("/volume3/photo/2020/a", 0), 2);
-    EXPECT_EQ(FILEIDXIsFullPathIndexedEx("/volume2/photo/2020/a", 0), 0);
-    ASSERT_EQ(unlink(std::getenv("ZARN_SHARE_TABLE")), 0);
-    EXPECT_EQ(FILEIDXIsPathIndexedEx("/photo/2020/a", 2), 0);
-    Write("[{");
-    EXPECT_EQ(FILEIDXIsShareIndexed("music"), 0);
-    EXPECT_EQ(FILEIDXIsShareIndexedEx(nullptr, 0) + FILEIDXIsPathContainIndexedEx(nullptr, 0) +
-                  FILEIDXIsFullPathIndexedEx(nullptr, 0) + FILEIDXIsPathIndexedEx(nullptr, 0) +
-                  FILEIDXIsShareIndexed(nullptr) + FILEIDXIsPathIndexed(nullptr), 0);
-    EXPECT_EQ(zarntest::LogsMatching("null path or share name").size(), 6u);
 }
 
 }  // namespace
