@@ -19,7 +19,6 @@ namespace {
 namespace fs = std::filesystem;
 using namespace zarn::fileindex;
 using Paths = std::set<std::string>;
-using Fn = int (*)(const char *, char *, int);
 
 const std::vector<std::pair<std::string, std::string>> kShares = {{"music", "/volume1/music"}, {"photo", "/volume2/@photo_dir"}};
 const char kPop[] = R"([{"path": "/music/pop"}, {"path": "/photo/2020"}])";
@@ -36,23 +35,19 @@ std::string Full(const std::string &path, int reload) { std::string full; return
 // directory is created, even when cut, and never after an argument error; a
 // share whose directory is missing still gets its path.
 TEST(FileIndexPaths, ComposeGetAndArgumentErrors) {
-    fs::create_directories(kShare);
-    fs::create_directories("/var/tmp/other");
+    for (const std::string &dir : {kShare, std::string("/var/tmp/other")}) fs::create_directories(dir);
     zarntest::SetShareTable({{"music", kShare}, {"gone", "/var/tmp/gone"}, {"other", "/var/tmp/other"}});
-    const char *share = kShare.c_str(), *other = "/var/tmp/other";
-    const std::string slash = kShare + "/";
+    const char *share = kShare.c_str(), *other = "/var/tmp/other", *len = "cbOutLen > 0";
     const int cut = int(kCut.size()) + 1;
     const auto wrote = [](const std::string &path) { return std::make_pair(int(path.size()), path); };
     const auto bad = [](const std::string &condition) { return "Invaild Argument \\(" + condition + "\\)=\\[0\\]\n"; };
     const std::pair<int, std::string> zero = {0, "#"}, failed = {-1, "#"};
-    const char *len = "cbOutLen > 0";
-    const struct { Fn fn; const char *arg; int len; std::pair<int, std::string> want; std::string log = ""; bool no_out = false; } cases[] = {
+    const struct { int (*fn)(const char *, char *, int); const char *arg; int len; std::pair<int, std::string> want; std::string log = ""; bool no_out = false; } cases[] = {
         {FILEIDXGetIndexID, "music", 256, {1, "fileindex_music"}}, {FILEIDXGetIndexID, "", 256, {1, "fileindex_"}},
         {FILEIDXGetIndexID, "a%s", 256, {1, "fileindex_a%s"}}, {FILEIDXGetIndexID, "music", 8, {1, "fileind"}},
         {FILEIDXGetIndexID, "music", 1, {1, ""}}, {FILEIDXQueuePathCompose, share, 256, wrote(kQueue)},
         {FILEIDXQueuePathCompose, share, cut, wrote(kCut)}, {FILEIDXDBPathCompose, share, 256, wrote(kDB)},
         {FILEIDXDBPathCompose, share, 256, wrote(kDB)},  // existing directories are fine
-        {FILEIDXDBPathCompose, slash.c_str(), 256, wrote(kShare + "//@eaDir/ZARN@.fileindexdb")},
         {FILEIDXDBPathCompose, share, cut, wrote(kCut)}, {FILEIDXDBPathCompose, share, 1, {0, ""}},
         {FILEIDXQueuePathGet, "music", 256, wrote(kQueue)}, {FILEIDXDBPathGet, "music", cut, wrote(kCut)},
         {FILEIDXQueuePathGet, "gone", 256, wrote("/var/tmp/gone/@eaDir/ZARN@file_index_queue")},
@@ -174,10 +169,8 @@ TEST(FolderList, PathsAndChecks) {
           "//volume1/music/pop", "volume1/music/pop", "/", ""}},
         {FILEIDXIsPathIndexedEx, {"/music/pop", "/music/pop/x", "/photo/2020/y"}, {"/music", "/music/popular", "", "/nosuch/x"}},
     };
-    for (const auto &c : cases) {
-        for (const char *path : c.yes) EXPECT_EQ(c.check(path, 0), 1) << path;
-        for (const char *path : c.no) EXPECT_EQ(c.check(path, 0), 0) << path;
-    }
+    for (const auto &c : cases)
+        for (int answer : {0, 1}) for (const char *path : answer ? c.yes : c.no) EXPECT_EQ(c.check(path, 0), answer) << path;
     // The share check logs each element without a path that it walks past
     // before the share's first folder: "music" 1, "photo" 3, a miss all 3.
     EXPECT_EQ(Count("Failed to share name from path: "), 1u + 3 + 3 * 3);

@@ -20,7 +20,8 @@ struct Pair {  // connected sockets, closed with the scope
 
 // The large packet outgrows the socket buffer, so both sides loop over
 // partial transfers; a read replaces what the string held and leaves the
-// next packet whole.  Ends, time-outs and sizes above the cap fail with errno.
+// next packet whole.  Ends and sizes above the cap fail with errno (the
+// library's time-out tests show a silent peer's).
 TEST(Packet, FramesOnePacketAtATime) {
     for (size_t size : {0, 3 * 1024 * 1024 + 7}) {
         Pair p;
@@ -43,9 +44,6 @@ TEST(Packet, FramesOnePacketAtATime) {
         EXPECT_TRUE(!PacketRead(p.fd[1], text) && errno == end.expected) << end.bytes.size() << " " << errno;
     }
     Pair p;
-    const timeval timeout = {0, 50 * 1000};
-    ASSERT_EQ(0, setsockopt(p.fd[1], SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout));
-    EXPECT_TRUE(!PacketRead(p.fd[1], text) && (errno == EAGAIN || errno == EWOULDBLOCK));
     EXPECT_TRUE(!PacketWrite(p.fd[0], std::string(kMaxPacketBytes + 1, 'x')) && errno == EMSGSIZE);
     shutdown(p.fd[1], SHUT_RD);
     EXPECT_TRUE(!PacketWrite(p.fd[0], "{}") && errno == EPIPE);  // SIGPIPE would end the test here
