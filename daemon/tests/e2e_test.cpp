@@ -1,18 +1,12 @@
-// The real daemon and indexer driven through raw protocol packets, and the
-// document lookup through the library.
-#include <signal.h>
+// The real daemon and indexer driven through raw protocol packets and through
+// the library's public functions.
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <thread>
 
-#include <gtest/gtest.h>
-
 #include "daemon_fixture.h"
-#include "utf8.h"
-#include "zarncontentsearchutils.h"
+#include "zarn_connection.h"
 
 namespace {
 
@@ -20,7 +14,8 @@ using namespace zarnd_test;
 
 class DaemonE2e : public DaemonFixture {};
 
-// ---- the cases ------------------------------------------------------------
+const Names kFox = {"/docs/closed/inner.txt", "/docs/fox.txt", "/docs/private.txt", "/docs/report/notes.txt.gz"};
+const Names kStrangersFox = {"/docs/fox.txt", "/docs/report/notes.txt.gz"};
 
 TEST_F(DaemonE2e, QuerySyntax) {
     Start();
@@ -28,10 +23,10 @@ TEST_F(DaemonE2e, QuerySyntax) {
         const char *query;
         Names paths;
     } cases[] = {
-        {"fox", {"/docs/closed/inner.txt", "/docs/fox.txt", "/docs/private.txt", "/docs/report/notes.txt.gz"}},
+        {"fox", kFox},
         {"FOX AND closed", {"/docs/closed/inner.txt"}},
-        {"fox NOT secrets NOT closed", {"/docs/fox.txt", "/docs/report/notes.txt.gz"}},
-        {"fox -secrets -closed", {"/docs/fox.txt", "/docs/report/notes.txt.gz"}},
+        {"fox NOT secrets NOT closed", kStrangersFox},
+        {"fox -secrets -closed", kStrangersFox},
         {"+annual revenue", {"/docs/report/annual_report-2020.txt"}},
         {"\"lazy dog\"", {"/docs/fox.txt"}},
         {"\"dog lazy\"", {}},
@@ -48,20 +43,21 @@ TEST_F(DaemonE2e, QuerySyntax) {
     };
     for (const auto &c : cases) {
         int64_t total = -1;
-        const Names paths = Sorted(Field(Hits(Ask(SearchRequest(c.query)), &total)));
-        EXPECT_EQ(c.paths, paths) << c.query;
+        EXPECT_EQ(c.paths, Sorted(Field(Hits(Ask(SearchRequest(c.query)), &total)))) << c.query;
         EXPECT_EQ(static_cast<int64_t>(c.paths.size()), total) << c.query;
     }
 }
 
+// Whatever fails, the reply is one packet with the code.
 TEST_F(DaemonE2e, FailuresAreOneErrorPacket) {
-    // "bare" is a share that was never indexed.
-    zarntest::SetShareTable({{"docs", root_}, {"bare", root_ + "/report"}});
+    zarntest::SetShareTable({{"docs", root_}, {"bare", root_ + "/report"}});  // "bare" was never indexed
     Start();
-    const auto search = [](const char *index, const char *query) {
-        Json::Value request = SearchRequest(query);
-        request["data"]["indice"][0] = index;
-        return zarn::json::ToString(request);
+    const auto search = [](const char *index, const char *query, const char *extra = "") {
+        return std::string(R"({"command": "search", "data": {"indice": [")") + index +
+               R"("], "query_string": {"query": ")" + query + "\"}" + extra + "}}";
+    };
+    const auto document = [](const char *data) {
+        return std::string(R"({"command": "document_get_by_internal_id", "data": )") + data + "}";
     };
     const struct {
         std::string request;
@@ -72,10 +68,24 @@ TEST_F(DaemonE2e, FailuresAreOneErrorPacket) {
         {search("fileindex_bare", "fox"), 404},
         {search("fileindex_docs", "fox AND"), 400},
         {search("fileindex_docs", "ZARNMDFSSize:big..huge"), 400},
+        {search("fileindex_docs", "fox", R"(, "sorter": [{"field": "ZARNMDTextContent"}])"), 400},
+        {search("fileindex_docs", "fox", R"(, "from": -1)"), 400},
+        {search("fileindex_docs", "fox", R"(, "size": 10001)"), 400},
+        {search("fileindex_docs", "fox", R"(, "filters": [{"name": "owner", "data": 1}])"), 400},
+        {search("fileindex_docs", "fox", R"(, "filters": [{"name": "permission", "data": -1}])"), 400},
+        {search("fileindex_docs", "fox", R"(, "fields": [1])"), 400},
+        {search("fileindex_docs", "fox", R"(, "sorter": [{"field": "ZARNMDPath", "direction": "up"}])"), 400},
+        {search("fileindex_docs", "fox", R"(, "sorter": [{"field": "ZARNMDPath", "nature_sort": "yes"}])"), 400},
+        {search("fileindex_docs", "fox", R"(, "highlight": [{"field": "ZARNMDTextContent", "frag_length": 0}])"), 400},
+        {R"({"command": "search", "data": {"indice": ["fileindex_docs", "fileindex_bare"]}})", 400},
+        {R"({"command": "search", "data": {"query_string": {"query": 5}}})", 400},
+        {R"({"command": "search", "data": []})", 400},
+        {document(R"({"id": "fileindex_docs", "doc_id": 0})"), 400},
+        {document(R"({"id": "fileindex_docs", "doc_id": "3"})"), 400},
+        {document(R"({"id": "fileindex_docs", "doc_id": 9999})"), 404},
         {"not json", 400},
         {"[1]", 400},
         {R"({"command": "erase", "data": {}})", 400},
-        {R"({"command": "search", "data": []})", 400},
         {std::string(70000, ' '), 400},  // above the daemon's request size cap
     };
     for (const auto &c : cases) {
@@ -85,66 +95,49 @@ TEST_F(DaemonE2e, FailuresAreOneErrorPacket) {
         EXPECT_EQ(c.code, replies[0]["error"]["code"].asInt()) << c.request.substr(0, 200);
         EXPECT_TRUE(replies[0]["error"]["message"].isString());
     }
-    EXPECT_EQ(4u, Hits(Ask(SearchRequest("fox"))).size());
+    EXPECT_EQ(kFox, Sorted(Field(Hits(Ask(SearchRequest("fox"))))));
 }
 
-TEST_F(DaemonE2e, PagingKeepsTheTotalAndCoversEveryHit) {
+TEST_F(DaemonE2e, PagesKeepTheTotalAndCoverEveryHit) {
     Start();
-    Json::Value request = SearchRequest("*");
-    request["data"]["sorter"][0]["field"] = "ZARNMDPath";
-    int64_t total = 0;
-    const Names all = Field(Hits(Ask(request), &total));
-    ASSERT_EQ(15, total);  // 12 files and 3 folders below the share, "@eaDir" left out
-    ASSERT_EQ(Sorted(all), all);
+    const std::vector<ZARNQuerySorter> by_path = {{0, "ZARNMDPath"}};
+    const Page all = LibrarySearch("*", by_path);
+    ASSERT_EQ(15, all.total);
+    ASSERT_EQ(Sorted(all.paths), all.paths);
     Names paged;
-    for (int from = 0; from < 20; from += 3) {
-        request["data"]["from"] = from;
-        request["data"]["size"] = 3;
-        int64_t page_total = -1;
-        const Names page = Field(Hits(Ask(request), &page_total));
-        EXPECT_EQ(total, page_total);
-        EXPECT_EQ(static_cast<size_t>(std::max<int64_t>(0, std::min<int64_t>(3, total - from))), page.size());
-        paged.insert(paged.end(), page.begin(), page.end());
+    for (int page = 0; page < 6; ++page) {
+        const Page one = LibrarySearch("*", by_path, page, 3);
+        EXPECT_EQ(15, one.total);
+        EXPECT_EQ(page < 5 ? 3u : 0u, one.paths.size());
+        paged.insert(paged.end(), one.paths.begin(), one.paths.end());
     }
-    EXPECT_EQ(all, paged);
-    // An empty page still counts every hit.
+    EXPECT_EQ(all.paths, paged);
+    // The daemon's own default size, and an empty page that still counts.
+    Json::Value request = SearchRequest("*");
+    request["data"].removeMember("size");
+    EXPECT_EQ(10u, Hits(Ask(request)).size());
     request["data"]["size"] = 0;
     int64_t counted = -1;
     EXPECT_TRUE(Hits(Ask(request), &counted).empty());
-    EXPECT_EQ(total, counted);
+    EXPECT_EQ(15, counted);
 }
 
 TEST_F(DaemonE2e, SortKeysInTheirDirections) {
     Start();
+    const unsigned desc = SORTER_OPTION_DESC, natural = SORTER_OPTION_NATURE_SORT;
     const struct {
-        std::vector<std::tuple<const char *, const char *, bool>> keys;
+        std::vector<ZARNQuerySorter> keys;
         Names names;
     } cases[] = {
-        {{{"ZARNMDFSName", "asc", false}}, {"file1.log", "file10.log", "file100.log", "file2.log", "file20.log"}},
-        {{{"ZARNMDFSName", "asc", true}}, {"file1.log", "file2.log", "file10.log", "file20.log", "file100.log"}},
-        {{{"ZARNMDFSName", "desc", true}}, {"file100.log", "file20.log", "file10.log", "file2.log", "file1.log"}},
-        {{{"ZARNMDFSSize", "desc", false}, {"ZARNMDFSName", "asc", true}},
+        {{{0, "ZARNMDFSName"}}, {"file1.log", "file10.log", "file100.log", "file2.log", "file20.log"}},
+        {{{natural, "ZARNMDFSName"}}, {"file1.log", "file2.log", "file10.log", "file20.log", "file100.log"}},
+        {{{desc | natural, "ZARNMDFSName"}}, {"file100.log", "file20.log", "file10.log", "file2.log", "file1.log"}},
+        {{{desc, "ZARNMDFSSize"}, {natural, "ZARNMDFSName"}},
          {"file100.log", "file10.log", "file20.log", "file1.log", "file2.log"}},
-        {{{"ZARNMDFSSize", "asc", false}, {"ZARNMDPath", "desc", false}},
-         {"file2.log", "file1.log", "file20.log", "file10.log", "file100.log"}},
+        {{{0, "ZARNMDFSSize"}, {desc, "ZARNMDPath"}}, {"file2.log", "file1.log", "file20.log", "file10.log", "file100.log"}},
     };
-    for (const auto &c : cases) {
-        Json::Value request = SearchRequest("ZARNMDExtension:log");
-        for (const auto &key : c.keys) {
-            Json::Value entry;
-            entry["field"] = std::get<0>(key);
-            entry["direction"] = std::get<1>(key);
-            if (std::get<2>(key)) entry["nature_sort"] = true;
-            request["data"]["sorter"].append(entry);
-        }
-        EXPECT_EQ(c.names, Field(Hits(Ask(request)), "ZARNMDFSName")) << zarn::json::ToString(request["data"]["sorter"]);
-    }
-    Json::Value bad = SearchRequest("*");
-    bad["data"]["sorter"][0]["field"] = "ZARNMDTextContent";
-    const std::vector<Json::Value> refused = Ask(bad);
-    ASSERT_EQ(1u, refused.size());
-    EXPECT_EQ(Json::Value(false), refused[0]["success"]);
-    EXPECT_EQ(400, refused[0]["error"]["code"].asInt());
+    for (const auto &c : cases)
+        EXPECT_EQ(c.names, LibrarySearch("ZARNMDExtension:log", c.keys).names) << c.keys[0].options << c.keys.size();
 }
 
 TEST_F(DaemonE2e, HighlightIsCutToTheFragmentLength) {
@@ -157,49 +150,77 @@ TEST_F(DaemonE2e, HighlightIsCutToTheFragmentLength) {
         ASSERT_EQ(1u, hits.size());
         const std::string fragment = hits[0]["highlight"]["ZARNMDTextContent"].asString();
         EXPECT_LT(fragment.size(), static_cast<size_t>(frag_length)) << fragment;
-        EXPECT_NE(std::string::npos, fragment.find("<em>needle</em>")) << fragment;
-        EXPECT_EQ(fragment, zarnd::RepairUtf8(fragment.data(), fragment.size())) << "not valid UTF-8: " << fragment;
+        const char *match = frag_length > 21 ? "<em>needle</em>\n\xC3\xA9t\xC3\xA9 line 31" : "<em>needle</em>";
+        EXPECT_NE(std::string::npos, fragment.find(match)) << fragment;
     }
-    // Without a highlight request, or without a match in the text: none.
-    EXPECT_FALSE(Hits(Ask(SearchRequest("needle")))[0].isMember("highlight"));
+    // No match in the text: no highlight.
     Json::Value by_name = SearchRequest("ZARNMDFSName:long");
     by_name["data"]["highlight"][0]["field"] = "ZARNMDTextContent";
     EXPECT_FALSE(Hits(Ask(by_name))[0].isMember("highlight"));
+    // Through the library: only when asked for, and within the record.
+    const Page page = LibrarySearch("needle OR lazy", {}, 0, 10, 0, CONNECTION_FLAG_HIGHLIGHT);
+    ASSERT_EQ(2, page.total);
+    for (const std::string &highlight : page.highlights) {
+        EXPECT_NE(std::string::npos, highlight.find("</em>")) << highlight;
+        EXPECT_LT(highlight.size(), static_cast<size_t>(ZARN_RECORD_HIGHLIGHT_MAX));
+    }
+    EXPECT_EQ(Names(2, ""), LibrarySearch("needle OR lazy").highlights);
 }
 
 TEST_F(DaemonE2e, HitsCarryExactlyTheRequestedFieldsTheyHave) {
     Start();
     Json::Value request = SearchRequest("ZARNMDPath:report");
-    request["data"]["fields"] = Json::Value(Json::arrayValue);
     for (const char *field : {"ZARNMDFSSize", "ZARNMDTextContent", "ZARNMDIsDir", "NoSuchField"})
         request["data"]["fields"].append(field);
     request["data"]["sorter"][0]["field"] = "ZARNMDPath";
     const std::vector<Json::Value> hits = Hits(Ask(request));
     ASSERT_EQ(3u, hits.size());
-    const Names dir_members = {"ZARNMDFSSize", "ZARNMDIsDir", "additional"};
-    const Names file_members = {"ZARNMDFSSize", "ZARNMDIsDir", "ZARNMDTextContent", "additional"};
-    EXPECT_EQ(dir_members, Sorted(hits[0].getMemberNames()));  // the folder has no text
-    EXPECT_EQ(file_members, Sorted(hits[1].getMemberNames()));
+    EXPECT_EQ(Names({"ZARNMDFSSize", "ZARNMDIsDir", "additional"}), Sorted(hits[0].getMemberNames()));  // a folder
+    EXPECT_EQ(Names({"ZARNMDFSSize", "ZARNMDIsDir", "ZARNMDTextContent", "additional"}),
+              Sorted(hits[1].getMemberNames()));
     EXPECT_EQ("annual report: revenue grew\n", hits[1]["ZARNMDTextContent"].asString());
     EXPECT_EQ("gzipped fox notes\n", hits[2]["ZARNMDTextContent"].asString());
-    EXPECT_TRUE(hits[1]["ZARNMDFSSize"].isInt());
-    EXPECT_TRUE(hits[1]["additional"]["doc_id"].isInt());
+    EXPECT_EQ(28, hits[1]["ZARNMDFSSize"].asInt());
+    EXPECT_EQ("y", hits[0]["ZARNMDIsDir"].asString());
 }
 
 TEST_F(DaemonE2e, PermissionFilterHidesWhatTheUserCannotRead) {
     Start();
-    int64_t total = -1;
-    EXPECT_EQ(Names({"/docs/fox.txt", "/docs/report/notes.txt.gz"}),
-              Sorted(Field(Hits(Ask(SearchRequest("fox", kStranger)), &total))));
-    EXPECT_EQ(2, total);
-    // private.txt (0600), the closed folder (0750) and what it holds are gone
-    // from the count too.
-    Hits(Ask(SearchRequest("*", kStranger)), &total);
-    EXPECT_EQ(12, total);
+    // private.txt (0600), the closed folder (0750) and what it holds are
+    // gone, from the count too.
+    const Page fox = LibrarySearch("fox", {}, 0, 100, kStranger);
+    EXPECT_EQ(kStrangersFox, Sorted(fox.paths));
+    EXPECT_EQ(2, fox.total);
+    EXPECT_EQ(12, LibrarySearch("*", {}, 0, 100, kStranger).total);
     // Taking the search bit from a folder hides what lies below it.
     chmod((root_ + "/report").c_str(), 0754);
     ASSERT_EQ(0, Index());
-    EXPECT_EQ(Names({"/docs/fox.txt"}), Field(Hits(Ask(SearchRequest("fox", kStranger)))));
+    EXPECT_EQ(Names({"/docs/fox.txt"}), LibrarySearch("fox", {}, 0, 100, kStranger).paths);
+}
+
+bool CollectPath(const _tag_search_record *record, void *paths) {
+    static_cast<Names *>(paths)->push_back(std::string(record->path) + (record->highlight ? record->highlight : ""));
+    return true;
+}
+
+TEST_F(DaemonE2e, CallbackSearchAndTheConnectionClass) {
+    Start();
+    Names paths;
+    int code = 0;
+    ASSERT_EQ(1, ZARNSearchQuerySend("docs", "fox", 10, 0, CollectPath, &paths, "callback", kStranger, &code));
+    EXPECT_EQ(kStrangersFox, Sorted(paths));
+    // Page 2 of size 2 holds the fifth of five hits.
+    paths.clear();
+    ASSERT_EQ(1, ZARNSearchQuerySend("docs", "ZARNMDExtension:log", 2, 2, CollectPath, &paths, nullptr, 0, &code));
+    EXPECT_EQ(1u, paths.size());
+    // The connection keeps the highlight flag for the searches it sends.
+    ZARN::IR::DAEMON::Connection connection;
+    ASSERT_TRUE(connection.Connect(20, CONNECTION_FLAG_HIGHLIGHT));
+    paths.clear();
+    ASSERT_TRUE(connection.SendQuery(SearchRequest("needle"), CollectPath, &paths, "callback", 0));
+    ASSERT_EQ(1u, paths.size());
+    EXPECT_NE(std::string::npos, paths[0].find("/docs/long.txt")) << paths[0];
+    EXPECT_NE(std::string::npos, paths[0].find("<em>needle</em>")) << paths[0];
 }
 
 TEST_F(DaemonE2e, DocumentFieldsThroughTheLibrary) {
@@ -219,12 +240,10 @@ TEST_F(DaemonE2e, DocumentFieldsThroughTheLibrary) {
     EXPECT_EQ(44, values[1].value.int_value);
     EXPECT_EQ(DOCUMENT_FIELD_TYPE_BOOL, values[2].type);
     EXPECT_FALSE(values[2].value.bool_value);
-    EXPECT_EQ(DOCUMENT_FIELD_TYPE_INT, values[3].type);
     EXPECT_EQ(st.st_mtime, values[3].value.int_value);
     EXPECT_STREQ(std::to_string(st.st_uid).c_str(), values[4].value.string_value);
     EXPECT_STREQ("The quick brown fox jumps over the lazy dog\n", values[5].value.string_value);
     EXPECT_EQ(0, static_cast<int>(values[6].type));  // not stored
-    // An id that names no document: the daemon's failure reply.
     EXPECT_EQ(ZARN_ERR_FORMAT, ZARNQueryDocumentFieldGet("docs", 9999, names, 7, values));
     EXPECT_EQ(ZARN_ERR_FORMAT, ZARNQueryDocumentFieldGet("nosuchshare", doc_id, names, 7, values));
 }
@@ -232,11 +251,10 @@ TEST_F(DaemonE2e, DocumentFieldsThroughTheLibrary) {
 TEST_F(DaemonE2e, IncrementalRunTouchesOnlyWhatChanged) {
     std::string summary;
     ASSERT_EQ(0, Index(&summary));
-    EXPECT_EQ(0u, summary.find("docs: 0 added, 0 updated, 0 removed, 15 unchanged")) << summary;
+    EXPECT_EQ(0u, summary.find("docs: 0 added, 0 updated, 0 removed, 15 unchanged, 0 skipped")) << summary;
     Start();
-    Write(root_ + "/fox.txt", "The quick brown fox met a quokka\n");
-    unlink((root_ + "/logs/file1.log").c_str());
-    Write(root_ + "/new.txt", "a zebra\n");
+    ASSERT_EQ(0, Shell("cd " + root_ + " && echo 'The quick brown fox met a quokka' > fox.txt && "
+                       "rm logs/file1.log && echo 'a zebra' > new.txt"));
     ASSERT_EQ(0, Index(&summary));
     // fox.txt, and logs/ whose content changed.
     EXPECT_EQ(0u, summary.find("docs: 1 added, 2 updated, 1 removed, 12 unchanged")) << summary;
@@ -246,82 +264,61 @@ TEST_F(DaemonE2e, IncrementalRunTouchesOnlyWhatChanged) {
     EXPECT_EQ(4u, Hits(Ask(SearchRequest("ZARNMDParent:/docs/logs"))).size());
 }
 
-TEST_F(DaemonE2e, ManyClientsAtOnce) {
+// Clients at once, while indexing runs add a batch of files and remove the
+// previous one.
+TEST_F(DaemonE2e, ManyClientsWhileTheIndexChanges) {
     Start();
     const std::vector<std::pair<std::string, size_t>> queries = {
-        {"fox", 4}, {"ZARNMDExtension:log", 5}, {"*", 15}, {"needle", 1}, {"zzz", 0}};
+        {"fox", 4}, {"ZARNMDExtension:log", 5}, {"needle", 1}, {"zzz", 0}};
+    std::atomic<bool> done{false};
     std::atomic<int> wrong{0};
     std::vector<std::thread> clients;
-    for (int t = 0; t < 8; ++t)
+    for (size_t t = 0; t < 6; ++t)
         clients.emplace_back([&, t] {
-            for (int i = 0; i < 25; ++i) {
-                const auto &q = queries[static_cast<size_t>(t + i) % queries.size()];
-                if (Hits(Ask(SearchRequest(q.first))).size() != q.second) ++wrong;
-            }
+            for (size_t i = t; !done || i < t + 20; ++i)
+                if (Hits(Ask(SearchRequest(queries[i % 4].first))).size() != queries[i % 4].second) ++wrong;
         });
-    for (std::thread &client : clients) client.join();
-    EXPECT_EQ(0, wrong.load());
-}
-
-TEST_F(DaemonE2e, SearchesRunWhileTheIndexChanges) {
-    Start();
-    const Names fox = {"/docs/closed/inner.txt", "/docs/fox.txt", "/docs/private.txt", "/docs/report/notes.txt.gz"};
-    std::atomic<bool> done{false};
-    std::atomic<int> searches{0}, wrong{0};
-    std::vector<std::thread> clients;
-    for (int t = 0; t < 3; ++t)
-        clients.emplace_back([&] {
-            while (!done) {
-                if (Sorted(Field(Hits(Ask(SearchRequest("fox"))))) != fox) ++wrong;
-                ++searches;
-            }
-        });
-    // Each run adds a batch of files and removes the previous one.
-    mkdir((root_ + "/churn").c_str(), 0755);
     for (int round = 0; round < 4; ++round) {
-        for (int i = 0; i < 40; ++i) {
-            Write(root_ + "/churn/r" + std::to_string(round) + "-" + std::to_string(i) + ".txt", "quux\n");
-            if (round > 0) unlink((root_ + "/churn/r" + std::to_string(round - 1) + "-" + std::to_string(i) + ".txt").c_str());
-        }
+        const std::string batch = "$(seq -f '" + std::to_string(round) + "-%g' 40)";
+        ASSERT_EQ(0, Shell("mkdir -p " + root_ + "/churn && cd " + root_ + "/churn && rm -f * && for f in " + batch +
+                           "; do echo quux > $f.txt; done"));
         EXPECT_EQ(0, Index());
     }
     done = true;
     for (std::thread &client : clients) client.join();
     EXPECT_EQ(0, wrong.load());
-    EXPECT_GT(searches.load(), 0);
     int64_t total = -1;
     Hits(Ask(SearchRequest("quux")), &total);
     EXPECT_EQ(40, total);
 }
 
 TEST_F(DaemonE2e, SilentAndSlowClientsDoNotHoldTheOnlyWorker) {
-    Start({"--workers", "1"});
+    Start("--workers 1");
     const int silent = Connect();
     const int partial_header = Connect();
     ASSERT_EQ(2, write(partial_header, "\0\0", 2));
     const int partial_body = Connect();
     ASSERT_EQ(6, write(partial_body, "\0\0\0\x20{\"", 6));
     usleep(100000);
-    const Clock::time_point start = Clock::now();
+    const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(4u, Hits(Ask(SearchRequest("fox"))).size());
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(2));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
     for (int fd : {silent, partial_header, partial_body}) close(fd);
 }
 
 TEST_F(DaemonE2e, OneDaemonPerSocketAndAStaleSocketIsReplaced) {
     Start();
-    std::string out;
-    EXPECT_EQ(1, RunProgram({ZARNELASTICD, "--foreground"}, &out));
+    EXPECT_EQ(1, Shell(ZARNELASTICD " --foreground 2>/dev/null"));
     EXPECT_TRUE(Answers());
     // A daemon that died without cleaning up leaves its socket behind.
     kill(daemon_, SIGKILL);
     waitpid(daemon_, nullptr, 0);
     daemon_ = -1;
-    ASSERT_EQ(0, access(kSocket, F_OK));
+    ASSERT_EQ(0, access(zarntest::kDaemonSocket, F_OK));
     ASSERT_FALSE(Answers());
     Start();
     struct stat st;
-    ASSERT_EQ(0, stat(kSocket, &st));
+    ASSERT_EQ(0, stat(zarntest::kDaemonSocket, &st));
     EXPECT_EQ(0666u, st.st_mode & 0777);
     EXPECT_EQ(1u, Hits(Ask(SearchRequest("lazy"))).size());
     EXPECT_NE(std::string::npos, Log().find("collector: agent \"e2e\" uid 0 (peer uid 0) searches fileindex_docs"))
@@ -337,13 +334,12 @@ TEST_F(DaemonE2e, PeerOtherThanRootActsOnlyAsItself) {
     Start();
     const int secret = Hits(Ask(SearchRequest("secrets")))[0]["additional"]["doc_id"].asInt();
     Stop();
-    Start({}, {"unshare", "--user", "--map-user=1000", "--map-group=1000"});
+    Start("", "unshare --user --map-user=1000 --map-group=1000");
     const std::vector<Json::Value> refused = Ask(SearchRequest("fox", 0));
     ASSERT_EQ(1u, refused.size());
     EXPECT_EQ(403, refused[0]["error"]["code"].asInt()) << zarn::json::ToString(refused[0]);
     // As itself the peer gets what uid 1000 may read; without a filter too.
-    EXPECT_EQ(Names({"/docs/fox.txt", "/docs/report/notes.txt.gz"}),
-              Sorted(Field(Hits(Ask(SearchRequest("fox", 1000))))));
+    EXPECT_EQ(kStrangersFox, Sorted(LibrarySearch("fox", {}, 0, 100, 1000).paths));
     Json::Value unfiltered = SearchRequest("fox");
     unfiltered["data"].removeMember("filters");
     EXPECT_EQ(2u, Hits(Ask(unfiltered)).size());
