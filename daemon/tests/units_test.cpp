@@ -80,9 +80,11 @@ TEST(DaemonUnits, FragmentIsCutBelowTheLimitWithoutBreakingAnything) {
         std::string out;
     } cases[] = {
         {"short <em>hit</em>", 100, "short <em>hit</em>"},
-        {"abcdef", 4, "abc"},
+        {"abcdef", 2, "a"},
         {"ab\xC3\xA9z", 4, "ab"},                          // é would end at byte 4
         {"a &amp; b", 5, "a "},                            // no half escape
+        {"ab &amp;", 7, "ab "},
+        {"a &b cdefghijkl;", 5, "a &b"},  // too long for an escape
         {"xy <em>word</em> tail", 12, "<em>wo</em>"},      // the match shown, if only in part
         {"xy <em>word</em> tail", 16, "y <em>word</em>"},  // text before the match gives way
         {"<em>a</em> <em>b</em>", 13, "<em>a</em> "},
