@@ -112,7 +112,8 @@ TEST(DaemonUnits, TextIsRepairedCutBetweenCharactersOrRefused) {
     } cases[] = {
         {"hello world\n", 100, true, "hello world\n"},
         {"caf\xE9 ol\xE9", 100, true, "caf" + bad + " ol" + bad},
-        {"a\xC0\xAF" "b \xED\xA0\x80", 100, true, "a" + bad + bad + "b " + bad + bad + bad},  // overlong, surrogate
+        // Overlong forms and a surrogate.
+        {"a\xC0\xAF" "b \xE0\x80\x80 \xED\xA0\x80", 100, true, "a" + bad + bad + "b " + bad + bad + bad + " " + bad + bad + bad},
         {"\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80", 100, true, "\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80"},
         {euro_at_9, 10, true, std::string(9, 'a')},
         {euro_at_9, 12, true, euro_at_9.substr(0, 12)},
