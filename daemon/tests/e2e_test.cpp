@@ -1,20 +1,160 @@
-// The real daemon and indexer driven through raw protocol packets and through
-// the library's public functions.
+// The real daemon and indexer on a small generated share inside the sandbox,
+// driven through raw protocol packets, the library's public functions and
+// zarnsearch.
+#include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 
 #include <atomic>
-#include <thread>
+#include <cstring>
+#include <regex>
 
-#include "daemon_fixture.h"
+#include "harness.h"
+#include "json_text.h"
+#include "zarncontentsearchutils.h"
+#include "zarnplatform.h"
+#include "zarnsearch_run.h"
 
 namespace {
 
-using namespace zarnd_test;
-
-class DaemonE2e : public DaemonFixture {};
-
+using namespace zarntest;
+using Names = std::vector<std::string>;
+using Replies = std::vector<Json::Value>;
+constexpr unsigned kStranger = 54321;  // a uid that the user database does not know
 const Names kFox = {"/docs/closed/inner.txt", "/docs/fox.txt", "/docs/private.txt", "/docs/report/notes.txt.gz"};
 const Names kStrangersFox = {"/docs/fox.txt", "/docs/report/notes.txt.gz"};
+const std::vector<ZARNQuerySorter> kByPath = {{0, "ZARNMDPath"}};
+
+// A connection to the daemon's socket; -1 when nobody answers there.
+int Connect() {
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{AF_UNIX, {}};
+    std::strcpy(address.sun_path, kDaemonSocket);
+    const timeval timeout = {10, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) return fd;
+    close(fd);
+    return -1;
+}
+
+// Every reply packet of one request sent as the packet `text_sent`.
+Replies Ask(const std::string &text_sent) {
+    const int fd = Connect();
+    zarndaemon::io::PacketWrite(fd, text_sent);  // a refused request may be cut off mid-write
+    Replies replies(1);
+    for (std::string text; zarndaemon::io::PacketRead(fd, text); replies.emplace_back())
+        EXPECT_TRUE(zarn::json::FromString(text, &replies.back())) << text;
+    close(fd);
+    replies.pop_back();
+    return replies;
+}
+
+Json::Value Search(const std::string &query, unsigned uid = 0) {
+    Json::Value request;
+    zarn::json::FromString(R"({"command": "search", "data": {"indice": ["fileindex_docs"], "size": 100,
+                               "collector": {"agent": "e2e"}}})", &request);
+    request["data"]["query_string"]["query"] = query;
+    request["data"]["filters"][0]["name"] = "permission";
+    request["data"]["filters"][0]["data"] = request["data"]["collector"]["uid"] = uid;
+    return request;
+}
+
+// The hits of a search, checked for the stream's shape: header, hits, end.
+Replies Hits(const Json::Value &request, int64_t *total = nullptr) {
+    const Replies replies = Ask(zarn::json::ToString(request));
+    if (replies.size() < 2 || !replies[0].isMember("total") || replies.back()["success"] != true) {
+        ADD_FAILURE() << "not a search reply: " << (replies.empty() ? "" : zarn::json::ToString(replies[0]));
+        return {};
+    }
+    if (total != nullptr) *total = replies[0]["total"].asInt64();
+    return Replies(replies.begin() + 1, replies.end() - 1);
+}
+
+Names Paths(const Json::Value &request, int64_t *total = nullptr) {  // sorted
+    Names names;
+    for (const Json::Value &hit : Hits(request, total)) names.push_back(hit["ZARNMDPath"].asString());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// A search through the library's streaming functions; highlight "" for a
+// hit without one.
+struct Page {
+    int total;
+    Names paths, highlights;
+};
+Page LibrarySearch(const char *query, unsigned uid = 0, ConnectionFlag flags = CONNECTION_FLAG_NONE,
+                   std::vector<ZARNQuerySorter> sorters = kByPath, int page = 0, int size = 100) {
+    ZARNQueryHandle *handle = nullptr;
+    EXPECT_EQ(ZARN_OK, ZARNQueryConnectionInit(&handle));
+    EXPECT_EQ(ZARN_OK, ZARNQueryConnectionOpen(handle, "docs", query, sorters.data(), static_cast<int>(sorters.size()),
+                                               page, size, "library test", uid, flags));
+    Page result{ZARNQueryCount(handle), {}, {}};
+    int code;  // the end leaves the record untouched
+    for (_tag_search_record *record = nullptr; (code = ZARNQueryGetNextRecord(handle, &record)) == ZARN_OK && record;
+         record = nullptr) {
+        result.paths.push_back(record->path);
+        result.highlights.push_back(record->highlight != nullptr ? record->highlight : "");
+        EXPECT_GT(record->doc_id, 0);
+        ZARNQueryFreeRecord(record);
+    }
+    EXPECT_EQ(ZARN_OK, code);
+    ZARNQueryConnectionClose(handle);
+    return result;
+}
+
+class DaemonE2e : public ::testing::Test {
+protected:
+    // 12 files and 3 folders to index; "@eaDir", the platform's own, is left out.
+    void SetUp() override {
+        ASSERT_EQ(0, Shell(R"sh(umask 022 && mkdir /var/docs && cd /var/docs &&
+            mkdir report logs closed @eaDir && chmod 750 closed &&
+            echo 'The quick brown fox jumps over the lazy dog' > fox.txt &&
+            echo 'fox secrets' > private.txt && chmod 600 private.txt &&
+            echo 'fox inside the closed folder' > closed/inner.txt &&
+            echo 'annual report: revenue grew' > report/annual_report-2020.txt &&
+            echo 'gzipped fox notes' | gzip > report/notes.txt.gz &&
+            for n in 1 2 10 20 100; do echo "entry $n" > logs/file$n.log; done &&
+            for i in $(seq 0 59); do printf '\303\251t\303\251 line %d%s\n' $i "$([ $i = 30 ] && echo ' needle')"; done > long.txt &&
+            printf '\177ELF\0\0\1fox' > bin.dat && echo "fox in the platform's own folder" > @eaDir/hidden-fox.txt)sh").status);
+        SetShareTable({{"docs", "/var/docs"}});
+        WriteFile(kFolderConfig, R"([{"path": "/docs"}])");
+        ASSERT_EQ(0, Index().status);
+    }
+    void TearDown() override {
+        if (daemon_ > 0) Stop();
+    }
+    static Result Index() { return Shell(ZARNELASTICD " index"); }
+    static std::string Log() { return Shell("cat /var/daemon.log").out; }
+
+    // The daemon in the foreground; `wrapper` runs it through another program.
+    void Start(const std::string &wrapper = "", const std::string &options = "") {
+        daemon_ = fork();
+        if (daemon_ == 0) {
+            const std::string command = "exec " + wrapper + " " ZARNELASTICD " --foreground " + options + " 2>>/var/daemon.log";
+            execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+            _exit(127);
+        }
+        int fd = -1;
+        for (int i = 0; i < 500 && (fd = Connect()) < 0; ++i) usleep(10000);
+        ASSERT_GE(fd, 0) << Log();
+        close(fd);
+    }
+
+    // SIGTERM or SIGINT stops the daemon cleanly and takes its socket away.
+    void Stop(int signal_number = SIGTERM) {
+        kill(daemon_, signal_number);
+        int status = 0;
+        EXPECT_EQ(daemon_, waitpid(daemon_, &status, 0));
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << "\n" << Log();
+        EXPECT_NE(0, access(kDaemonSocket, F_OK)) << "socket left behind";
+        daemon_ = -1;
+    }
+
+    pid_t daemon_ = -1;
+};
 
 TEST_F(DaemonE2e, QuerySyntax) {
     Start();
@@ -32,125 +172,109 @@ TEST_F(DaemonE2e, QuerySyntax) {
         {"annual OR needle", {"/docs/long.txt", "/docs/report/annual_report-2020.txt"}},
         {"repo*", {"/docs/report", "/docs/report/annual_report-2020.txt"}},
         {"ZARNMDExtension:gz", {"/docs/report/notes.txt.gz"}},
-        {"ZARNMDTextContent:report", {"/docs/report/annual_report-2020.txt"}},
-        {"ZARNMDFSName:closed", {"/docs/closed"}},
         {"ZARNMDIsDir:y", {"/docs/closed", "/docs/logs", "/docs/report"}},
         {"ZARNMDParent:/docs/report", {"/docs/report/annual_report-2020.txt", "/docs/report/notes.txt.gz"}},
-        {"ZARNMDFSSize:8..9 ZARNMDExtension:log",
-         {"/docs/logs/file1.log", "/docs/logs/file10.log", "/docs/logs/file2.log", "/docs/logs/file20.log"}},
+        {"ZARNMDFSSize:8..9 ZARNMDExtension:log", {"/docs/logs/file1.log", "/docs/logs/file10.log", "/docs/logs/file2.log", "/docs/logs/file20.log"}},
         {"hidden", {}},  // nothing under "@eaDir" is indexed
     };
     for (const auto &c : cases) {
         int64_t total = -1;
-        EXPECT_EQ(c.paths, Sorted(Field(Hits(Ask(SearchRequest(c.query)), &total)))) << c.query;
+        EXPECT_EQ(c.paths, Paths(Search(c.query), &total)) << c.query;
         EXPECT_EQ(static_cast<int64_t>(c.paths.size()), total) << c.query;
     }
 }
 
-// Whatever fails, the reply is one packet with the code.
+// Whatever fails, the reply is one packet with the code, and the daemon
+// serves on.
 TEST_F(DaemonE2e, FailuresAreOneErrorPacket) {
-    zarntest::SetShareTable({{"docs", root_}, {"bare", root_ + "/report"}});  // "bare" was never indexed
+    SetShareTable({{"docs", "/var/docs"}, {"bare", "/var/docs/report"}});  // "bare" was never indexed
     Start();
-    const auto search = [](const char *index, const char *query, const char *extra = "") {
-        return std::string(R"({"command": "search", "data": {"indice": [")") + index +
-               R"("], "query_string": {"query": ")" + query + "\"}" + extra + "}}";
-    };
-    const auto document = [](const char *data) {
-        return std::string(R"({"command": "document_get_by_internal_id", "data": )") + data + "}";
-    };
+    const std::string search = R"({"command": "search", "data": {"indice": ["fileindex_docs"], "query_string": {"query": "fox")";
+    const std::string document = R"({"command": "document_get_by_internal_id", "data": {"id": "fileindex_docs", "doc_id": )";
     const struct {
         std::string request;
         int code;
     } cases[] = {
-        {search("fileindex_nosuch", "fox"), 404},
-        {search("nosuch", "fox"), 404},
-        {search("fileindex_bare", "fox"), 404},
-        {search("fileindex_docs", "fox AND"), 400},
-        {search("fileindex_docs", "ZARNMDFSSize:big..huge"), 400},
-        {search("fileindex_docs", "fox", R"(, "sorter": [{"field": "ZARNMDTextContent"}])"), 400},
-        {search("fileindex_docs", "fox", R"(, "size": 10001)"), 400},
-        {search("fileindex_docs", "fox", R"(, "filters": [{"name": "owner", "data": 1}])"), 400},
-        {search("fileindex_docs", "fox", R"(, "sorter": [{"field": "ZARNMDPath", "direction": "up"}])"), 400},
-        {search("fileindex_docs", "fox", R"(, "highlight": [{"field": "ZARNMDTextContent", "frag_length": 0}])"), 400},
+        {R"({"command": "search", "data": {"indice": ["fileindex_nosuch"], "query_string": {"query": "fox"}}})", 404},
+        {R"({"command": "search", "data": {"indice": ["nosuch"], "query_string": {"query": "fox"}}})", 404},
+        {R"({"command": "search", "data": {"indice": ["fileindex_bare"], "query_string": {"query": "fox"}}})", 404},
+        {R"({"command": "search", "data": {"indice": ["fileindex_docs"], "query_string": {"query": "fox AND"}}})", 400},
+        {R"({"command": "search", "data": {"indice": ["fileindex_docs"], "query_string": {"query": "ZARNMDFSSize:a..b"}}})", 400},
+        {search + R"(}, "sorter": [{"field": "ZARNMDTextContent"}]}})", 400},
+        {search + R"(}, "size": 10001}})", 400},
+        {search + R"(}, "filters": [{"name": "owner", "data": 1}]}})", 400},
+        {search + R"(}, "sorter": [{"field": "ZARNMDPath", "direction": "up"}]}})", 400},
+        {search + R"(}, "highlight": [{"field": "ZARNMDTextContent", "frag_length": 0}]}})", 400},
         {R"({"command": "search", "data": []})", 400},
-        {document(R"({"id": "fileindex_docs", "doc_id": 0})"), 400},
-        {document(R"({"id": "fileindex_docs", "doc_id": 9999})"), 404},
+        {document + "0}}", 400},
+        {document + "9999}}", 404},
         {"not json", 400},
         {R"({"command": "erase", "data": {}})", 400},
         {std::string(70000, ' '), 400},  // above the daemon's request size cap
     };
     for (const auto &c : cases) {
-        const std::vector<Json::Value> replies = AskText(c.request);
+        const Replies replies = Ask(c.request);
         ASSERT_EQ(1u, replies.size()) << c.request.substr(0, 200);
-        EXPECT_EQ(c.code, replies[0]["error"]["code"].asInt()) << c.request.substr(0, 200);
-        EXPECT_TRUE(replies[0]["success"] == false && replies[0]["error"]["message"].isString());
+        EXPECT_TRUE(replies[0]["success"] == false && replies[0]["error"]["message"].isString() &&
+                    replies[0]["error"]["code"] == c.code) << c.request.substr(0, 200) << zarn::json::ToString(replies[0]);
     }
-    EXPECT_EQ(kFox, Sorted(Field(Hits(Ask(SearchRequest("fox"))))));
+    EXPECT_EQ(kFox, Paths(Search("fox")));
 }
 
-TEST_F(DaemonE2e, PagesKeepTheTotalAndCoverEveryHit) {
+TEST_F(DaemonE2e, PagesAndSortKeys) {
     Start();
-    const std::vector<ZARNQuerySorter> by_path = {{0, "ZARNMDPath"}};
-    const Page all = LibrarySearch("*", by_path);
+    const Page all = LibrarySearch("*");
     ASSERT_EQ(15, all.total);
-    ASSERT_EQ(Sorted(all.paths), all.paths);
+    ASSERT_TRUE(std::is_sorted(all.paths.begin(), all.paths.end()));
     Names paged;
     for (int page = 0; page < 6; ++page) {
-        const Page one = LibrarySearch("*", by_path, page, 3);
+        const Page one = LibrarySearch("*", 0, CONNECTION_FLAG_NONE, kByPath, page, 3);
         EXPECT_EQ(15, one.total);
-        EXPECT_EQ(page < 5 ? 3u : 0u, one.paths.size());
         paged.insert(paged.end(), one.paths.begin(), one.paths.end());
     }
     EXPECT_EQ(all.paths, paged);
     // The daemon's own default size, and an empty page that still counts.
-    Json::Value request = SearchRequest("*");
+    Json::Value request = Search("*");
     request["data"].removeMember("size");
-    EXPECT_EQ(10u, Hits(Ask(request)).size());
+    EXPECT_EQ(10u, Hits(request).size());
     request["data"]["size"] = 0;
     int64_t counted = -1;
-    EXPECT_TRUE(Hits(Ask(request), &counted).empty());
+    EXPECT_TRUE(Hits(request, &counted).empty());
     EXPECT_EQ(15, counted);
-}
-
-TEST_F(DaemonE2e, SortKeysInTheirDirections) {
-    Start();
     const unsigned desc = SORTER_OPTION_DESC, natural = SORTER_OPTION_NATURE_SORT;
     const struct {
         std::vector<ZARNQuerySorter> keys;
-        std::vector<int> order;  // of the files logs/fileN.log
-    } cases[] = {
-        {{{0, "ZARNMDFSName"}}, {1, 10, 100, 2, 20}},
-        {{{natural, "ZARNMDFSName"}}, {1, 2, 10, 20, 100}},
-        {{{desc | natural, "ZARNMDFSName"}}, {100, 20, 10, 2, 1}},
-        {{{desc, "ZARNMDFSSize"}, {natural, "ZARNMDFSName"}}, {100, 10, 20, 1, 2}},
-        {{{0, "ZARNMDFSSize"}, {desc, "ZARNMDPath"}}, {2, 1, 20, 10, 100}},
+        std::string order;  // of the files logs/fileN.log
+    } sorts[] = {
+        {{{0, "ZARNMDFSName"}}, "1 10 100 2 20 "},
+        {{{natural, "ZARNMDFSName"}}, "1 2 10 20 100 "},
+        {{{desc | natural, "ZARNMDFSName"}}, "100 20 10 2 1 "},
+        {{{desc, "ZARNMDFSSize"}, {natural, "ZARNMDFSName"}}, "100 10 20 1 2 "},
+        {{{0, "ZARNMDFSSize"}, {desc, "ZARNMDPath"}}, "2 1 20 10 100 "},
     };
-    for (const auto &c : cases) {
-        Names paths;
-        for (int n : c.order) paths.push_back("/docs/logs/file" + std::to_string(n) + ".log");
-        EXPECT_EQ(paths, LibrarySearch("ZARNMDExtension:log", c.keys).paths) << c.keys[0].options << c.keys.size();
+    for (const auto &c : sorts) {
+        std::string order;
+        for (const std::string &path : LibrarySearch("ZARNMDExtension:log", 0, CONNECTION_FLAG_NONE, c.keys).paths)
+            order += path.substr(15, path.size() - 19) + " ";
+        EXPECT_EQ(c.order, order) << c.keys[0].options << c.keys.size();
     }
 }
 
 TEST_F(DaemonE2e, HighlightIsCutToTheFragmentLength) {
     Start();
-    for (int frag_length : {40, 21}) {
-        Json::Value request = SearchRequest("needle");
+    for (const auto &c : {std::make_pair(40, "\xE2\x80\xA6<em>needle</em>\n\xC3\xA9t\xC3\xA9 line 31\n\xC3\xA9t\xC3\xA9 "),
+                          std::make_pair(21, "\xE2\x80\xA6<em>needle</em>\n")}) {
+        Json::Value request = Search("needle");
         request["data"]["highlight"][0]["field"] = "ZARNMDTextContent";
-        request["data"]["highlight"][0]["frag_length"] = frag_length;
-        const std::vector<Json::Value> hits = Hits(Ask(request));
-        ASSERT_EQ(1u, hits.size());
-        const std::string fragment = hits[0]["highlight"]["ZARNMDTextContent"].asString();
-        EXPECT_LT(fragment.size(), static_cast<size_t>(frag_length)) << fragment;
-        EXPECT_EQ(0u, fragment.find(frag_length > 21 ? "\xE2\x80\xA6<em>needle</em>\n\xC3\xA9t\xC3\xA9 line 31" : "\xE2\x80\xA6<em>needle</em>"))
-            << fragment;
+        request["data"]["highlight"][0]["frag_length"] = c.first;
+        EXPECT_EQ(c.second, Hits(request).at(0)["highlight"]["ZARNMDTextContent"].asString());
     }
     // No match in the text: no highlight.
-    Json::Value by_name = SearchRequest("ZARNMDFSName:long");
+    Json::Value by_name = Search("ZARNMDFSName:long");
     by_name["data"]["highlight"][0]["field"] = "ZARNMDTextContent";
-    EXPECT_FALSE(Hits(Ask(by_name))[0].isMember("highlight"));
+    EXPECT_FALSE(Hits(by_name).at(0).isMember("highlight"));
     // Through the library: only when asked for, and within the record.
-    const Page page = LibrarySearch("needle", {}, 0, 10, 0, CONNECTION_FLAG_HIGHLIGHT);
+    const Page page = LibrarySearch("needle", 0, CONNECTION_FLAG_HIGHLIGHT);
     ASSERT_EQ(Names({"/docs/long.txt"}), page.paths);
     EXPECT_EQ(0u, page.highlights[0].find("\xE2\x80\xA6<em>needle</em>\n\xC3\xA9t\xC3\xA9 line 31")) << page.highlights[0];
     EXPECT_LT(page.highlights[0].size(), static_cast<size_t>(ZARN_RECORD_HIGHLIGHT_MAX));
@@ -159,29 +283,27 @@ TEST_F(DaemonE2e, HighlightIsCutToTheFragmentLength) {
 
 TEST_F(DaemonE2e, HitsCarryExactlyTheRequestedFieldsTheyHave) {
     Start();
-    Json::Value request = SearchRequest("ZARNMDPath:report");
-    for (const char *field : {"ZARNMDFSSize", "ZARNMDTextContent", "ZARNMDIsDir", "NoSuchField"})
+    Json::Value request = Search("ZARNMDPath:report");
+    for (const char *field : {"ZARNMDTextContent", "ZARNMDIsDir", "NoSuchField"})
         request["data"]["fields"].append(field);
     request["data"]["sorter"][0]["field"] = "ZARNMDPath";
-    const std::vector<Json::Value> hits = Hits(Ask(request));
-    ASSERT_EQ(3u, hits.size());
-    EXPECT_EQ(Names({"ZARNMDFSSize", "ZARNMDIsDir", "additional"}), Sorted(hits[0].getMemberNames()));  // a folder
-    EXPECT_EQ(Names({"ZARNMDFSSize", "ZARNMDIsDir", "ZARNMDTextContent", "additional"}),
-              Sorted(hits[1].getMemberNames()));
-    EXPECT_EQ("annual report: revenue grew\n", hits[1]["ZARNMDTextContent"].asString());
-    EXPECT_EQ("gzipped fox notes\n", hits[2]["ZARNMDTextContent"].asString());
-    EXPECT_EQ(28, hits[1]["ZARNMDFSSize"].asInt());
-    EXPECT_EQ("y", hits[0]["ZARNMDIsDir"].asString());
+    std::string shown;
+    for (Json::Value hit : Hits(request)) {
+        hit.removeMember("additional");  // the doc_id
+        shown += zarn::json::ToString(hit) + "\n";
+    }
+    EXPECT_EQ(R"({"ZARNMDIsDir":"y"})" "\n" R"({"ZARNMDIsDir":"n","ZARNMDTextContent":"annual report: revenue grew\n"})" "\n"
+              R"({"ZARNMDIsDir":"n","ZARNMDTextContent":"gzipped fox notes\n"})" "\n", shown);
 }
 
 TEST_F(DaemonE2e, PermissionFilterHidesWhatTheUserCannotRead) {
     Start();
     // private.txt (0600), the closed folder (0750) and what it holds are
     // gone, from the count too.
-    const Page fox = LibrarySearch("fox", {}, 0, 100, kStranger);
-    EXPECT_EQ(kStrangersFox, Sorted(fox.paths));
+    const Page fox = LibrarySearch("fox", kStranger);
+    EXPECT_EQ(kStrangersFox, fox.paths);
     EXPECT_EQ(2, fox.total);
-    EXPECT_EQ(12, LibrarySearch("*", {}, 0, 100, kStranger).total);
+    EXPECT_EQ(12, LibrarySearch("*", kStranger).total);
     Names paths;
     int code = 0;
     const auto collect = [](const _tag_search_record *record, void *paths) {
@@ -189,24 +311,23 @@ TEST_F(DaemonE2e, PermissionFilterHidesWhatTheUserCannotRead) {
         return true;
     };
     ASSERT_EQ(1, ZARNSearchQuerySend("docs", "fox", 10, 0, collect, &paths, "callback", kStranger, &code));
-    EXPECT_EQ(kStrangersFox, Sorted(paths));
+    std::sort(paths.begin(), paths.end());
+    EXPECT_EQ(kStrangersFox, paths);
     // Taking the search bit from a folder hides what lies below it.
-    chmod((root_ + "/report").c_str(), 0754);
-    ASSERT_EQ(0, Index());
-    EXPECT_EQ(Names({"/docs/fox.txt"}), LibrarySearch("fox", {}, 0, 100, kStranger).paths);
+    chmod("/var/docs/report", 0754);
+    ASSERT_EQ(0, Index().status);
+    EXPECT_EQ(Names({"/docs/fox.txt"}), LibrarySearch("fox", kStranger).paths);
 }
 
 TEST_F(DaemonE2e, DocumentFieldsThroughTheLibrary) {
     Start();
-    const std::vector<Json::Value> hits = Hits(Ask(SearchRequest("lazy")));
-    ASSERT_EQ(1u, hits.size());
-    const int doc_id = hits[0]["additional"]["doc_id"].asInt();
+    const int doc_id = Hits(Search("lazy")).at(0)["additional"]["doc_id"].asInt();
     const char *names[] = {"ZARNMDPath", "ZARNMDFSSize", "ZARNMDIsDir", "ZARNMDFSContentChangeDate",
                            "ZARNMDOwnerUserID", "ZARNMDTextContent", "ZARNMDTitle"};
     ZARNQueryDocumentFieldValue values[7];
     ASSERT_EQ(0, ZARNQueryDocumentFieldGet("docs", doc_id, names, 7, values));
     struct stat st;
-    ASSERT_EQ(0, stat((root_ + "/fox.txt").c_str(), &st));
+    ASSERT_EQ(0, stat("/var/docs/fox.txt", &st));
     Names shown;  // type:value
     for (const auto &v : values)
         shown.push_back(std::to_string(v.type) + ":" +
@@ -221,107 +342,114 @@ TEST_F(DaemonE2e, DocumentFieldsThroughTheLibrary) {
 }
 
 TEST_F(DaemonE2e, IncrementalRunTouchesOnlyWhatChanged) {
-    std::string summary;
-    ASSERT_EQ(0, Index(&summary));
-    EXPECT_EQ(0u, summary.find("docs: 0 added, 0 updated, 0 removed, 15 unchanged, 0 skipped")) << summary;
+    EXPECT_EQ(0u, Index().out.find("docs: 0 added, 0 updated, 0 removed, 15 unchanged, 0 skipped"));
     Start();
-    ASSERT_EQ(0, Shell("cd " + root_ + " && echo 'The quick brown fox met a quokka' > fox.txt && "
-                       "rm logs/file1.log && echo 'a zebra' > new.txt"));
-    ASSERT_EQ(0, Index(&summary));
+    ASSERT_EQ(0, Shell("cd /var/docs && echo 'The quick brown fox met a quokka' > fox.txt && rm logs/file1.log && "
+                     "echo 'a zebra' > new.txt").status);
     // fox.txt, and logs/ whose content changed.
-    EXPECT_EQ(0u, summary.find("docs: 1 added, 2 updated, 1 removed, 12 unchanged")) << summary;
-    EXPECT_EQ(Names({"/docs/fox.txt"}), Field(Hits(Ask(SearchRequest("quokka")))));
-    EXPECT_EQ(Names({}), Field(Hits(Ask(SearchRequest("lazy")))));
-    EXPECT_EQ(Names({"/docs/new.txt"}), Field(Hits(Ask(SearchRequest("zebra")))));
-    EXPECT_EQ(4u, Hits(Ask(SearchRequest("ZARNMDParent:/docs/logs"))).size());
+    EXPECT_EQ(0u, Index().out.find("docs: 1 added, 2 updated, 1 removed, 12 unchanged"));
+    EXPECT_EQ(Names({"/docs/fox.txt"}), Paths(Search("quokka")));
+    EXPECT_EQ(Names({}), Paths(Search("lazy")));
+    EXPECT_EQ(Names({"/docs/new.txt"}), Paths(Search("zebra")));
+    EXPECT_EQ(4u, Hits(Search("ZARNMDParent:/docs/logs")).size());
 }
 
 // Clients at once, while indexing runs add a batch of files and remove the
 // previous one.
 TEST_F(DaemonE2e, ManyClientsWhileTheIndexChanges) {
     Start();
-    const std::vector<std::pair<std::string, size_t>> queries = {
-        {"fox", 4}, {"ZARNMDExtension:log", 5}, {"needle", 1}, {"zzz", 0}};
+    const std::pair<const char *, size_t> queries[] = {{"fox", 4}, {"ZARNMDExtension:log", 5}, {"needle", 1}, {"zzz", 0}};
     std::atomic<bool> done{false};
     std::atomic<int> wrong{0};
     std::vector<std::thread> clients;
     for (size_t t = 0; t < 6; ++t)
         clients.emplace_back([&, t] {
-            for (size_t i = t; !done || i < t + 20; ++i)
-                if (Hits(Ask(SearchRequest(queries[i % 4].first))).size() != queries[i % 4].second) ++wrong;
+            for (size_t i = t; !done || i < t + 20; ++i) wrong += Hits(Search(queries[i % 4].first)).size() != queries[i % 4].second;
         });
-    for (int round = 0; round < 4; ++round) {
-        const std::string batch = "$(seq -f '" + std::to_string(round) + "-%g' 40)";
-        ASSERT_EQ(0, Shell("mkdir -p " + root_ + "/churn && cd " + root_ + "/churn && rm -f * && for f in " + batch +
-                           "; do echo quux > $f.txt; done"));
-        EXPECT_EQ(0, Index());
-    }
+    for (int round = 0; round < 4; ++round)
+        EXPECT_EQ(0, Shell("mkdir -p /var/docs/churn && cd /var/docs/churn && rm -f * && for f in $(seq -f '" + std::to_string(round) +
+                         "-%g' 40); do echo quux > $f.txt; done && " ZARNELASTICD " index").status);
     done = true;
     for (std::thread &client : clients) client.join();
     EXPECT_EQ(0, wrong.load());
     int64_t total = -1;
-    Hits(Ask(SearchRequest("quux")), &total);
+    Hits(Search("quux"), &total);
     EXPECT_EQ(40, total);
 }
 
 TEST_F(DaemonE2e, SilentAndSlowClientsDoNotHoldTheOnlyWorker) {
-    Start("--workers 1");
-    const int silent = Connect();
-    const int partial_header = Connect();
+    Start("", "--workers 1");
+    const int silent = Connect(), partial_header = Connect(), partial_body = Connect();
     ASSERT_EQ(2, write(partial_header, "\0\0", 2));
-    const int partial_body = Connect();
     ASSERT_EQ(6, write(partial_body, "\0\0\0\x20{\"", 6));
     usleep(100000);
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(4u, Hits(Ask(SearchRequest("fox"))).size());
+    EXPECT_EQ(4u, Hits(Search("fox")).size());
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
     for (int fd : {silent, partial_header, partial_body}) close(fd);
 }
 
-TEST_F(DaemonE2e, OneDaemonPerSocketAndAStaleSocketIsReplaced) {
+// One daemon per socket; a stale socket is replaced.  The sandbox maps one
+// uid only, so no client in it can switch to another (setuid fails there):
+// the daemon runs in a nested user namespace as uid 1000, where this
+// process, root outside it, shows as uid 1000 too: a peer that is not root.
+TEST_F(DaemonE2e, OneDaemonPerSocketAndAPeerOtherThanRootActsOnlyAsItself) {
     Start();
-    EXPECT_EQ(1, Shell(ZARNELASTICD " --foreground 2>/dev/null"));
+    EXPECT_EQ(1, Shell(ZARNELASTICD " --foreground").status);
+    const int secret = Hits(Search("secrets")).at(0)["additional"]["doc_id"].asInt();
+    EXPECT_NE(std::string::npos, Log().find("collector: agent \"e2e\" uid 0 (peer uid 0) searches fileindex_docs")) << Log();
     // A daemon that died without cleaning up leaves its socket behind.
     kill(daemon_, SIGKILL);
     waitpid(daemon_, nullptr, 0);
-    daemon_ = -1;
-    ASSERT_EQ(0, access(zarntest::kDaemonSocket, F_OK));
+    ASSERT_EQ(0, access(kDaemonSocket, F_OK));
     ASSERT_EQ(-1, Connect());
-    Start();
+    Start("unshare --user --map-user=1000 --map-group=1000");
     struct stat st;
-    ASSERT_EQ(0, stat(zarntest::kDaemonSocket, &st));
+    ASSERT_EQ(0, stat(kDaemonSocket, &st));
     EXPECT_EQ(0666u, st.st_mode & 0777);
-    EXPECT_EQ(1u, Hits(Ask(SearchRequest("lazy"))).size());
-    EXPECT_NE(std::string::npos, Log().find("collector: agent \"e2e\" uid 0 (peer uid 0) searches fileindex_docs"))
-        << Log();
-    Stop(SIGINT);
-}
-
-// The sandbox maps one uid only, so no client in it can switch to another
-// (setuid fails there).  Instead the daemon runs in a nested user namespace
-// as uid 1000, where this process, root outside it, shows as uid 1000 too:
-// to the daemon, a peer that is not root.
-TEST_F(DaemonE2e, PeerOtherThanRootActsOnlyAsItself) {
-    Start();
-    const int secret = Hits(Ask(SearchRequest("secrets")))[0]["additional"]["doc_id"].asInt();
-    Stop();
-    Start("", "unshare --user --map-user=1000 --map-group=1000");
-    const std::vector<Json::Value> refused = Ask(SearchRequest("fox", 0));
-    ASSERT_EQ(1u, refused.size());
-    EXPECT_EQ(403, refused[0]["error"]["code"].asInt()) << zarn::json::ToString(refused[0]);
+    const Replies refused = Ask(zarn::json::ToString(Search("fox", 0)));
+    EXPECT_TRUE(refused.size() == 1 && refused[0]["error"]["code"] == 403) << zarn::json::ToString(refused[0]);
+    EXPECT_NE(std::string::npos, Log().find("refused peer uid 1000")) << Log();
     // As itself the peer gets what uid 1000 may read; without a filter too.
-    EXPECT_EQ(kStrangersFox, Sorted(LibrarySearch("fox", {}, 0, 100, 1000).paths));
-    Json::Value unfiltered = SearchRequest("fox");
+    EXPECT_EQ(kStrangersFox, LibrarySearch("fox", 1000).paths);
+    Json::Value unfiltered = Search("fox");
     unfiltered["data"].removeMember("filters");
-    EXPECT_EQ(2u, Hits(Ask(unfiltered)).size());
+    EXPECT_EQ(kStrangersFox, Paths(unfiltered));
     // Documents: only those that uid 1000 may read.
     ZARNQueryDocumentFieldValue value;
     const char *name = "ZARNMDPath";
     EXPECT_EQ(ZARN_ERR_FORMAT, ZARNQueryDocumentFieldGet("docs", secret, &name, 1, &value));
-    const int open = Hits(Ask(SearchRequest("lazy", 1000)))[0]["additional"]["doc_id"].asInt();
+    const int open = Hits(Search("lazy", 1000)).at(0)["additional"]["doc_id"].asInt();
     EXPECT_EQ(0, ZARNQueryDocumentFieldGet("docs", open, &name, 1, &value));
     EXPECT_STREQ("/docs/fox.txt", value.value.string_value);
-    EXPECT_NE(std::string::npos, Log().find("refused peer uid 1000")) << Log();
+    Stop(SIGINT);
+}
+
+// zarnsearch, the library and the real daemon together: exit status, a
+// pattern for all of standard output and one for a part of standard error.
+class ZarnsearchDaemonTest : public DaemonE2e {};
+
+TEST_F(ZarnsearchDaemonTest, SearchCountAndARefusal) {
+    Start();
+    const struct {
+        std::vector<std::string> args;
+        int status;
+        const char *out, *err;
+    } cases[] = {
+        {{"search", "docs", "needle", "--highlight"}, 0,
+         "total: 1, shown: 1\nDOC ID  TYPE  NAME      PATH\n +[0-9]+  txt   long.txt  /docs/long.txt\n"
+         "        \xE2\x80\xA6needle \xC3\xA9t\xC3\xA9 line 31 \xC3\xA9t\xC3\xA9 line 32.*\n", ""},
+        {{"count", "docs", "fox", "--uid", std::to_string(kStranger)}, 0, "2\n", ""},
+        // An error reply where the total belongs, then the end.
+        {{"search", "docs", "fox", "--sort", "ZARNMDTextContent"}, 3, "total: 0, shown: 0\n",
+         "search: reading the hits failed: -7 ZARN_ERR_READ .*\n.*: it refused the request"},
+    };
+    for (const auto &c : cases) {
+        const Result result = Zarnsearch(c.args);
+        EXPECT_EQ(c.status, result.status) << testing::PrintToString(c.args) << result.err;
+        EXPECT_TRUE(std::regex_match(result.out, std::regex(c.out))) << testing::PrintToString(c.args) << result.out;
+        EXPECT_TRUE(std::regex_search(result.err, std::regex(c.err))) << testing::PrintToString(c.args) << result.err;
+    }
 }
 
 }  // namespace
