@@ -4,9 +4,7 @@
 #ifndef ZARNSEARCH_RUN_H
 #define ZARNSEARCH_RUN_H
 
-#include <fcntl.h>
 #include <sys/mount.h>
-#include <termios.h>
 
 #include <fstream>
 #include <sstream>
@@ -20,26 +18,13 @@ struct Result {
     std::string out, err;
 };
 
-// Standard output is a pipe, or a terminal when `terminal`; standard error
-// goes to a file.
-inline Result Shell(std::string command, bool terminal = false) {
-    int pty = -1;
-    if (terminal) {
-        pty = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-        termios raw;
-        EXPECT_TRUE(grantpt(pty) == 0 && unlockpt(pty) == 0 && tcgetattr(pty, &raw) == 0);
-        cfmakeraw(&raw);  // no "\r\n" for "\n"; set on the master, it holds for the terminal
-        tcsetattr(pty, TCSANOW, &raw);
-        command += std::string(" >") + ptsname(pty);
-    }
+// Runs `command` through the shell; standard error goes to a file.
+inline Result Shell(const std::string &command) {
     FILE *pipe = popen((command + " 2>/var/run.err; exit $?").c_str(), "r");
     Result result;
     char buffer[4096];
     for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) result.out.append(buffer, n);
     result.status = WEXITSTATUS(pclose(pipe));
-    // What the terminal holds stays readable after its last user left, then EIO.
-    for (ssize_t n; terminal && (n = read(pty, buffer, sizeof buffer)) > 0;) result.out.append(buffer, n);
-    close(pty);
     std::ostringstream err;
     err << std::ifstream("/var/run.err").rdbuf();
     result.err = err.str();
@@ -49,12 +34,12 @@ inline Result Shell(std::string command, bool terminal = false) {
 // zarnsearch with `args` (none holds a quote), behind ZARN_TEST_WRAPPER
 // (valgrind) as for tests.  It logs through the syslog socket, if there is
 // one: inside the sandbox that leads nowhere.
-inline Result Zarnsearch(const std::vector<std::string> &args, bool terminal = false) {
+inline Result Zarnsearch(const std::vector<std::string> &args) {
     static const bool quiet = access("/dev/log", F_OK) != 0 || mount("/dev/null", "/dev/log", nullptr, MS_BIND, nullptr) == 0;
     EXPECT_TRUE(quiet);
     std::string command = "$ZARN_TEST_WRAPPER " ZARNSEARCH_PATH;
     for (const std::string &arg : args) command += " '" + arg + "'";
-    return Shell(command, terminal);
+    return Shell(command);
 }
 
 }  // namespace zarntest

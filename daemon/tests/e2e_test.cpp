@@ -9,7 +9,6 @@
 
 #include <atomic>
 #include <cstring>
-#include <regex>
 
 #include "harness.h"
 #include "json_text.h"
@@ -32,8 +31,6 @@ int Connect() {
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
     sockaddr_un address{AF_UNIX, {}};
     std::strcpy(address.sun_path, kDaemonSocket);
-    const timeval timeout = {10, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) return fd;
     close(fd);
     return -1;
@@ -53,11 +50,9 @@ Replies Ask(const std::string &text_sent) {
 
 Json::Value Search(const std::string &query, unsigned uid = 0) {
     Json::Value request;
-    zarn::json::FromString(R"({"command": "search", "data": {"indice": ["fileindex_docs"], "size": 100,
-                               "collector": {"agent": "e2e"}}})", &request);
+    zarn::json::FromString(R"({"command": "search", "data": {"indice": ["fileindex_docs"], "size": 100, "collector": {"agent": "e2e", "uid": )" +
+                           std::to_string(uid) + R"(}, "filters": [{"name": "permission", "data": )" + std::to_string(uid) + "}]}}", &request);
     request["data"]["query_string"]["query"] = query;
-    request["data"]["filters"][0]["name"] = "permission";
-    request["data"]["filters"][0]["data"] = request["data"]["collector"]["uid"] = uid;
     return request;
 }
 
@@ -79,24 +74,22 @@ Names Paths(const Json::Value &request, int64_t *total = nullptr) {  // sorted
     return names;
 }
 
-// A search through the library's streaming functions; highlight "" for a
-// hit without one.
+// A search through the library's streaming functions.
 struct Page {
     int total;
-    Names paths, highlights;
+    Names paths;
 };
-Page LibrarySearch(const char *query, unsigned uid = 0, ConnectionFlag flags = CONNECTION_FLAG_NONE,
-                   std::vector<ZARNQuerySorter> sorters = kByPath, int page = 0, int size = 100) {
+Page LibrarySearch(const char *query, unsigned uid = 0, std::vector<ZARNQuerySorter> sorters = kByPath, int page = 0,
+                   int size = 100) {
     ZARNQueryHandle *handle = nullptr;
     EXPECT_EQ(ZARN_OK, ZARNQueryConnectionInit(&handle));
     EXPECT_EQ(ZARN_OK, ZARNQueryConnectionOpen(handle, "docs", query, sorters.data(), static_cast<int>(sorters.size()),
-                                               page, size, "library test", uid, flags));
-    Page result{ZARNQueryCount(handle), {}, {}};
+                                               page, size, "library test", uid, CONNECTION_FLAG_NONE));
+    Page result{ZARNQueryCount(handle), {}};
     int code;  // the end leaves the record untouched
     for (_tag_search_record *record = nullptr; (code = ZARNQueryGetNextRecord(handle, &record)) == ZARN_OK && record;
          record = nullptr) {
         result.paths.push_back(record->path);
-        result.highlights.push_back(record->highlight != nullptr ? record->highlight : "");
         EXPECT_GT(record->doc_id, 0);
         ZARNQueryFreeRecord(record);
     }
@@ -109,13 +102,10 @@ class DaemonE2e : public ::testing::Test {
 protected:
     // 12 files and 3 folders to index; "@eaDir", the platform's own, is left out.
     void SetUp() override {
-        ASSERT_EQ(0, Shell(R"sh(umask 022 && mkdir /var/docs && cd /var/docs &&
-            mkdir report logs closed @eaDir && chmod 750 closed &&
-            echo 'The quick brown fox jumps over the lazy dog' > fox.txt &&
-            echo 'fox secrets' > private.txt && chmod 600 private.txt &&
-            echo 'fox inside the closed folder' > closed/inner.txt &&
-            echo 'annual report: revenue grew' > report/annual_report-2020.txt &&
-            echo 'gzipped fox notes' | gzip > report/notes.txt.gz &&
+        ASSERT_EQ(0, Shell(R"sh(umask 022 && mkdir /var/docs && cd /var/docs && mkdir report logs closed @eaDir &&
+            chmod 750 closed && echo 'The quick brown fox jumps over the lazy dog' > fox.txt && echo 'fox secrets' > private.txt &&
+            chmod 600 private.txt && echo 'fox inside the closed folder' > closed/inner.txt && cd report &&
+            echo 'annual report: revenue grew' > annual_report-2020.txt && echo 'gzipped fox notes' | gzip > notes.txt.gz && cd .. &&
             for n in 1 2 10 20 100; do echo "entry $n" > logs/file$n.log; done &&
             for i in $(seq 0 59); do printf '\303\251t\303\251 line %d%s\n' $i "$([ $i = 30 ] && echo ' needle')"; done > long.txt &&
             printf '\177ELF\0\0\1fox' > bin.dat && echo "fox in the platform's own folder" > @eaDir/hidden-fox.txt)sh").status);
@@ -158,29 +148,23 @@ protected:
 
 TEST_F(DaemonE2e, QuerySyntax) {
     Start();
-    const struct {
-        const char *query;
-        Names paths;
-    } cases[] = {
+    const std::pair<const char *, Names> cases[] = {
         {"fox", kFox},
         {"FOX AND closed", {"/docs/closed/inner.txt"}},
         {"fox NOT secrets NOT closed", kStrangersFox},
-        {"fox -secrets -closed", kStrangersFox},
         {"+annual revenue", {"/docs/report/annual_report-2020.txt"}},
         {"\"lazy dog\"", {"/docs/fox.txt"}},
-        {"\"dog lazy\"", {}},
         {"annual OR needle", {"/docs/long.txt", "/docs/report/annual_report-2020.txt"}},
         {"repo*", {"/docs/report", "/docs/report/annual_report-2020.txt"}},
         {"ZARNMDExtension:gz", {"/docs/report/notes.txt.gz"}},
-        {"ZARNMDIsDir:y", {"/docs/closed", "/docs/logs", "/docs/report"}},
         {"ZARNMDParent:/docs/report", {"/docs/report/annual_report-2020.txt", "/docs/report/notes.txt.gz"}},
         {"ZARNMDFSSize:8..9 ZARNMDExtension:log", {"/docs/logs/file1.log", "/docs/logs/file10.log", "/docs/logs/file2.log", "/docs/logs/file20.log"}},
         {"hidden", {}},  // nothing under "@eaDir" is indexed
     };
     for (const auto &c : cases) {
         int64_t total = -1;
-        EXPECT_EQ(c.paths, Paths(Search(c.query), &total)) << c.query;
-        EXPECT_EQ(static_cast<int64_t>(c.paths.size()), total) << c.query;
+        EXPECT_EQ(c.second, Paths(Search(c.first), &total)) << c.first;
+        EXPECT_EQ(static_cast<int64_t>(c.second.size()), total) << c.first;
     }
 }
 
@@ -190,33 +174,23 @@ TEST_F(DaemonE2e, FailuresAreOneErrorPacket) {
     SetShareTable({{"docs", "/var/docs"}, {"bare", "/var/docs/report"}});  // "bare" was never indexed
     Start();
     const std::string search = R"({"command": "search", "data": {"indice": ["fileindex_docs"], "query_string": {"query": "fox")";
-    const std::string document = R"({"command": "document_get_by_internal_id", "data": {"id": "fileindex_docs", "doc_id": )";
-    const struct {
-        std::string request;
-        int code;
-    } cases[] = {
+    const std::pair<std::string, int> cases[] = {
         {R"({"command": "search", "data": {"indice": ["fileindex_nosuch"], "query_string": {"query": "fox"}}})", 404},
-        {R"({"command": "search", "data": {"indice": ["nosuch"], "query_string": {"query": "fox"}}})", 404},
         {R"({"command": "search", "data": {"indice": ["fileindex_bare"], "query_string": {"query": "fox"}}})", 404},
         {R"({"command": "search", "data": {"indice": ["fileindex_docs"], "query_string": {"query": "fox AND"}}})", 400},
         {R"({"command": "search", "data": {"indice": ["fileindex_docs"], "query_string": {"query": "ZARNMDFSSize:a..b"}}})", 400},
         {search + R"(}, "sorter": [{"field": "ZARNMDTextContent"}]}})", 400},
         {search + R"(}, "size": 10001}})", 400},
-        {search + R"(}, "filters": [{"name": "owner", "data": 1}]}})", 400},
-        {search + R"(}, "sorter": [{"field": "ZARNMDPath", "direction": "up"}]}})", 400},
         {search + R"(}, "highlight": [{"field": "ZARNMDTextContent", "frag_length": 0}]}})", 400},
-        {R"({"command": "search", "data": []})", 400},
-        {document + "0}}", 400},
-        {document + "9999}}", 404},
+        {R"({"command": "document_get_by_internal_id", "data": {"id": "fileindex_docs", "doc_id": 9999}})", 404},
         {"not json", 400},
-        {R"({"command": "erase", "data": {}})", 400},
         {std::string(70000, ' '), 400},  // above the daemon's request size cap
     };
     for (const auto &c : cases) {
-        const Replies replies = Ask(c.request);
-        ASSERT_EQ(1u, replies.size()) << c.request.substr(0, 200);
+        const Replies replies = Ask(c.first);
+        ASSERT_EQ(1u, replies.size()) << c.first.substr(0, 200);
         EXPECT_TRUE(replies[0]["success"] == false && replies[0]["error"]["message"].isString() &&
-                    replies[0]["error"]["code"] == c.code) << c.request.substr(0, 200) << zarn::json::ToString(replies[0]);
+                    replies[0]["error"]["code"] == c.second) << c.first.substr(0, 200) << zarn::json::ToString(replies[0]);
     }
     EXPECT_EQ(kFox, Paths(Search("fox")));
 }
@@ -228,24 +202,19 @@ TEST_F(DaemonE2e, PagesAndSortKeys) {
     ASSERT_TRUE(std::is_sorted(all.paths.begin(), all.paths.end()));
     Names paged;
     for (int page = 0; page < 6; ++page) {
-        const Page one = LibrarySearch("*", 0, CONNECTION_FLAG_NONE, kByPath, page, 3);
+        const Page one = LibrarySearch("*", 0, kByPath, page, 3);
         EXPECT_EQ(15, one.total);
         paged.insert(paged.end(), one.paths.begin(), one.paths.end());
     }
     EXPECT_EQ(all.paths, paged);
-    // The daemon's own default size, and an empty page that still counts.
+    // An empty page still counts.
     Json::Value request = Search("*");
-    request["data"].removeMember("size");
-    EXPECT_EQ(10u, Hits(request).size());
     request["data"]["size"] = 0;
     int64_t counted = -1;
     EXPECT_TRUE(Hits(request, &counted).empty());
     EXPECT_EQ(15, counted);
     const unsigned desc = SORTER_OPTION_DESC, natural = SORTER_OPTION_NATURE_SORT;
-    const struct {
-        std::vector<ZARNQuerySorter> keys;
-        std::string order;  // of the files logs/fileN.log
-    } sorts[] = {
+    const std::pair<std::vector<ZARNQuerySorter>, std::string> sorts[] = {  // the order of the files logs/fileN.log
         {{{0, "ZARNMDFSName"}}, "1 10 100 2 20 "},
         {{{natural, "ZARNMDFSName"}}, "1 2 10 20 100 "},
         {{{desc | natural, "ZARNMDFSName"}}, "100 20 10 2 1 "},
@@ -254,9 +223,9 @@ TEST_F(DaemonE2e, PagesAndSortKeys) {
     };
     for (const auto &c : sorts) {
         std::string order;
-        for (const std::string &path : LibrarySearch("ZARNMDExtension:log", 0, CONNECTION_FLAG_NONE, c.keys).paths)
+        for (const std::string &path : LibrarySearch("ZARNMDExtension:log", 0, c.first).paths)
             order += path.substr(15, path.size() - 19) + " ";
-        EXPECT_EQ(c.order, order) << c.keys[0].options << c.keys.size();
+        EXPECT_EQ(c.second, order) << c.first[0].options << c.first.size();
     }
 }
 
@@ -273,12 +242,6 @@ TEST_F(DaemonE2e, HighlightIsCutToTheFragmentLength) {
     Json::Value by_name = Search("ZARNMDFSName:long");
     by_name["data"]["highlight"][0]["field"] = "ZARNMDTextContent";
     EXPECT_FALSE(Hits(by_name).at(0).isMember("highlight"));
-    // Through the library: only when asked for, and within the record.
-    const Page page = LibrarySearch("needle", 0, CONNECTION_FLAG_HIGHLIGHT);
-    ASSERT_EQ(Names({"/docs/long.txt"}), page.paths);
-    EXPECT_EQ(0u, page.highlights[0].find("\xE2\x80\xA6<em>needle</em>\n\xC3\xA9t\xC3\xA9 line 31")) << page.highlights[0];
-    EXPECT_LT(page.highlights[0].size(), static_cast<size_t>(ZARN_RECORD_HIGHLIGHT_MAX));
-    EXPECT_EQ(Names({""}), LibrarySearch("needle").highlights);
 }
 
 TEST_F(DaemonE2e, HitsCarryExactlyTheRequestedFieldsTheyHave) {
@@ -304,41 +267,10 @@ TEST_F(DaemonE2e, PermissionFilterHidesWhatTheUserCannotRead) {
     EXPECT_EQ(kStrangersFox, fox.paths);
     EXPECT_EQ(2, fox.total);
     EXPECT_EQ(12, LibrarySearch("*", kStranger).total);
-    Names paths;
-    int code = 0;
-    const auto collect = [](const _tag_search_record *record, void *paths) {
-        static_cast<Names *>(paths)->push_back(record->path);
-        return true;
-    };
-    ASSERT_EQ(1, ZARNSearchQuerySend("docs", "fox", 10, 0, collect, &paths, "callback", kStranger, &code));
-    std::sort(paths.begin(), paths.end());
-    EXPECT_EQ(kStrangersFox, paths);
     // Taking the search bit from a folder hides what lies below it.
     chmod("/var/docs/report", 0754);
     ASSERT_EQ(0, Index().status);
     EXPECT_EQ(Names({"/docs/fox.txt"}), LibrarySearch("fox", kStranger).paths);
-}
-
-TEST_F(DaemonE2e, DocumentFieldsThroughTheLibrary) {
-    Start();
-    const int doc_id = Hits(Search("lazy")).at(0)["additional"]["doc_id"].asInt();
-    const char *names[] = {"ZARNMDPath", "ZARNMDFSSize", "ZARNMDIsDir", "ZARNMDFSContentChangeDate",
-                           "ZARNMDOwnerUserID", "ZARNMDTextContent", "ZARNMDTitle"};
-    ZARNQueryDocumentFieldValue values[7];
-    ASSERT_EQ(0, ZARNQueryDocumentFieldGet("docs", doc_id, names, 7, values));
-    struct stat st;
-    ASSERT_EQ(0, stat("/var/docs/fox.txt", &st));
-    Names shown;  // type:value
-    for (const auto &v : values)
-        shown.push_back(std::to_string(v.type) + ":" +
-                        (v.type == DOCUMENT_FIELD_TYPE_STRING ? v.value.string_value
-                         : v.type == DOCUMENT_FIELD_TYPE_BOOL ? std::to_string(v.value.bool_value)
-                                                              : std::to_string(v.value.int_value)));
-    EXPECT_EQ(Names({"4:/docs/fox.txt", "1:44", "3:0", "1:" + std::to_string(st.st_mtime), "4:" + std::to_string(st.st_uid),
-                     "4:The quick brown fox jumps over the lazy dog\n", "0:0"}),  // the title is not stored
-              shown);
-    EXPECT_EQ(ZARN_ERR_FORMAT, ZARNQueryDocumentFieldGet("docs", 9999, names, 7, values));
-    EXPECT_EQ(ZARN_ERR_FORMAT, ZARNQueryDocumentFieldGet("nosuchshare", doc_id, names, 7, values));
 }
 
 TEST_F(DaemonE2e, IncrementalRunTouchesOnlyWhatChanged) {
@@ -405,8 +337,7 @@ TEST_F(DaemonE2e, OneDaemonPerSocketAndAPeerOtherThanRootActsOnlyAsItself) {
     ASSERT_EQ(-1, Connect());
     Start("unshare --user --map-user=1000 --map-group=1000");
     struct stat st;
-    ASSERT_EQ(0, stat(kDaemonSocket, &st));
-    EXPECT_EQ(0666u, st.st_mode & 0777);
+    EXPECT_TRUE(stat(kDaemonSocket, &st) == 0 && (st.st_mode & 0777) == 0666);
     const Replies refused = Ask(zarn::json::ToString(Search("fox", 0)));
     EXPECT_TRUE(refused.size() == 1 && refused[0]["error"]["code"] == 403) << zarn::json::ToString(refused[0]);
     EXPECT_NE(std::string::npos, Log().find("refused peer uid 1000")) << Log();
@@ -415,41 +346,22 @@ TEST_F(DaemonE2e, OneDaemonPerSocketAndAPeerOtherThanRootActsOnlyAsItself) {
     Json::Value unfiltered = Search("fox");
     unfiltered["data"].removeMember("filters");
     EXPECT_EQ(kStrangersFox, Paths(unfiltered));
-    // Documents: only those that uid 1000 may read.
-    ZARNQueryDocumentFieldValue value;
-    const char *name = "ZARNMDPath";
-    EXPECT_EQ(ZARN_ERR_FORMAT, ZARNQueryDocumentFieldGet("docs", secret, &name, 1, &value));
-    const int open = Hits(Search("lazy", 1000)).at(0)["additional"]["doc_id"].asInt();
-    EXPECT_EQ(0, ZARNQueryDocumentFieldGet("docs", open, &name, 1, &value));
-    EXPECT_STREQ("/docs/fox.txt", value.value.string_value);
+    // Documents through the library: only those that uid 1000 may read.
+    const int doc_id = Hits(Search("lazy", 1000)).at(0)["additional"]["doc_id"].asInt();
+    const char *names[] = {"ZARNMDPath", "ZARNMDFSSize", "ZARNMDIsDir", "ZARNMDTextContent", "ZARNMDTitle"};
+    ZARNQueryDocumentFieldValue values[5];
+    ASSERT_EQ(0, ZARNQueryDocumentFieldGet("docs", doc_id, names, 5, values));
+    Names shown;  // type:value
+    for (const auto &v : values)
+        shown.push_back(std::to_string(v.type) + ":" +
+                        (v.type == DOCUMENT_FIELD_TYPE_STRING ? v.value.string_value
+                         : v.type == DOCUMENT_FIELD_TYPE_BOOL ? std::to_string(v.value.bool_value)
+                                                              : std::to_string(v.value.int_value)));
+    // The title is not stored.
+    EXPECT_EQ(Names({"4:/docs/fox.txt", "1:44", "3:0", "4:The quick brown fox jumps over the lazy dog\n", "0:0"}), shown);
+    for (const int id : {secret, 9999}) EXPECT_EQ(ZARN_ERR_FORMAT, ZARNQueryDocumentFieldGet("docs", id, names, 1, values));
+    EXPECT_EQ(ZARN_ERR_FORMAT, ZARNQueryDocumentFieldGet("nosuchshare", doc_id, names, 1, values));
     Stop(SIGINT);
-}
-
-// zarnsearch, the library and the real daemon together: exit status, a
-// pattern for all of standard output and one for a part of standard error.
-class ZarnsearchDaemonTest : public DaemonE2e {};
-
-TEST_F(ZarnsearchDaemonTest, SearchCountAndARefusal) {
-    Start();
-    const struct {
-        std::vector<std::string> args;
-        int status;
-        const char *out, *err;
-    } cases[] = {
-        {{"search", "docs", "needle", "--highlight"}, 0,
-         "total: 1, shown: 1\nDOC ID  TYPE  NAME      PATH\n +[0-9]+  txt   long.txt  /docs/long.txt\n"
-         "        \xE2\x80\xA6needle \xC3\xA9t\xC3\xA9 line 31 \xC3\xA9t\xC3\xA9 line 32.*\n", ""},
-        {{"count", "docs", "fox", "--uid", std::to_string(kStranger)}, 0, "2\n", ""},
-        // An error reply where the total belongs, then the end.
-        {{"search", "docs", "fox", "--sort", "ZARNMDTextContent"}, 3, "total: 0, shown: 0\n",
-         "search: reading the hits failed: -7 ZARN_ERR_READ .*\n.*: it refused the request"},
-    };
-    for (const auto &c : cases) {
-        const Result result = Zarnsearch(c.args);
-        EXPECT_EQ(c.status, result.status) << testing::PrintToString(c.args) << result.err;
-        EXPECT_TRUE(std::regex_match(result.out, std::regex(c.out))) << testing::PrintToString(c.args) << result.out;
-        EXPECT_TRUE(std::regex_search(result.err, std::regex(c.err))) << testing::PrintToString(c.args) << result.err;
-    }
 }
 
 }  // namespace
