@@ -7,7 +7,6 @@
 #include <sys/mount.h>
 
 #include <fstream>
-#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -25,9 +24,7 @@ inline Result Shell(const std::string &command) {
     char buffer[4096];
     for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) result.out.append(buffer, n);
     result.status = WEXITSTATUS(pclose(pipe));
-    std::ostringstream err;
-    err << std::ifstream("/var/run.err").rdbuf();
-    result.err = err.str();
+    std::getline(std::ifstream("/var/run.err"), result.err, '\0');
     return result;
 }
 
