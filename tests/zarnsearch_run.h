@@ -1,6 +1,6 @@
 // Runs a program through the shell, zarnsearch above all, and collects its
-// exit status and output; for the tests of the command-line client and the
-// daemon.
+// exit status and output; for the tests of the command-line client and of
+// the daemon.
 #ifndef ZARNSEARCH_RUN_H
 #define ZARNSEARCH_RUN_H
 

@@ -1,6 +1,5 @@
 // The real daemon and indexer on a small generated share inside the sandbox,
-// driven through raw protocol packets, the library's public functions and
-// zarnsearch.
+// driven through raw protocol packets and the library's public functions.
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
