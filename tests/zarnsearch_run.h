@@ -1,98 +1,42 @@
-// Runs zarnsearch as a program and collects its exit status and output; for
-// the tests of the command-line client.
+// Runs a program through the shell, zarnsearch above all, and collects its
+// exit status and output; for the tests of the command-line client and of
+// the daemon.
 #ifndef ZARNSEARCH_RUN_H
 #define ZARNSEARCH_RUN_H
 
-#include <fcntl.h>
-#include <poll.h>
-#include <spawn.h>
-#include <stdlib.h>
 #include <sys/mount.h>
-#include <sys/wait.h>
-#include <termios.h>
-#include <unistd.h>
 
-#include <sstream>
-#include <string>
-#include <vector>
+#include <fstream>
 
 #include <gtest/gtest.h>
-
-extern char **environ;
 
 namespace zarntest {
 
 struct Result {
-    int status = -1;
+    int status = -1;  // 128 + N for a death by signal N, as the shell says
     std::string out, err;
 };
 
-// Runs zarnsearch with `args`; its stdout is a pipe, or a terminal when
-// `terminal`.  ZARN_TEST_WRAPPER (valgrind) is put in front, as for tests.
-inline Result Zarnsearch(const std::vector<std::string> &args, bool terminal = false) {
-    std::vector<std::string> words;
-    std::istringstream wrapper(getenv("ZARN_TEST_WRAPPER") ? getenv("ZARN_TEST_WRAPPER") : "");
-    for (std::string word; wrapper >> word;) words.push_back(word);
-    words.push_back(ZARNSEARCH_PATH);
-    words.insert(words.end(), args.begin(), args.end());
-    std::vector<char *> argv;
-    for (std::string &word : words) argv.push_back(&word[0]);
-    argv.push_back(nullptr);
-
-    int out[2], err[2];
-    EXPECT_EQ(0, pipe2(err, O_CLOEXEC));
-    if (terminal) {
-        out[0] = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-        EXPECT_TRUE(out[0] >= 0 && grantpt(out[0]) == 0 && unlockpt(out[0]) == 0);
-        out[1] = open(ptsname(out[0]), O_RDWR | O_NOCTTY | O_CLOEXEC);
-        termios raw;
-        tcgetattr(out[1], &raw);
-        cfmakeraw(&raw);  // no "\r\n" for "\n"
-        tcsetattr(out[1], TCSANOW, &raw);
-    } else {
-        EXPECT_EQ(0, pipe2(out, O_CLOEXEC));
-    }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-    pid_t pid = -1;
-    EXPECT_EQ(0, posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ));
-    posix_spawn_file_actions_destroy(&actions);
-    close(out[1]);
-    close(err[1]);
-
+// Runs `command` through the shell; standard error goes to a file.
+inline Result Shell(const std::string &command) {
+    FILE *pipe = popen((command + " 2>/var/run.err; exit $?").c_str(), "r");
     Result result;
-    pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-    std::string *texts[2] = {&result.out, &result.err};
-    for (int open_fds = 2; open_fds > 0 && poll(fds, 2, 30000) > 0;) {
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-            char buffer[4096];
-            const ssize_t got = read(fds[i].fd, buffer, sizeof buffer);
-            if (got > 0) {
-                texts[i]->append(buffer, got);
-            } else {  // end of the pipe; EIO once the terminal's last user left
-                close(fds[i].fd);
-                fds[i].fd = -1;
-                --open_fds;
-            }
-        }
-    }
-    for (pollfd &fd : fds)
-        if (fd.fd >= 0) close(fd.fd);
-    int status = 0;
-    EXPECT_EQ(pid, waitpid(pid, &status, 0));
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    char buffer[4096];
+    for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) result.out.append(buffer, n);
+    result.status = WEXITSTATUS(pclose(pipe));
+    std::getline(std::ifstream("/var/run.err"), result.err, '\0');
     return result;
 }
 
-// zarnsearch and the daemon log through the syslog socket, if there is one:
-// inside the sandbox, point it at /dev/null.
-inline void QuietMachineLog() {
-    if (access("/dev/log", F_OK) == 0) {
-        ASSERT_EQ(0, mount("/dev/null", "/dev/log", nullptr, MS_BIND, nullptr));
-    }
+// zarnsearch with `args` (none holds a quote), behind ZARN_TEST_WRAPPER
+// (valgrind) as for tests.  It logs through the syslog socket, if there is
+// one: inside the sandbox that leads nowhere.
+inline Result Zarnsearch(const std::vector<std::string> &args) {
+    static const bool quiet = access("/dev/log", F_OK) != 0 || mount("/dev/null", "/dev/log", nullptr, MS_BIND, nullptr) == 0;
+    EXPECT_TRUE(quiet);
+    std::string command = "$ZARN_TEST_WRAPPER " ZARNSEARCH_PATH;
+    for (const std::string &arg : args) command += " '" + arg + "'";
+    return Shell(command);
 }
 
 }  // namespace zarntest

@@ -1,360 +1,352 @@
-// The real daemon and indexer driven through raw protocol packets, and the
-// document lookup through the library.
+// The real daemon and indexer on a small generated share inside the sandbox,
+// driven through raw protocol packets and the library's public functions.
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <sys/un.h>
 
 #include <atomic>
-#include <thread>
 
-#include <gtest/gtest.h>
-
-#include "daemon_fixture.h"
-#include "utf8.h"
+#include "harness.h"
+#include "json_text.h"
 #include "zarncontentsearchutils.h"
+#include "zarnplatform.h"
+#include "zarnsearch_run.h"
 
 namespace {
 
-using namespace zarnd_test;
+using namespace zarntest;
+using Names = std::vector<std::string>;
+using Replies = std::vector<Json::Value>;
+constexpr unsigned kStranger = 54321;  // a uid that the user database does not know
+const Names kFox = {"/docs/closed/inner.txt", "/docs/fox.txt", "/docs/private.txt", "/docs/report/notes.txt.gz"};
+const Names kStrangersFox = {"/docs/fox.txt", "/docs/report/notes.txt.gz"};
+const std::vector<ZARNQuerySorter> kByPath = {{0, "ZARNMDPath"}};
 
-class DaemonE2e : public DaemonFixture {};
+// A connection to the daemon's socket; -1 when nobody answers there.
+int Connect() {
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address = {AF_UNIX, "/var/run/zarnelasticd.sock"};  // kDaemonSocket
+    if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) return fd;
+    close(fd);
+    return -1;
+}
 
-// ---- the cases ------------------------------------------------------------
+// Every reply packet of one request sent as the packet `text_sent`.
+Replies Ask(const std::string &text_sent) {
+    const int fd = Connect();
+    zarndaemon::io::PacketWrite(fd, text_sent);  // a refused request may be cut off mid-write
+    Replies replies(1);
+    for (std::string text; zarndaemon::io::PacketRead(fd, text); replies.emplace_back())
+        EXPECT_TRUE(zarn::json::FromString(text, &replies.back())) << text;
+    close(fd);
+    replies.pop_back();
+    return replies;
+}
+
+Json::Value Search(const std::string &query, unsigned uid = 0) {
+    Json::Value request;
+    zarn::json::FromString(R"({"command": "search", "data": {"indice": ["fileindex_docs"], "size": 100, "collector": {"agent": "e2e", "uid": )" +
+                           std::to_string(uid) + R"(}, "filters": [{"name": "permission", "data": )" + std::to_string(uid) + "}]}}", &request);
+    request["data"]["query_string"]["query"] = query;
+    return request;
+}
+
+// The hits of a search, checked for the stream's shape: header, hits, end.
+Replies Hits(const Json::Value &request, int64_t *total = nullptr) {
+    const Replies replies = Ask(zarn::json::ToString(request));
+    if (replies.size() < 2 || !replies[0].isMember("total") || replies.back()["success"] != true) {
+        ADD_FAILURE() << "not a search reply: " << (replies.empty() ? "" : zarn::json::ToString(replies[0]));
+        return {};
+    }
+    if (total != nullptr) *total = replies[0]["total"].asInt64();
+    return Replies(replies.begin() + 1, replies.end() - 1);
+}
+
+Names Paths(const Json::Value &request, int64_t *total = nullptr) {  // sorted
+    Names names;
+    for (const Json::Value &hit : Hits(request, total)) names.push_back(hit["ZARNMDPath"].asString());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// A search through the library's streaming functions.
+struct Page {
+    int total;
+    Names paths;
+};
+Page LibrarySearch(const char *query, unsigned uid = 0, std::vector<ZARNQuerySorter> sorters = kByPath, int page = 0,
+                   int size = 100) {
+    ZARNQueryHandle *handle = nullptr;
+    EXPECT_EQ(ZARN_OK, ZARNQueryConnectionInit(&handle));
+    EXPECT_EQ(ZARN_OK, ZARNQueryConnectionOpen(handle, "docs", query, sorters.data(), static_cast<int>(sorters.size()),
+                                               page, size, "library test", uid, CONNECTION_FLAG_NONE));
+    Page result{ZARNQueryCount(handle), {}};
+    int code;  // the end leaves the record untouched
+    for (_tag_search_record *record = nullptr; (code = ZARNQueryGetNextRecord(handle, &record)) == ZARN_OK && record;
+         record = nullptr) {
+        result.paths.push_back(record->path);
+        EXPECT_GT(record->doc_id, 0);
+        ZARNQueryFreeRecord(record);
+    }
+    EXPECT_EQ(ZARN_OK, code);
+    ZARNQueryConnectionClose(handle);
+    return result;
+}
+
+class DaemonE2e : public ::testing::Test {
+protected:
+    // 12 files and 3 folders to index; "@eaDir", the platform's own, is left out.
+    void SetUp() override {
+        ASSERT_EQ(0, Shell(R"sh(umask 022 && mkdir /var/docs && cd /var/docs && mkdir report logs closed @eaDir &&
+            chmod 750 closed && echo 'The quick brown fox jumps over the lazy dog' > fox.txt && echo 'fox secrets' > private.txt &&
+            chmod 600 private.txt && echo 'fox inside the closed folder' > closed/inner.txt && cd report &&
+            echo 'annual report: revenue grew' > annual_report-2020.txt && echo 'gzipped fox notes' | gzip > notes.txt.gz && cd .. &&
+            for n in 1 2 10 20 100; do echo "entry $n" > logs/file$n.log; done &&
+            for i in $(seq 0 59); do printf '\303\251t\303\251 line %d%s\n' $i "$([ $i = 30 ] && echo ' needle')"; done > long.txt &&
+            printf '\177ELF\0\0\1fox' > bin.dat && echo "fox in the platform's own folder" > @eaDir/hidden-fox.txt)sh").status);
+        SetShareTable({{"docs", "/var/docs"}});
+        WriteFile(kFolderConfig, R"([{"path": "/docs"}])");
+        ASSERT_EQ(0, Index().status);
+    }
+    void TearDown() override { if (daemon_ > 0) Stop(); }
+    static Result Index() { return Shell(ZARNELASTICD " index"); }
+    static std::string Log() { return Shell("cat /var/daemon.log").out; }
+
+    // The daemon in the foreground; `wrapper` runs it through another program.
+    void Start(const std::string &wrapper = "", const std::string &options = "") {
+        daemon_ = fork();
+        if (daemon_ == 0) {
+            const std::string command = "exec " + wrapper + " " ZARNELASTICD " --foreground " + options + " 2>>/var/daemon.log";
+            execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+            _exit(127);
+        }
+        int fd = -1;
+        for (int i = 0; i < 500 && (fd = Connect()) < 0; ++i) usleep(10000);
+        ASSERT_GE(fd, 0) << Log();
+        close(fd);
+    }
+
+    // SIGTERM or SIGINT stops the daemon cleanly and takes its socket away.
+    void Stop(int signal_number = SIGTERM) {
+        kill(daemon_, signal_number);
+        int status = 0;
+        EXPECT_EQ(daemon_, waitpid(daemon_, &status, 0));
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << "\n" << Log();
+        EXPECT_NE(0, access(kDaemonSocket, F_OK)) << "socket left behind";
+        daemon_ = -1;
+    }
+
+    pid_t daemon_ = -1;
+};
 
 TEST_F(DaemonE2e, QuerySyntax) {
     Start();
-    const struct {
-        const char *query;
-        Names paths;
-    } cases[] = {
-        {"fox", {"/docs/closed/inner.txt", "/docs/fox.txt", "/docs/private.txt", "/docs/report/notes.txt.gz"}},
+    const std::pair<const char *, Names> cases[] = {
+        {"fox", kFox},
         {"FOX AND closed", {"/docs/closed/inner.txt"}},
-        {"fox NOT secrets NOT closed", {"/docs/fox.txt", "/docs/report/notes.txt.gz"}},
-        {"fox -secrets -closed", {"/docs/fox.txt", "/docs/report/notes.txt.gz"}},
+        {"fox NOT secrets NOT closed", kStrangersFox},
         {"+annual revenue", {"/docs/report/annual_report-2020.txt"}},
         {"\"lazy dog\"", {"/docs/fox.txt"}},
-        {"\"dog lazy\"", {}},
         {"annual OR needle", {"/docs/long.txt", "/docs/report/annual_report-2020.txt"}},
         {"repo*", {"/docs/report", "/docs/report/annual_report-2020.txt"}},
         {"ZARNMDExtension:gz", {"/docs/report/notes.txt.gz"}},
-        {"ZARNMDTextContent:report", {"/docs/report/annual_report-2020.txt"}},
-        {"ZARNMDFSName:closed", {"/docs/closed"}},
-        {"ZARNMDIsDir:y", {"/docs/closed", "/docs/logs", "/docs/report"}},
         {"ZARNMDParent:/docs/report", {"/docs/report/annual_report-2020.txt", "/docs/report/notes.txt.gz"}},
-        {"ZARNMDFSSize:8..9 ZARNMDExtension:log",
-         {"/docs/logs/file1.log", "/docs/logs/file10.log", "/docs/logs/file2.log", "/docs/logs/file20.log"}},
+        {"ZARNMDFSSize:8..9 ZARNMDExtension:log", {"/docs/logs/file1.log", "/docs/logs/file10.log", "/docs/logs/file2.log", "/docs/logs/file20.log"}},
         {"hidden", {}},  // nothing under "@eaDir" is indexed
     };
     for (const auto &c : cases) {
         int64_t total = -1;
-        const Names paths = Sorted(Field(Hits(Ask(SearchRequest(c.query)), &total)));
-        EXPECT_EQ(c.paths, paths) << c.query;
-        EXPECT_EQ(static_cast<int64_t>(c.paths.size()), total) << c.query;
+        EXPECT_EQ(c.second, Paths(Search(c.first), &total)) << c.first;
+        EXPECT_EQ(static_cast<int64_t>(c.second.size()), total) << c.first;
     }
 }
 
+// Whatever fails, the reply is one packet with the code, and the daemon
+// serves on.
 TEST_F(DaemonE2e, FailuresAreOneErrorPacket) {
-    // "bare" is a share that was never indexed.
-    zarntest::SetShareTable({{"docs", root_}, {"bare", root_ + "/report"}});
+    SetShareTable({{"docs", "/var/docs"}, {"bare", "/var/docs/report"}});  // "bare" was never indexed
     Start();
-    const auto search = [](const char *index, const char *query) {
-        Json::Value request = SearchRequest(query);
-        request["data"]["indice"][0] = index;
-        return zarn::json::ToString(request);
-    };
-    const struct {
-        std::string request;
-        int code;
-    } cases[] = {
-        {search("fileindex_nosuch", "fox"), 404},
-        {search("nosuch", "fox"), 404},
-        {search("fileindex_bare", "fox"), 404},
-        {search("fileindex_docs", "fox AND"), 400},
-        {search("fileindex_docs", "ZARNMDFSSize:big..huge"), 400},
+    const std::string search = R"({"command": "search", "data": {"indice": ["fileindex_docs"], "query_string": {"query": "fox")";
+    const std::pair<std::string, int> cases[] = {
+        {R"({"command": "search", "data": {"indice": ["fileindex_nosuch"], "query_string": {"query": "fox"}}})", 404},
+        {R"({"command": "search", "data": {"indice": ["fileindex_bare"], "query_string": {"query": "fox"}}})", 404},
+        {R"({"command": "search", "data": {"indice": ["fileindex_docs"], "query_string": {"query": "fox AND"}}})", 400},
+        {R"({"command": "search", "data": {"indice": ["fileindex_docs"], "query_string": {"query": "ZARNMDFSSize:a..b"}}})", 400},
+        {search + R"(}, "sorter": [{"field": "ZARNMDTextContent"}]}})", 400},
+        {search + R"(}, "size": 10001}})", 400},
+        {search + R"(}, "highlight": [{"field": "ZARNMDTextContent", "frag_length": 0}]}})", 400},
+        {R"({"command": "document_get_by_internal_id", "data": {"id": "fileindex_docs", "doc_id": 9999}})", 404},
         {"not json", 400},
-        {"[1]", 400},
-        {R"({"command": "erase", "data": {}})", 400},
-        {R"({"command": "search", "data": []})", 400},
         {std::string(70000, ' '), 400},  // above the daemon's request size cap
     };
     for (const auto &c : cases) {
-        const std::vector<Json::Value> replies = AskText(c.request);
-        ASSERT_EQ(1u, replies.size()) << c.request.substr(0, 200);
-        EXPECT_EQ(Json::Value(false), replies[0]["success"]) << c.request.substr(0, 200);
-        EXPECT_EQ(c.code, replies[0]["error"]["code"].asInt()) << c.request.substr(0, 200);
-        EXPECT_TRUE(replies[0]["error"]["message"].isString());
+        const Replies replies = Ask(c.first);
+        ASSERT_EQ(1u, replies.size()) << c.first.substr(0, 200);
+        EXPECT_TRUE(replies[0]["success"] == false && replies[0]["error"]["message"].isString() &&
+                    replies[0]["error"]["code"] == c.second) << c.first.substr(0, 200) << zarn::json::ToString(replies[0]);
     }
-    EXPECT_EQ(4u, Hits(Ask(SearchRequest("fox"))).size());
+    EXPECT_EQ(kFox, Paths(Search("fox")));
 }
 
-TEST_F(DaemonE2e, PagingKeepsTheTotalAndCoversEveryHit) {
+TEST_F(DaemonE2e, PagesAndSortKeys) {
     Start();
-    Json::Value request = SearchRequest("*");
-    request["data"]["sorter"][0]["field"] = "ZARNMDPath";
-    int64_t total = 0;
-    const Names all = Field(Hits(Ask(request), &total));
-    ASSERT_EQ(15, total);  // 12 files and 3 folders below the share, "@eaDir" left out
-    ASSERT_EQ(Sorted(all), all);
+    const Page all = LibrarySearch("*");
+    ASSERT_EQ(15, all.total);
     Names paged;
-    for (int from = 0; from < 20; from += 3) {
-        request["data"]["from"] = from;
-        request["data"]["size"] = 3;
-        int64_t page_total = -1;
-        const Names page = Field(Hits(Ask(request), &page_total));
-        EXPECT_EQ(total, page_total);
-        EXPECT_EQ(static_cast<size_t>(std::max<int64_t>(0, std::min<int64_t>(3, total - from))), page.size());
-        paged.insert(paged.end(), page.begin(), page.end());
+    for (int page = 0; page < 6; ++page) {
+        const Page one = LibrarySearch("*", 0, kByPath, page, 3);
+        EXPECT_EQ(15, one.total);
+        paged.insert(paged.end(), one.paths.begin(), one.paths.end());
     }
-    EXPECT_EQ(all, paged);
-    // An empty page still counts every hit.
+    EXPECT_EQ(all.paths, paged);
+    // An empty page still counts.
+    Json::Value request = Search("*");
     request["data"]["size"] = 0;
     int64_t counted = -1;
-    EXPECT_TRUE(Hits(Ask(request), &counted).empty());
-    EXPECT_EQ(total, counted);
-}
-
-TEST_F(DaemonE2e, SortKeysInTheirDirections) {
-    Start();
-    const struct {
-        std::vector<std::tuple<const char *, const char *, bool>> keys;
-        Names names;
-    } cases[] = {
-        {{{"ZARNMDFSName", "asc", false}}, {"file1.log", "file10.log", "file100.log", "file2.log", "file20.log"}},
-        {{{"ZARNMDFSName", "asc", true}}, {"file1.log", "file2.log", "file10.log", "file20.log", "file100.log"}},
-        {{{"ZARNMDFSName", "desc", true}}, {"file100.log", "file20.log", "file10.log", "file2.log", "file1.log"}},
-        {{{"ZARNMDFSSize", "desc", false}, {"ZARNMDFSName", "asc", true}},
-         {"file100.log", "file10.log", "file20.log", "file1.log", "file2.log"}},
-        {{{"ZARNMDFSSize", "asc", false}, {"ZARNMDPath", "desc", false}},
-         {"file2.log", "file1.log", "file20.log", "file10.log", "file100.log"}},
+    EXPECT_TRUE(Hits(request, &counted).empty());
+    EXPECT_EQ(15, counted);
+    const unsigned desc = SORTER_OPTION_DESC, natural = SORTER_OPTION_NATURE_SORT;
+    const std::pair<std::vector<ZARNQuerySorter>, std::string> sorts[] = {  // the order of the files logs/fileN.log
+        {{{0, "ZARNMDFSName"}}, "1 10 100 2 20 "},
+        {{{natural, "ZARNMDFSName"}}, "1 2 10 20 100 "},
+        {{{desc | natural, "ZARNMDFSName"}}, "100 20 10 2 1 "},
+        {{{desc, "ZARNMDFSSize"}, {natural, "ZARNMDFSName"}}, "100 10 20 1 2 "},
+        {{{0, "ZARNMDFSSize"}, {desc, "ZARNMDPath"}}, "2 1 20 10 100 "},
     };
-    for (const auto &c : cases) {
-        Json::Value request = SearchRequest("ZARNMDExtension:log");
-        for (const auto &key : c.keys) {
-            Json::Value entry;
-            entry["field"] = std::get<0>(key);
-            entry["direction"] = std::get<1>(key);
-            if (std::get<2>(key)) entry["nature_sort"] = true;
-            request["data"]["sorter"].append(entry);
-        }
-        EXPECT_EQ(c.names, Field(Hits(Ask(request)), "ZARNMDFSName")) << zarn::json::ToString(request["data"]["sorter"]);
+    for (const auto &c : sorts) {
+        std::string order;
+        for (const std::string &path : LibrarySearch("ZARNMDExtension:log", 0, c.first).paths)
+            order += path.substr(15, path.size() - 19) + " ";
+        EXPECT_EQ(c.second, order) << c.first[0].options << c.first.size();
     }
-    Json::Value bad = SearchRequest("*");
-    bad["data"]["sorter"][0]["field"] = "ZARNMDTextContent";
-    const std::vector<Json::Value> refused = Ask(bad);
-    ASSERT_EQ(1u, refused.size());
-    EXPECT_EQ(Json::Value(false), refused[0]["success"]);
-    EXPECT_EQ(400, refused[0]["error"]["code"].asInt());
 }
 
-TEST_F(DaemonE2e, HighlightIsCutToTheFragmentLength) {
+TEST_F(DaemonE2e, HitsCarryTheRequestedFieldsAndHighlightsCut) {
     Start();
-    for (int frag_length : {350, 40, 21}) {
-        Json::Value request = SearchRequest("needle");
-        request["data"]["highlight"][0]["field"] = "ZARNMDTextContent";
-        request["data"]["highlight"][0]["frag_length"] = frag_length;
-        const std::vector<Json::Value> hits = Hits(Ask(request));
-        ASSERT_EQ(1u, hits.size());
-        const std::string fragment = hits[0]["highlight"]["ZARNMDTextContent"].asString();
-        EXPECT_LT(fragment.size(), static_cast<size_t>(frag_length)) << fragment;
-        EXPECT_NE(std::string::npos, fragment.find("<em>needle</em>")) << fragment;
-        EXPECT_EQ(fragment, zarnd::RepairUtf8(fragment.data(), fragment.size())) << "not valid UTF-8: " << fragment;
-    }
-    // Without a highlight request, or without a match in the text: none.
-    EXPECT_FALSE(Hits(Ask(SearchRequest("needle")))[0].isMember("highlight"));
-    Json::Value by_name = SearchRequest("ZARNMDFSName:long");
-    by_name["data"]["highlight"][0]["field"] = "ZARNMDTextContent";
-    EXPECT_FALSE(Hits(Ask(by_name))[0].isMember("highlight"));
-}
-
-TEST_F(DaemonE2e, HitsCarryExactlyTheRequestedFieldsTheyHave) {
-    Start();
-    Json::Value request = SearchRequest("ZARNMDPath:report");
-    request["data"]["fields"] = Json::Value(Json::arrayValue);
-    for (const char *field : {"ZARNMDFSSize", "ZARNMDTextContent", "ZARNMDIsDir", "NoSuchField"})
+    Json::Value request = Search("ZARNMDPath:report");
+    for (const char *field : {"ZARNMDTextContent", "ZARNMDIsDir", "NoSuchField"})
         request["data"]["fields"].append(field);
     request["data"]["sorter"][0]["field"] = "ZARNMDPath";
-    const std::vector<Json::Value> hits = Hits(Ask(request));
-    ASSERT_EQ(3u, hits.size());
-    const Names dir_members = {"ZARNMDFSSize", "ZARNMDIsDir", "additional"};
-    const Names file_members = {"ZARNMDFSSize", "ZARNMDIsDir", "ZARNMDTextContent", "additional"};
-    EXPECT_EQ(dir_members, Sorted(hits[0].getMemberNames()));  // the folder has no text
-    EXPECT_EQ(file_members, Sorted(hits[1].getMemberNames()));
-    EXPECT_EQ("annual report: revenue grew\n", hits[1]["ZARNMDTextContent"].asString());
-    EXPECT_EQ("gzipped fox notes\n", hits[2]["ZARNMDTextContent"].asString());
-    EXPECT_TRUE(hits[1]["ZARNMDFSSize"].isInt());
-    EXPECT_TRUE(hits[1]["additional"]["doc_id"].isInt());
+    std::string shown;
+    for (Json::Value hit : Hits(request)) {
+        hit.removeMember("additional");  // the doc_id
+        shown += zarn::json::ToString(hit) + "\n";
+    }
+    EXPECT_EQ(R"({"ZARNMDIsDir":"y"})" "\n" R"({"ZARNMDIsDir":"n","ZARNMDTextContent":"annual report: revenue grew\n"})" "\n"
+              R"({"ZARNMDIsDir":"n","ZARNMDTextContent":"gzipped fox notes\n"})" "\n", shown);
+    // Highlights cut to the fragment length; none without a match in the text.
+    for (const auto &c : {std::make_pair(40, "\xE2\x80\xA6<em>needle</em>\n\xC3\xA9t\xC3\xA9 line 31\n\xC3\xA9t\xC3\xA9 "),
+                          std::make_pair(21, "\xE2\x80\xA6<em>needle</em>\n")}) {
+        Json::Value cut = Search("needle");
+        cut["data"]["highlight"][0]["field"] = "ZARNMDTextContent";
+        cut["data"]["highlight"][0]["frag_length"] = c.first;
+        EXPECT_EQ(c.second, Hits(cut).at(0)["highlight"]["ZARNMDTextContent"].asString());
+    }
+    Json::Value by_name = Search("ZARNMDFSName:long");
+    by_name["data"]["highlight"][0]["field"] = "ZARNMDTextContent";
+    EXPECT_FALSE(Hits(by_name).at(0).isMember("highlight"));
 }
 
 TEST_F(DaemonE2e, PermissionFilterHidesWhatTheUserCannotRead) {
     Start();
-    int64_t total = -1;
-    EXPECT_EQ(Names({"/docs/fox.txt", "/docs/report/notes.txt.gz"}),
-              Sorted(Field(Hits(Ask(SearchRequest("fox", kStranger)), &total))));
-    EXPECT_EQ(2, total);
-    // private.txt (0600), the closed folder (0750) and what it holds are gone
-    // from the count too.
-    Hits(Ask(SearchRequest("*", kStranger)), &total);
-    EXPECT_EQ(12, total);
+    // private.txt (0600), the closed folder (0750) and what it holds are
+    // gone, from the count too.
+    const Page fox = LibrarySearch("fox", kStranger);
+    EXPECT_EQ(kStrangersFox, fox.paths);
+    EXPECT_EQ(2, fox.total);
+    EXPECT_EQ(12, LibrarySearch("*", kStranger).total);
     // Taking the search bit from a folder hides what lies below it.
-    chmod((root_ + "/report").c_str(), 0754);
-    ASSERT_EQ(0, Index());
-    EXPECT_EQ(Names({"/docs/fox.txt"}), Field(Hits(Ask(SearchRequest("fox", kStranger)))));
-}
-
-TEST_F(DaemonE2e, DocumentFieldsThroughTheLibrary) {
-    Start();
-    const std::vector<Json::Value> hits = Hits(Ask(SearchRequest("lazy")));
-    ASSERT_EQ(1u, hits.size());
-    const int doc_id = hits[0]["additional"]["doc_id"].asInt();
-    const char *names[] = {"ZARNMDPath", "ZARNMDFSSize", "ZARNMDIsDir", "ZARNMDFSContentChangeDate",
-                           "ZARNMDOwnerUserID", "ZARNMDTextContent", "ZARNMDTitle"};
-    ZARNQueryDocumentFieldValue values[7];
-    ASSERT_EQ(0, ZARNQueryDocumentFieldGet("docs", doc_id, names, 7, values));
-    struct stat st;
-    ASSERT_EQ(0, stat((root_ + "/fox.txt").c_str(), &st));
-    EXPECT_EQ(DOCUMENT_FIELD_TYPE_STRING, values[0].type);
-    EXPECT_STREQ("/docs/fox.txt", values[0].value.string_value);
-    EXPECT_EQ(DOCUMENT_FIELD_TYPE_INT, values[1].type);
-    EXPECT_EQ(44, values[1].value.int_value);
-    EXPECT_EQ(DOCUMENT_FIELD_TYPE_BOOL, values[2].type);
-    EXPECT_FALSE(values[2].value.bool_value);
-    EXPECT_EQ(DOCUMENT_FIELD_TYPE_INT, values[3].type);
-    EXPECT_EQ(st.st_mtime, values[3].value.int_value);
-    EXPECT_STREQ(std::to_string(st.st_uid).c_str(), values[4].value.string_value);
-    EXPECT_STREQ("The quick brown fox jumps over the lazy dog\n", values[5].value.string_value);
-    EXPECT_EQ(0, static_cast<int>(values[6].type));  // not stored
-    // An id that names no document: the daemon's failure reply.
-    EXPECT_EQ(ZARN_ERR_FORMAT, ZARNQueryDocumentFieldGet("docs", 9999, names, 7, values));
-    EXPECT_EQ(ZARN_ERR_FORMAT, ZARNQueryDocumentFieldGet("nosuchshare", doc_id, names, 7, values));
+    chmod("/var/docs/report", 0754);
+    ASSERT_EQ(0, Index().status);
+    EXPECT_EQ(Names({"/docs/fox.txt"}), LibrarySearch("fox", kStranger).paths);
 }
 
 TEST_F(DaemonE2e, IncrementalRunTouchesOnlyWhatChanged) {
-    std::string summary;
-    ASSERT_EQ(0, Index(&summary));
-    EXPECT_EQ(0u, summary.find("docs: 0 added, 0 updated, 0 removed, 15 unchanged")) << summary;
+    EXPECT_EQ(0u, Index().out.find("docs: 0 added, 0 updated, 0 removed, 15 unchanged, 0 skipped"));
     Start();
-    Write(root_ + "/fox.txt", "The quick brown fox met a quokka\n");
-    unlink((root_ + "/logs/file1.log").c_str());
-    Write(root_ + "/new.txt", "a zebra\n");
-    ASSERT_EQ(0, Index(&summary));
+    ASSERT_EQ(0, Shell("cd /var/docs && echo 'The quick brown fox met a quokka' > fox.txt && rm logs/file1.log && "
+                     "echo 'a zebra' > new.txt").status);
     // fox.txt, and logs/ whose content changed.
-    EXPECT_EQ(0u, summary.find("docs: 1 added, 2 updated, 1 removed, 12 unchanged")) << summary;
-    EXPECT_EQ(Names({"/docs/fox.txt"}), Field(Hits(Ask(SearchRequest("quokka")))));
-    EXPECT_EQ(Names({}), Field(Hits(Ask(SearchRequest("lazy")))));
-    EXPECT_EQ(Names({"/docs/new.txt"}), Field(Hits(Ask(SearchRequest("zebra")))));
-    EXPECT_EQ(4u, Hits(Ask(SearchRequest("ZARNMDParent:/docs/logs"))).size());
+    EXPECT_EQ(0u, Index().out.find("docs: 1 added, 2 updated, 1 removed, 12 unchanged"));
+    EXPECT_EQ(Names({"/docs/fox.txt"}), Paths(Search("quokka")));
+    EXPECT_EQ(Names({}), Paths(Search("lazy")));
+    EXPECT_EQ(Names({"/docs/new.txt"}), Paths(Search("zebra")));
+    EXPECT_EQ(4u, Hits(Search("ZARNMDParent:/docs/logs")).size());
 }
 
-TEST_F(DaemonE2e, ManyClientsAtOnce) {
+// Clients at once, while indexing runs add a batch of files and remove the
+// previous one.
+TEST_F(DaemonE2e, ManyClientsWhileTheIndexChanges) {
     Start();
-    const std::vector<std::pair<std::string, size_t>> queries = {
-        {"fox", 4}, {"ZARNMDExtension:log", 5}, {"*", 15}, {"needle", 1}, {"zzz", 0}};
+    const std::pair<const char *, size_t> queries[] = {{"fox", 4}, {"ZARNMDExtension:log", 5}, {"needle", 1}, {"zzz", 0}};
+    std::atomic<bool> done{false};
     std::atomic<int> wrong{0};
     std::vector<std::thread> clients;
-    for (int t = 0; t < 8; ++t)
+    for (size_t t = 0; t < 6; ++t)
         clients.emplace_back([&, t] {
-            for (int i = 0; i < 25; ++i) {
-                const auto &q = queries[static_cast<size_t>(t + i) % queries.size()];
-                if (Hits(Ask(SearchRequest(q.first))).size() != q.second) ++wrong;
-            }
+            for (size_t i = t; !done || i < t + 20; ++i) wrong += Hits(Search(queries[i % 4].first)).size() != queries[i % 4].second;
         });
-    for (std::thread &client : clients) client.join();
-    EXPECT_EQ(0, wrong.load());
-}
-
-TEST_F(DaemonE2e, SearchesRunWhileTheIndexChanges) {
-    Start();
-    const Names fox = {"/docs/closed/inner.txt", "/docs/fox.txt", "/docs/private.txt", "/docs/report/notes.txt.gz"};
-    std::atomic<bool> done{false};
-    std::atomic<int> searches{0}, wrong{0};
-    std::vector<std::thread> clients;
-    for (int t = 0; t < 3; ++t)
-        clients.emplace_back([&] {
-            while (!done) {
-                if (Sorted(Field(Hits(Ask(SearchRequest("fox"))))) != fox) ++wrong;
-                ++searches;
-            }
-        });
-    // Each run adds a batch of files and removes the previous one.
-    mkdir((root_ + "/churn").c_str(), 0755);
-    for (int round = 0; round < 4; ++round) {
-        for (int i = 0; i < 40; ++i) {
-            Write(root_ + "/churn/r" + std::to_string(round) + "-" + std::to_string(i) + ".txt", "quux\n");
-            if (round > 0) unlink((root_ + "/churn/r" + std::to_string(round - 1) + "-" + std::to_string(i) + ".txt").c_str());
-        }
-        EXPECT_EQ(0, Index());
-    }
+    for (int round = 0; round < 4; ++round)
+        EXPECT_EQ(0, Shell("mkdir -p /var/docs/churn && cd /var/docs/churn && rm -f * && for f in $(seq -f '" + std::to_string(round) +
+                         "-%g' 40); do echo quux > $f.txt; done && " ZARNELASTICD " index").status);
     done = true;
     for (std::thread &client : clients) client.join();
     EXPECT_EQ(0, wrong.load());
-    EXPECT_GT(searches.load(), 0);
-    int64_t total = -1;
-    Hits(Ask(SearchRequest("quux")), &total);
-    EXPECT_EQ(40, total);
+    EXPECT_EQ(40u, Hits(Search("quux")).size());
 }
 
 TEST_F(DaemonE2e, SilentAndSlowClientsDoNotHoldTheOnlyWorker) {
-    Start({"--workers", "1"});
-    const int silent = Connect();
-    const int partial_header = Connect();
+    Start("", "--workers 1");
+    const int silent = Connect(), partial_header = Connect(), partial_body = Connect();
     ASSERT_EQ(2, write(partial_header, "\0\0", 2));
-    const int partial_body = Connect();
     ASSERT_EQ(6, write(partial_body, "\0\0\0\x20{\"", 6));
     usleep(100000);
-    const Clock::time_point start = Clock::now();
-    EXPECT_EQ(4u, Hits(Ask(SearchRequest("fox"))).size());
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(2));
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(4u, Hits(Search("fox")).size());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
     for (int fd : {silent, partial_header, partial_body}) close(fd);
 }
 
-TEST_F(DaemonE2e, OneDaemonPerSocketAndAStaleSocketIsReplaced) {
+// One daemon per socket; a stale socket is replaced.  The sandbox maps one
+// uid only, so no client in it can switch to another (setuid fails there):
+// the daemon runs in a nested user namespace as uid 1000, where this
+// process, root outside it, shows as uid 1000 too: a peer that is not root.
+TEST_F(DaemonE2e, OneDaemonPerSocketAndAPeerOtherThanRootActsOnlyAsItself) {
     Start();
-    std::string out;
-    EXPECT_EQ(1, RunProgram({ZARNELASTICD, "--foreground"}, &out));
-    EXPECT_TRUE(Answers());
+    EXPECT_EQ(1, Shell(ZARNELASTICD " --foreground").status);
+    const int secret = Hits(Search("secrets")).at(0)["additional"]["doc_id"].asInt();
+    EXPECT_NE(std::string::npos, Log().find("collector: agent \"e2e\" uid 0 (peer uid 0) searches fileindex_docs")) << Log();
     // A daemon that died without cleaning up leaves its socket behind.
     kill(daemon_, SIGKILL);
     waitpid(daemon_, nullptr, 0);
-    daemon_ = -1;
-    ASSERT_EQ(0, access(kSocket, F_OK));
-    ASSERT_FALSE(Answers());
-    Start();
+    ASSERT_EQ(0, access(kDaemonSocket, F_OK));
+    Start("unshare --user --map-user=1000 --map-group=1000");
     struct stat st;
-    ASSERT_EQ(0, stat(kSocket, &st));
-    EXPECT_EQ(0666u, st.st_mode & 0777);
-    EXPECT_EQ(1u, Hits(Ask(SearchRequest("lazy"))).size());
-    EXPECT_NE(std::string::npos, Log().find("collector: agent \"e2e\" uid 0 (peer uid 0) searches fileindex_docs"))
-        << Log();
-    Stop(SIGINT);
-}
-
-// The sandbox maps one uid only, so no client in it can switch to another
-// (setuid fails there).  Instead the daemon runs in a nested user namespace
-// as uid 1000, where this process, root outside it, shows as uid 1000 too:
-// to the daemon, a peer that is not root.
-TEST_F(DaemonE2e, PeerOtherThanRootActsOnlyAsItself) {
-    Start();
-    const int secret = Hits(Ask(SearchRequest("secrets")))[0]["additional"]["doc_id"].asInt();
-    Stop();
-    Start({}, {"unshare", "--user", "--map-user=1000", "--map-group=1000"});
-    const std::vector<Json::Value> refused = Ask(SearchRequest("fox", 0));
-    ASSERT_EQ(1u, refused.size());
-    EXPECT_EQ(403, refused[0]["error"]["code"].asInt()) << zarn::json::ToString(refused[0]);
-    // As itself the peer gets what uid 1000 may read; without a filter too.
-    EXPECT_EQ(Names({"/docs/fox.txt", "/docs/report/notes.txt.gz"}),
-              Sorted(Field(Hits(Ask(SearchRequest("fox", 1000))))));
-    Json::Value unfiltered = SearchRequest("fox");
-    unfiltered["data"].removeMember("filters");
-    EXPECT_EQ(2u, Hits(Ask(unfiltered)).size());
-    // Documents: only those that uid 1000 may read.
-    ZARNQueryDocumentFieldValue value;
-    const char *name = "ZARNMDPath";
-    EXPECT_EQ(ZARN_ERR_FORMAT, ZARNQueryDocumentFieldGet("docs", secret, &name, 1, &value));
-    const int open = Hits(Ask(SearchRequest("lazy", 1000)))[0]["additional"]["doc_id"].asInt();
-    EXPECT_EQ(0, ZARNQueryDocumentFieldGet("docs", open, &name, 1, &value));
-    EXPECT_STREQ("/docs/fox.txt", value.value.string_value);
+    EXPECT_TRUE(stat(kDaemonSocket, &st) == 0 && (st.st_mode & 0777) == 0666);
+    const Replies refused = Ask(zarn::json::ToString(Search("fox", 0)));
+    EXPECT_TRUE(refused.size() == 1 && refused[0]["error"]["code"] == 403) << zarn::json::ToString(refused[0]);
     EXPECT_NE(std::string::npos, Log().find("refused peer uid 1000")) << Log();
+    // As itself the peer gets what uid 1000 may read; without a filter too.
+    EXPECT_EQ(kStrangersFox, LibrarySearch("fox", 1000).paths);
+    Json::Value unfiltered = Search("fox");
+    unfiltered["data"].removeMember("filters");
+    EXPECT_EQ(kStrangersFox, Paths(unfiltered));
+    // Documents through the library: only those that uid 1000 may read.
+    const int doc_id = Hits(Search("lazy", 1000)).at(0)["additional"]["doc_id"].asInt();
+    const char *names[] = {"ZARNMDPath", "ZARNMDFSSize", "ZARNMDIsDir", "ZARNMDTextContent", "ZARNMDTitle"};
+    ZARNQueryDocumentFieldValue values[5];
+    ASSERT_EQ(0, ZARNQueryDocumentFieldGet("docs", doc_id, names, 5, values));
+    Names shown;  // type:value
+    for (const auto &v : values)
+        shown.push_back(std::to_string(v.type) + ":" +
+                        (v.type == DOCUMENT_FIELD_TYPE_STRING ? v.value.string_value
+                         : v.type == DOCUMENT_FIELD_TYPE_BOOL ? std::to_string(v.value.bool_value)
+                                                              : std::to_string(v.value.int_value)));
+    // The title is not stored.
+    EXPECT_EQ(Names({"4:/docs/fox.txt", "1:44", "3:0", "4:The quick brown fox jumps over the lazy dog\n", "0:0"}), shown);
+    for (const int id : {secret, 9999}) EXPECT_EQ(ZARN_ERR_FORMAT, ZARNQueryDocumentFieldGet("docs", id, names, 1, values));
+    Stop(SIGINT);
 }
 
 }  // namespace
