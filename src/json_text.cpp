@@ -23,9 +23,23 @@ namespace {
 const Json::CharReaderBuilder &Reader() {
     static const Json::CharReaderBuilder *builder = [] {
         auto b = std::make_unique<Json::CharReaderBuilder>();
+        // Every leniency off: what is read must be a JSON text as RFC 8259
+        // writes it.  A scalar is a JSON text too, so strictRoot stays off;
+        // the readers themselves ask for objects.  A byte order mark is not
+        // part of the text, and nothing we read is written with one.
+        // Duplicate names are refused: two readers of the same text could
+        // otherwise take different values for one member.
         (*b)["collectComments"] = false;
         (*b)["allowComments"] = false;
+        (*b)["allowTrailingCommas"] = false;
+        (*b)["allowDroppedNullPlaceholders"] = false;
+        (*b)["allowNumericKeys"] = false;
+        (*b)["allowSingleQuotes"] = false;
+        (*b)["allowSpecialFloats"] = false;
+        (*b)["strictRoot"] = false;
         (*b)["failIfExtra"] = true;
+        (*b)["rejectDupKeys"] = true;
+        (*b)["skipBom"] = false;
         return b.release();
     }();
     return *builder;
@@ -62,9 +76,115 @@ void PutBack(std::unique_ptr<Json::CharReader> reader) {
     delete spare_reader.exchange(reader.release());
 }
 
+// The escape sequence at p (\uXXXX), as a code unit; -1 when it is not one.
+long UnicodeEscape(const char *p, const char *end) {
+    if (end - p < 6 || p[0] != '\\' || p[1] != 'u') return -1;
+    long unit = 0;
+    for (int i = 2; i < 6; ++i) {
+        const char c = p[i];
+        const int digit = c >= '0' && c <= '9'   ? c - '0'
+                          : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                          : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                                 : -1;
+        if (digit < 0) return -1;
+        unit = unit * 16 + digit;
+    }
+    return unit;
+}
+
+// p is just after the opening quote; returns just after the closing one, or
+// null when the string breaks the grammar.
+const char *SkipString(const char *p, const char *end) {
+    while (p < end) {
+        const unsigned char c = static_cast<unsigned char>(*p);
+        if (c == '"') return p + 1;
+        if (c < 0x20) return nullptr;
+        if (c != '\\') {
+            ++p;
+            continue;
+        }
+        if (end - p < 2) return nullptr;
+        switch (p[1]) {
+            case '"': case '\\': case '/': case 'b': case 'f': case 'n': case 'r': case 't':
+                p += 2;
+                continue;
+            case 'u': break;
+            default: return nullptr;
+        }
+        // Half a surrogate pair names no character: a high half must be
+        // followed by a low one, and a low half cannot stand alone.
+        const long unit = UnicodeEscape(p, end);
+        if (unit < 0 || (unit >= 0xDC00 && unit <= 0xDFFF)) return nullptr;
+        p += 6;
+        if (unit >= 0xD800 && unit <= 0xDBFF) {
+            const long low = UnicodeEscape(p, end);
+            if (low < 0xDC00 || low > 0xDFFF) return nullptr;
+            p += 6;
+        }
+    }
+    return nullptr;
+}
+
+// p is at the sign or first digit; returns just after the number, or null
+// when it breaks the grammar: -?(0|[1-9][0-9]*)(.[0-9]+)?([eE][+-]?[0-9]+)?
+const char *SkipNumber(const char *p, const char *end) {
+    auto digits = [&] {
+        const char *from = p;
+        while (p < end && *p >= '0' && *p <= '9') ++p;
+        return p != from;
+    };
+    if (*p == '-') ++p;
+    if (p < end && *p == '0')
+        ++p;
+    else if (!digits())
+        return nullptr;
+    if (p < end && *p == '.') {
+        ++p;
+        if (!digits()) return nullptr;
+    }
+    if (p < end && (*p == 'e' || *p == 'E')) {
+        ++p;
+        if (p < end && (*p == '+' || *p == '-')) ++p;
+        if (!digits()) return nullptr;
+    }
+    // JsonCpp would read on into "01" or "1.2.3": what follows must end the number.
+    if (p < end && ((*p >= '0' && *p <= '9') || *p == '.' || *p == '+' || *p == '-')) return nullptr;
+    return p;
+}
+
+// JsonCpp, even with every leniency off, takes numbers outside the grammar
+// ("01", "1.", "-", "+1"), a comment after a member, raw control characters
+// in strings and escapes of half a surrogate pair.  This pass refuses those
+// and any byte outside strings that no JSON token holds, and leaves the
+// structure (commas, nesting, whole literals) to the parser.  Bytes from
+// 0x80 up pass as they are inside strings: names on a share are bytes, and
+// a name that is not UTF-8 must not make a whole search fail.
+bool LexicallyValid(const char *p, const char *end) {
+    while (p < end) {
+        switch (*p) {
+            case '"': p = SkipString(p + 1, end); break;
+            case '-': case '0': case '1': case '2': case '3': case '4':
+            case '5': case '6': case '7': case '8': case '9': p = SkipNumber(p, end); break;
+            case ' ': case '\t': case '\n': case '\r': case '{': case '}': case '[': case ']':
+            case ':': case ',':
+            // the letters of true, false and null
+            case 'a': case 'e': case 'f': case 'l': case 'n': case 'r': case 's': case 't': case 'u':
+                ++p;
+                break;
+            default: return false;
+        }
+        if (p == nullptr) return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 bool FromString(const std::string &text, Json::Value *value) {
+    if (!LexicallyValid(text.data(), text.data() + text.size())) {
+        *value = Json::Value();
+        return false;
+    }
     // Building a reader throws only when memory runs out.
     std::unique_ptr<Json::CharReader> reader = TakeReader();
     bool parsed = false;
