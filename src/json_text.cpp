@@ -175,13 +175,6 @@ const char *SkipNumber(const char *p, const char *end) {
     return p;
 }
 
-// JsonCpp, even with every leniency off, takes numbers outside the grammar
-// ("01", "1.", "-", "+1"), a comment after a member, raw control characters
-// in strings and escapes of half a surrogate pair.  This pass refuses those
-// and any byte outside strings that no JSON token holds, and leaves the
-// structure (commas, nesting, whole literals) to the parser.  Bytes from
-// 0x80 up pass as they are inside strings: names on a share are bytes, and
-// a name that is not UTF-8 must not make a whole search fail.
 // What a byte outside strings may be.
 enum ByteClass : unsigned char { kRefused, kPlain, kQuote, kNumber };
 
@@ -195,6 +188,13 @@ constexpr std::array<unsigned char, 256> ClassTable() {
 }
 constexpr std::array<unsigned char, 256> kByteClass = ClassTable();
 
+// JsonCpp, even with every leniency off, takes numbers outside the grammar
+// ("01", "1.", "-", "+1"), a comment after a member, raw control characters
+// in strings and escapes of half a surrogate pair.  This pass refuses those
+// and any byte outside strings that no JSON token holds, and leaves the
+// structure (commas, nesting, whole literals) to the parser.  Bytes from
+// 0x80 up pass as they are inside strings: names on a share are bytes, and
+// a name that is not UTF-8 must not make a whole search fail.
 bool LexicallyValid(const char *p, const char *end) {
     while (p < end) {
         switch (kByteClass[static_cast<unsigned char>(*p)]) {

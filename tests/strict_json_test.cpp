@@ -56,7 +56,7 @@ const Text kTexts[] = {
     {"UnknownEscape", "\"\\x41\""},
     {"ShortUnicodeEscape", "\"\\u41\""},
     {"LoneLowSurrogate", "\"\\udc00\""},
-    {"HighSurrogateWithoutLow", "\"\\ud83dx\""},
+    {"HighSurrogateWithoutLow", "\"\\uD83Dx\""},
     {"HighSurrogateThenNonSurrogate", "\"\\ud83d\\u0041\""},
     {"NumericKey", "{1:2}"},
     {"DuplicateName", "{\"a\":1,\"a\":2}"},
@@ -67,7 +67,7 @@ const Text kTexts[] = {
     {"ByteOrderMark", "1", "", "\xEF\xBB\xBF"},
     {"FormFeedAsBlank", "1", "", "\f"},
     {"Valid: numbers", "[0,-0,10,-1.5e+10,2E-3,1e5,0.25]", "", "", "", true},
-    {"Valid: escapes", "\"\\\"\\\\\\/\\b\\f\\n\\r\\t\\u00e9\\ud83d\\ude00\\u0000\"", "", "", "", true},
+    {"Valid: escapes", "\"\\\"\\\\\\/\\b\\f\\n\\r\\t\\u00e9\\ud83d\\ude00\\uD83D\\uDE00\\u0000\"", "", "", "", true},
     {"Valid: nesting and literals", "{\"a\":[true,false,null,{}],\"b\":[]}", "", "", "", true},
     {"Valid: blanks everywhere", " \t\n\r[ 1 , \"\xC3\xA9\" ] ", "", " \r\n\t", "\n ", true},
 };
