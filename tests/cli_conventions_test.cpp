@@ -8,7 +8,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <iterator>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -35,8 +37,12 @@ std::string Slurp(int fd) {
     return text;
 }
 
-// Runs a program with its outputs in files (they are short).
+// Runs a program with its outputs in files (they are short), behind
+// ZARN_TEST_WRAPPER (valgrind) as the tests themselves.
 Outcome Program(std::vector<std::string> argv) {
+    std::istringstream wrapper(getenv("ZARN_TEST_WRAPPER") ? getenv("ZARN_TEST_WRAPPER") : "");
+    std::vector<std::string> words{std::istream_iterator<std::string>(wrapper), {}};
+    argv.insert(argv.begin(), words.begin(), words.end());
     const char *out_path = "/var/tmp/cli.out", *err_path = "/var/tmp/cli.err";
     mkdir("/var/tmp", 0755);
     posix_spawn_file_actions_t actions;
@@ -48,7 +54,7 @@ Outcome Program(std::vector<std::string> argv) {
     args.push_back(nullptr);
     pid_t pid = -1;
     Outcome run;
-    EXPECT_EQ(0, posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ));
+    EXPECT_EQ(0, posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ));
     posix_spawn_file_actions_destroy(&actions);
     int status = 0;
     EXPECT_EQ(pid, waitpid(pid, &status, 0));
