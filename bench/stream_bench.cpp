@@ -108,9 +108,10 @@ long ReadWithCallback(const Case &c) {
 // into one value.  Nothing else.
 long ReadFloor(const Case &c) {
     Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
     builder["collectComments"] = false;
-    builder["allowComments"] = false;
-    builder["failIfExtra"] = true;
+    builder["strictRoot"] = false;
+    builder["skipBom"] = false;
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     const int fd = ConnectToDaemon();
     if (fd < 0) return -1;

@@ -1,7 +1,10 @@
 #include "hit_output.h"
 
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -87,7 +90,7 @@ void HitPrinter::Add(const _tag_search_record &record) {
         PrintJson(record);
         return;
     }
-    Row row;
+    HitRow row;
     row.doc_id = std::to_string(record.doc_id);
     row.type = record.is_dir ? "dir" : record.extension[0] ? Printable(record.extension) : "file";
     row.name = Printable(record.fs_name);
@@ -120,24 +123,88 @@ void HitPrinter::Finish() {
         printf("shown: %zu\n", count_);
     if (rows_.empty()) return;
 
-    Row heading = {"DOC ID", "TYPE", "NAME", "PATH", "", false};
+    fputs(FormatTable(rows_, width_).c_str(), stdout);
+    fflush(stdout);
+}
+
+namespace {
+
+// Byte offsets at which the characters of a UTF-8 text start.
+std::vector<size_t> CharacterStarts(const std::string &text) {
+    std::vector<size_t> starts;
+    for (size_t i = 0; i < text.size(); ++i)
+        if (((unsigned char)text[i] & 0xC0) != 0x80) starts.push_back(i);
+    return starts;
+}
+
+// Characters from the last '.' of a name, or from the last '/' of a path.
+size_t TailFrom(const std::string &text, char mark) {
+    const size_t at = text.rfind(mark);
+    return at == std::string::npos || at == 0 ? 0 : TextWidth(text.substr(at));
+}
+
+}  // namespace
+
+std::string CutMiddle(const std::string &text, size_t width, size_t keep_end) {
+    const std::vector<size_t> starts = CharacterStarts(text);
+    const size_t length = starts.size();
+    if (length <= width) return text;
+    if (width == 0) return std::string();
+    const size_t room = width - 1;  // beside the ellipsis
+    // At least half the room goes to the end, which tells paths and names
+    // apart; the beginning keeps one character when it can.
+    size_t tail = std::max(room - room / 2, keep_end);
+    if (tail >= room) tail = room > 1 ? room - 1 : room;
+    const size_t head = room - tail;
+    const size_t head_end = head < length ? starts[head] : text.size();
+    const size_t tail_start = tail == 0 ? text.size() : starts[length - tail];
+    return text.substr(0, head_end) + "\xE2\x80\xA6" + text.substr(tail_start);  // U+2026
+}
+
+size_t TerminalWidth() {
+    if (isatty(STDOUT_FILENO) != 1) return 0;
+    struct winsize size;
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
+    const char *columns = getenv("COLUMNS");
+    long value = 0;
+    return columns != nullptr && ParseNumber(columns, 1, 100000, &value) ? static_cast<size_t>(value) : 0;
+}
+
+std::string FormatTable(const std::vector<HitRow> &rows, size_t width) {
+    const HitRow heading = {"DOC ID", "TYPE", "NAME", "PATH", "", false};
     size_t id_width = TextWidth(heading.doc_id), type_width = TextWidth(heading.type),
-           name_width = TextWidth(heading.name);
-    for (const Row &row : rows_) {
+           name_width = TextWidth(heading.name), path_width = TextWidth(heading.path);
+    for (const HitRow &row : rows) {
         id_width = std::max(id_width, TextWidth(row.doc_id));
         type_width = std::max(type_width, TextWidth(row.type));
         name_width = std::max(name_width, TextWidth(row.name));
+        path_width = std::max(path_width, TextWidth(row.path));
     }
-    auto print_row = [&](const Row &row) {
-        printf("%s  %s  %s  %s\n", Pad(row.doc_id, id_width, true).c_str(),
-               Pad(row.type, type_width, false).c_str(),
-               Pad(row.name, name_width, false).c_str(), row.path.c_str());
+    // Ids and types are short and stay whole; names and paths share what is
+    // left, the name up to two fifths of it when both are too long.  Below
+    // a few columns each, the lines overflow rather than show nothing.
+    constexpr size_t kNarrowest = 8;
+    const size_t fixed = id_width + 2 + type_width + 2 + 2;
+    if (width != 0 && fixed + name_width + path_width > width) {
+        const size_t room = width > fixed + 2 * kNarrowest ? width - fixed : 2 * kNarrowest;
+        name_width = std::max(std::min(name_width, std::max(room * 2 / 5, room - std::min(room, path_width))),
+                              kNarrowest);
+        path_width = std::max(room - std::min(room, name_width), kNarrowest);
+    } else {
+        width = 0;
+    }
+    std::string out;
+    auto add_row = [&](const HitRow &row) {
+        const std::string name = width ? CutMiddle(row.name, name_width, TailFrom(row.name, '.')) : row.name;
+        const std::string path = width ? CutMiddle(row.path, path_width, TailFrom(row.path, '/')) : row.path;
+        out += Pad(row.doc_id, id_width, true) + "  " + Pad(row.type, type_width) + "  " +
+               Pad(name, name_width) + "  " + path + "\n";
         if (row.has_highlight && !row.highlight.empty())
-            printf("%*s%s\n", (int)id_width + 2, "", row.highlight.c_str());
+            out += std::string(id_width + 2, ' ') + row.highlight + "\n";
     };
-    print_row(heading);
-    for (const Row &row : rows_) print_row(row);
-    fflush(stdout);
+    add_row(heading);
+    for (const HitRow &row : rows) add_row(row);
+    return out;
 }
 
 }  // namespace zarncli

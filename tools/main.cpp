@@ -26,6 +26,7 @@ void PrintOverview(FILE *out) {
     fprintf(out,
             "Usage: zarnsearch [-v|--verbose] COMMAND [ARGUMENTS] [OPTIONS]\n"
             "       zarnsearch COMMAND --help\n"
+            "       zarnsearch --version\n"
             "\n"
             "Searches shares through the local search daemon and tells where their\n"
             "indexes live.\n"
@@ -52,6 +53,10 @@ int Run(int argc, char **argv) {
         return kExitUsage;
     }
     const std::string first = argv[1];
+    if (first == "--version") {
+        printf("zarnsearch %s\n", ZARN_VERSION);
+        return kExitOk;
+    }
     if (first == "--help" || first == "-h" || first == "help") {
         const Command *command = argc > 2 ? FindCommand(argv[2]) : nullptr;
         if (command == nullptr) {

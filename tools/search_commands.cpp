@@ -197,7 +197,9 @@ int RunSearch(const Args &args) {
     const int status = ParseSearch(args, &search);
     if (status != kExitOk) return status;
     const bool json = args.Has("json");
-    HitPrinter printer(json, !json && isatty(STDOUT_FILENO));
+    // A terminal gets a table as wide as it is; elsewhere the texts stay whole.
+    const bool terminal = !json && isatty(STDOUT_FILENO);
+    HitPrinter printer(json, terminal, terminal ? TerminalWidth() : 0);
     if (!args.Has("callback")) return StreamHits(args, search, &printer);
     // The callback search asks for no order, highlight or time-out.
     for (const char *option : {"sort", "highlight", "timeout"})

@@ -65,7 +65,7 @@ std::string Extension(const std::string &name) {
     return name.substr(dot + 1);
 }
 
-FileRecord MakeRecord(const Entry &entry, int content_fd) {
+FileRecord MakeRecord(const Entry &entry, int content_fd, uint64_t *bytes_read) {
     const bool is_dir = S_ISDIR(entry.st.stx_mode);
     FileRecord record;
     record.path = Text(entry.path);
@@ -85,7 +85,9 @@ FileRecord MakeRecord(const Entry &entry, int content_fd) {
     f[field::kParent] = Text(entry.parent);
     f[field::kSearchFileName] = Text(SearchFileName(entry.name));
     std::string text;
-    if (content_fd >= 0 && ExtractText(content_fd, &text)) f[field::kTextContent] = text;
+    if (bytes_read != nullptr) *bytes_read = 0;
+    if (content_fd >= 0 && ExtractText(content_fd, &text, kMaxTextBytes, bytes_read))
+        f[field::kTextContent] = text;
     return record;
 }
 

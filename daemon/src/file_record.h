@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <string>
 
 #include "engine.h"
@@ -25,8 +26,9 @@ struct Entry {
 std::string EntrySignature(const Entry &entry);
 
 // The record of `entry`.  `content_fd`, when not -1, is the open regular
-// file whose text goes into the text content.
-FileRecord MakeRecord(const Entry &entry, int content_fd);
+// file whose text goes into the text content; *bytes_read, when not null,
+// receives how many bytes of it were read.
+FileRecord MakeRecord(const Entry &entry, int content_fd, uint64_t *bytes_read = nullptr);
 
 // The file name as words: every ASCII character other than a letter or a
 // digit becomes a blank, so "annual_report-2020.pdf" reads

@@ -39,7 +39,7 @@ double Seconds(Clock::time_point since) {
     return std::chrono::duration<double>(Clock::now() - since).count();
 }
 
-// "N files, M MB, R files/s" on one line of a terminal, redrawn a few
+// "N files, M MB read, R files/s" on one line of a terminal, redrawn a few
 // times a second.
 class Progress {
 public:
@@ -61,8 +61,8 @@ private:
     void Print(const IndexCounts &counts) const {
         const uint64_t files = counts.added + counts.updated + counts.unchanged;
         const double elapsed = std::max(Seconds(start_), 1e-3);
-        std::fprintf(stderr, "\r%llu files, %.1f MB, %.0f files/s   ", static_cast<unsigned long long>(files),
-                     counts.bytes / 1e6, files / elapsed);
+        std::fprintf(stderr, "\r%llu files, %.1f MB read, %.0f files/s   ",
+                     static_cast<unsigned long long>(files), counts.bytes_read / 1e6, files / elapsed);
         std::fflush(stderr);
     }
 
@@ -215,9 +215,11 @@ private:
         } else {
             const bool regular = S_ISREG(entry.st.stx_mode) && dirfd >= 0;
             const int fd = regular ? OpenFileAt(dirfd, name) : -1;
-            writer_->Put(MakeRecord(entry, fd));
+            uint64_t read = 0;
+            writer_->Put(MakeRecord(entry, fd, &read));
             if (fd >= 0) {
-                counts_.bytes += entry.st.stx_size;
+                counts_.bytes_read += read;
+                counts_.bytes_walked += entry.st.stx_size;
                 batch_bytes_ += entry.st.stx_size;
                 close(fd);
             }
@@ -258,7 +260,8 @@ void Add(IndexCounts *total, const IndexCounts &counts) {
     total->updated += counts.updated;
     total->removed += counts.removed;
     total->unchanged += counts.unchanged;
-    total->bytes += counts.bytes;
+    total->bytes_read += counts.bytes_read;
+    total->bytes_walked += counts.bytes_walked;
     total->skipped += counts.skipped;
 }
 
@@ -282,12 +285,15 @@ bool IndexShare(const std::string &share, const std::set<std::string> &folders, 
         const IndexCounts &c = indexer.counts();
         const double seconds = std::max(Seconds(start), 1e-3);
         const uint64_t files = c.added + c.updated + c.unchanged;
+        // The rate is of what was read: a file gives at most its text cap,
+        // however large it is.
         std::printf("%s: %llu added, %llu updated, %llu removed, %llu unchanged, %llu skipped; "
-                    "%.1f MB read in %.2f s (%.0f files/s, %.1f MB/s)\n",
+                    "%.1f MB read (of %.1f MB walked) in %.2f s (%.0f files/s, %.1f MB/s read)\n",
                     share.c_str(), static_cast<unsigned long long>(c.added),
                     static_cast<unsigned long long>(c.updated), static_cast<unsigned long long>(c.removed),
                     static_cast<unsigned long long>(c.unchanged), static_cast<unsigned long long>(c.skipped),
-                    c.bytes / 1e6, seconds, files / seconds, c.bytes / 1e6 / seconds);
+                    c.bytes_read / 1e6, c.bytes_walked / 1e6, seconds, files / seconds,
+                    c.bytes_read / 1e6 / seconds);
         std::fflush(stdout);
         ZARN_LOG(LOG_INFO, "indexed share %s: %llu added, %llu updated, %llu removed, %llu unchanged",
                  share.c_str(), static_cast<unsigned long long>(c.added),

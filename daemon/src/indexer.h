@@ -22,7 +22,8 @@ struct IndexCounts {
     uint64_t updated = 0;
     uint64_t removed = 0;
     uint64_t unchanged = 0;
-    uint64_t bytes = 0;  // size of the files read for added and updated records
+    uint64_t bytes_read = 0;    // read from the files of added and updated records
+    uint64_t bytes_walked = 0;  // the sizes of those files
     uint64_t skipped = 0;  // entries that could not be examined
 };
 

@@ -2,6 +2,7 @@
 //
 //   zarnelasticd [--foreground] [--workers N] [--debug]
 //   zarnelasticd index [--progress | --quiet]
+//   zarnelasticd --help | --version
 #include <syslog.h>
 #include <unistd.h>
 
@@ -16,18 +17,40 @@
 
 namespace {
 
-int Usage() {
-    std::fprintf(stderr,
+void PrintUsage(FILE *out) {
+    std::fprintf(out,
                  "usage: zarnelasticd [--foreground] [--workers N] [--debug]\n"
-                 "       zarnelasticd index [--progress | --quiet]\n");
+                 "       zarnelasticd index [--progress | --quiet]\n"
+                 "       zarnelasticd --help | --version\n");
+}
+
+// A wrong command line: the usage on standard error, exit 2.
+int Usage() {
+    PrintUsage(stderr);
     return 2;
+}
+
+// --help and --version are requests, answered on standard output; -1 when
+// `arg` is neither.
+int Request(const char *arg) {
+    if (std::strcmp(arg, "--help") == 0 || std::strcmp(arg, "-h") == 0) {
+        PrintUsage(stdout);
+        return 0;
+    }
+    if (std::strcmp(arg, "--version") == 0) {
+        std::printf("zarnelasticd %s\n", ZARN_VERSION);
+        return 0;
+    }
+    return -1;
 }
 
 int Index(int argc, char **argv) {
     zarnd::IndexOptions options;
     options.progress = isatty(STDERR_FILENO) == 1;
     for (int i = 2; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--progress") == 0)
+        if (const int status = Request(argv[i]); status >= 0)
+            return status;
+        else if (std::strcmp(argv[i], "--progress") == 0)
             options.progress = true;
         else if (std::strcmp(argv[i], "--quiet") == 0)
             options.progress = false;
@@ -43,7 +66,9 @@ int Serve(int argc, char **argv) {
     options.socket_path = zarn::kDaemonSocketPath;
     bool debug = false;
     for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--foreground") == 0) {
+        if (const int status = Request(argv[i]); status >= 0) {
+            return status;
+        } else if (std::strcmp(argv[i], "--foreground") == 0) {
             options.foreground = true;
         } else if (std::strcmp(argv[i], "--debug") == 0) {
             debug = true;

@@ -76,13 +76,18 @@ bool LooksLikeText(const std::string &data) {
     return controls * 32 <= data.size();
 }
 
-bool ExtractText(int fd, std::string *text, size_t limit) {
+bool ExtractText(int fd, std::string *text, size_t limit, uint64_t *bytes_read) {
     text->clear();
+    if (bytes_read != nullptr) *bytes_read = 0;
     std::string raw;
     // A few bytes beyond the limit let the cut below fall between characters.
     const size_t want = limit + 4;
     if (lseek(fd, 0, SEEK_SET) != 0) return false;
     const bool ok = IsGzip(fd) ? ReadGzip(fd, want, &raw) : ReadPlain(fd, want, &raw);
+    // Both readers move the descriptor's offset (gzip through its duplicate,
+    // which shares it) by exactly what they took from the file.
+    const off_t end = lseek(fd, 0, SEEK_CUR);
+    if (bytes_read != nullptr && end > 0) *bytes_read = static_cast<uint64_t>(end);
     if (!ok || raw.empty() || !LooksLikeText(raw)) return false;
     std::string repaired = RepairUtf8(raw.data(), raw.size());
     repaired.resize(Utf8CutLength(repaired, limit));

@@ -4,6 +4,7 @@
 #define ZARND_TEXT_CONTENT_H
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace zarnd {
@@ -20,7 +21,10 @@ bool LooksLikeText(const std::string &data);
 // Reads the regular file open at `fd` from its start and stores its text in
 // *text: gzip data is inflated first.  False for binary or unreadable content
 // (then *text is empty).  At most `limit` bytes of text, cut between characters.
-bool ExtractText(int fd, std::string *text, size_t limit = kMaxTextBytes);
+// *bytes_read, when not null, receives how many bytes were read from the
+// file (compressed bytes for gzip), whatever the outcome.
+bool ExtractText(int fd, std::string *text, size_t limit = kMaxTextBytes,
+                 uint64_t *bytes_read = nullptr);
 
 }  // namespace zarnd
 
