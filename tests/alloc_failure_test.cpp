@@ -69,7 +69,7 @@ void SweepHandle(const std::function<int(ZARNQueryHandle *)> &call, int failure,
 bool AnyHit(const _tag_search_record *, void *) { return true; }
 
 // Memory running out while a reply is parsed is never a malformed reply.
-TEST(Streaming, InitOpenTheReadersAndTheCallbackSearch) {
+TEST(StreamingAllocation, InitOpenTheReadersAndTheCallbackSearch) {
     Daemon();
     Sweep([] {
         ZARNQueryHandle *handle = nullptr;
@@ -105,10 +105,10 @@ TEST(Streaming, InitOpenTheReadersAndTheCallbackSearch) {
 
 // The first parse of the process builds the spare reader; failing there is
 // memory running out too, and a later run finds the reader built.
-TEST(Streaming, FirstReaderBuiltUnderFailure) { SweepHandle(ZARNQueryCount, 0, 1, false); }
+TEST(StreamingAllocation, FirstReaderBuiltUnderFailure) { SweepHandle(ZARNQueryCount, 0, 1, false); }
 
 // A failed lookup hands back all records zeroed, a good one all values.
-TEST(DocumentLookup, FailsWholeOrSucceedsWhole) {
+TEST(DocumentLookupAllocation, FailsWholeOrSucceedsWhole) {
     FakeDaemon daemon({ReadRequest(), Send(R"({"success":true,"data":{"ZARNMDAcquisitionModel":"a long camera )"
                                            R"(model name","ZARNMDContentModificationDate":1700000000}})")});
     const char *keys[] = {"ZARNMDAcquisitionModel", "ZARNMDContentModificationDate", "ZARNMDUnknownButLongEnoughToAllocate"};
@@ -130,7 +130,7 @@ void WriteShares() {
 }
 
 // The checks answer 0 and the paths -1 when memory runs out.
-TEST(FileIndex, ChecksAnswerZeroAndPathsMinusOne) {
+TEST(FileIndexAllocation, ChecksAnswerZeroAndPathsMinusOne) {
     WriteShares();
     Sweep([] { return FILEIDXIsShareIndexed("music"); }, 0, 1);
     Sweep([] { return FILEIDXIsPathContainIndexed("/music"); }, 0, 1);
@@ -147,11 +147,11 @@ TEST(FileIndex, ChecksAnswerZeroAndPathsMinusOne) {
 // With bReload 0 a failed first build must leave no half-built cache behind:
 // the next run builds it again.  Each starts from empty caches, in a process
 // of its own.
-class CachedCheck : public testing::TestWithParam<int (*)()> {};
+class CachedCheckAllocation : public testing::TestWithParam<int (*)()> {};
 
-TEST_P(CachedCheck, RebuildsAfterAFailure) { WriteShares(), Sweep(GetParam(), 0, 1, false); }
+TEST_P(CachedCheckAllocation, RebuildsAfterAFailure) { WriteShares(), Sweep(GetParam(), 0, 1, false); }
 
-INSTANTIATE_TEST_SUITE_P(FirstBuild, CachedCheck,
+INSTANTIATE_TEST_SUITE_P(FirstBuild, CachedCheckAllocation,
                          testing::Values([] { return FILEIDXIsShareIndexedEx("music", 0); },
                                          [] { return FILEIDXIsPathIndexedEx("/music/pop/x", 0); },
                                          [] { return FILEIDXIsFullPathIndexedEx("/var/music/a b", 0); },
