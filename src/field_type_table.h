@@ -24,9 +24,6 @@ extern const FieldTypeEntry kFieldTypeList[kFieldTypeCount];
 // *type is then untouched.  May throw std::bad_alloc.
 bool LookupFieldType(const char *key, ZARNQueryDocumentFieldType *type);
 
-// Number of entries in the built table.
-std::size_t FieldTypeTableSize();
-
 }  // namespace zarn
 
 #endif  // ZARN_FIELD_TYPE_TABLE_H

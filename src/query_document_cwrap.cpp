@@ -118,8 +118,6 @@ bool LookupFieldType(const char *key, ZARNQueryDocumentFieldType *type) {
     return true;
 }
 
-std::size_t FieldTypeTableSize() { return kFieldTypes.size(); }
-
 namespace {
 
 constexpr int kIndexIdBytes = 4097;
