@@ -40,6 +40,9 @@ struct SearchPlan {
     std::vector<std::string> fields;
     std::vector<HighlightRequest> highlight;
     const Credentials *reader = nullptr;  // only hits this user may read; null: all
+    // Wall-clock seconds the match may take; 0: no limit.  A match cut short
+    // fails with kBusy "search took too long": its total would not be exact.
+    double time_budget_s = 0;
 };
 
 struct Hit {
@@ -57,6 +60,11 @@ public:
     // page in order.  `on_hit` returns false to stop early.
     virtual void Search(const SearchPlan &plan, const std::function<void(uint64_t)> &on_total,
                         const std::function<bool(const Hit &)> &on_hit) = 0;
+
+    // The same match as Search, reading nothing but the ids of the page: the
+    // engine's own cost of a search, the floor that benchmarks compare the
+    // daemon with.  Returns the exact total.
+    virtual uint64_t PageIds(const SearchPlan &plan, std::vector<uint32_t> *ids) = 0;
 
     // Every stored field of document `doc_id` and its encoded access chain;
     // false when the index holds no such document.

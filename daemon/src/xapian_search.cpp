@@ -30,6 +30,28 @@ private:
     const Credentials &user_;
 };
 
+// The match of a plan: the page of hits and the exact total.
+struct Match {
+    Match(Xapian::Database &db, const SearchPlan &plan) : enquire(db) {
+        enquire.set_query(xap::ParseQuery(plan.query, db));
+        if (!plan.sort.empty()) {
+            sorter.reset(new xap::SortKeyMaker(plan.sort));
+            enquire.set_sort_by_key_then_relevance(sorter.get(), false);
+        }
+        if (plan.reader != nullptr && plan.reader->uid != 0) decider.reset(new PermissionDecider(*plan.reader));
+        if (plan.time_budget_s > 0) enquire.set_time_limit(plan.time_budget_s);
+        // Checking every document makes the count exact, not an estimate.
+        mset = enquire.get_mset(plan.from, plan.size, db.get_doccount(), nullptr, decider.get());
+        if (mset.get_matches_lower_bound() != mset.get_matches_upper_bound())
+            throw Failure(kBusy, "search took too long");
+    }
+
+    Xapian::Enquire enquire;
+    std::unique_ptr<xap::SortKeyMaker> sorter;
+    std::unique_ptr<PermissionDecider> decider;
+    Xapian::MSet mset;
+};
+
 // A writer may commit while a search reads; the reader then reopens and runs
 // the search again, as long as nothing has been handed out yet.  Hits are
 // read one at a time as they go out, so memory stays at one document.
@@ -56,6 +78,17 @@ public:
         }
     }
 
+    uint64_t PageIds(const SearchPlan &plan, std::vector<uint32_t> *ids) override {
+        try {
+            Match match(db_, plan);
+            ids->clear();
+            for (Xapian::MSetIterator it = match.mset.begin(); it != match.mset.end(); ++it) ids->push_back(*it);
+            return match.mset.get_matches_estimated();
+        } catch (const Xapian::Error &e) {
+            throw Failure(kInternal, e.get_description());
+        }
+    }
+
     bool Fetch(uint32_t doc_id, Json::Value *fields, std::string *access) override {
         if (doc_id == 0) return false;
         for (int attempt = 1;; ++attempt) {
@@ -77,23 +110,11 @@ public:
 private:
     void Run(const SearchPlan &plan, const std::function<void(uint64_t)> &on_total,
              const std::function<bool(const Hit &)> &on_hit, bool *started) {
-        Xapian::Enquire enquire(db_);
-        enquire.set_query(xap::ParseQuery(plan.query, db_));
-        std::unique_ptr<xap::SortKeyMaker> sorter;
-        if (!plan.sort.empty()) {
-            sorter.reset(new xap::SortKeyMaker(plan.sort));
-            enquire.set_sort_by_key_then_relevance(sorter.get(), false);
-        }
-        std::unique_ptr<PermissionDecider> decider;
-        if (plan.reader != nullptr && plan.reader->uid != 0)
-            decider.reset(new PermissionDecider(*plan.reader));
-        // Checking every document makes the count exact, not an estimate.
-        const Xapian::MSet mset =
-            enquire.get_mset(plan.from, plan.size, db_.get_doccount(), nullptr, decider.get());
+        Match match(db_, plan);
         *started = true;
-        on_total(mset.get_matches_estimated());
-        for (Xapian::MSetIterator it = mset.begin(); it != mset.end(); ++it)
-            if (!on_hit(MakeHit(mset, it, plan))) return;
+        on_total(match.mset.get_matches_estimated());
+        for (Xapian::MSetIterator it = match.mset.begin(); it != match.mset.end(); ++it)
+            if (!on_hit(MakeHit(match.mset, it, plan))) return;
     }
 
     static Hit MakeHit(const Xapian::MSet &mset, const Xapian::MSetIterator &it,
