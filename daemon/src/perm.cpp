@@ -26,6 +26,10 @@ bool InGroups(const Credentials &user, uint32_t gid) {
     return std::binary_search(user.groups.begin(), user.groups.end(), gid);
 }
 
+Access EntryAt(const std::string &encoded, size_t at) {
+    return {GetWord(&encoded[at]), GetWord(&encoded[at + 4]), GetWord(&encoded[at + 8])};
+}
+
 }  // namespace
 
 std::string EncodeAccessChain(const AccessChain &chain) {
@@ -77,12 +81,41 @@ bool Grants(const Credentials &user, const Access &access, unsigned wanted) {
 bool MayRead(const Credentials &user, const std::string &encoded) {
     if (user.uid == 0) return true;
     if (encoded.empty() || encoded.size() % kEntryBytes != 0) return false;
-    for (size_t at = 0; at < encoded.size(); at += kEntryBytes) {
-        const Access access = {GetWord(&encoded[at]), GetWord(&encoded[at + 4]),
-                               GetWord(&encoded[at + 8])};
-        if (!Grants(user, access, at == 0 ? 4u : 1u)) return false;
-    }
+    for (size_t at = 0; at < encoded.size(); at += kEntryBytes)
+        if (!Grants(user, EntryAt(encoded, at), at == 0 ? 4u : 1u)) return false;
     return true;
+}
+
+bool RestrictionsOf(const std::string &encoded, std::vector<Restriction> *restrictions) {
+    restrictions->clear();
+    if (encoded.empty() || encoded.size() % kEntryBytes != 0) return false;
+    for (size_t at = 0; at < encoded.size(); at += kEntryBytes) {
+        const Access access = EntryAt(encoded, at);
+        // The wanted bit of each class, moved to bits 2, 1 and 0.
+        const unsigned shift = at == 0 ? 2 : 0;
+        const unsigned classes = ((access.mode >> (6 + shift)) & 1u) << 2 | ((access.mode >> (3 + shift)) & 1u) << 1 |
+                                 ((access.mode >> shift) & 1u);
+        if (classes == 7) continue;
+        Restriction restriction;
+        restriction.classes = classes;
+        if (classes != 0) {
+            restriction.uid = access.uid;
+            // When members and others fare alike, who is a member does not matter.
+            restriction.gid = ((classes >> 1) & 1u) == (classes & 1u) ? 0 : access.gid;
+        }
+        restrictions->push_back(restriction);
+    }
+    std::sort(restrictions->begin(), restrictions->end());
+    restrictions->erase(std::unique(restrictions->begin(), restrictions->end()), restrictions->end());
+    return true;
+}
+
+bool Passes(const Credentials &user, const Restriction &restriction) {
+    // A canonical gid of 0 stands for "any": the group class and the others'
+    // class agree there, so membership cannot change the answer.
+    if (user.uid == 0) return true;
+    const unsigned bit = user.uid == restriction.uid ? 2 : InGroups(user, restriction.gid) ? 1 : 0;
+    return (restriction.classes >> bit) & 1u;
 }
 
 }  // namespace zarnd

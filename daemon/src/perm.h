@@ -44,6 +44,31 @@ bool Grants(const Credentials &user, const Access &access, unsigned wanted);
 // uid 0 reads everything; a damaged chain reads as refused.
 bool MayRead(const Credentials &user, const std::string &encoded);
 
+// One entry of a chain as the permission filter of a search sees it: which
+// classes of users the entry lets through (bit 2 the owner, bit 1 the
+// group's members, bit 0 everybody else) for the bit the entry must grant
+// (read on the file, search on a folder).  A user passes it through the one
+// class that applies to the user, as in Grants.
+struct Restriction {
+    uint32_t uid = 0;
+    uint32_t gid = 0;  // 0 whenever the group's class and the others' class agree
+    unsigned classes = 0;
+
+    bool operator<(const Restriction &o) const {
+        return classes != o.classes ? classes < o.classes : uid != o.uid ? uid < o.uid : gid < o.gid;
+    }
+    bool operator==(const Restriction &o) const { return !(*this < o) && !(o < *this); }
+};
+
+// The entries of `chain` that do not let every user through, each once, in
+// a canonical form (an entry that lets nobody through is {0, 0, 0}).  A user
+// may read the document exactly when the user passes all of them.  False
+// for a damaged encoding.
+bool RestrictionsOf(const std::string &encoded_chain, std::vector<Restriction> *restrictions);
+
+// Whether `user` passes `restriction`.
+bool Passes(const Credentials &user, const Restriction &restriction);
+
 // A peer other than root may act only as itself.
 inline bool PeerMayActAs(uid_t peer_uid, uint32_t uid) { return peer_uid == 0 || peer_uid == uid; }
 

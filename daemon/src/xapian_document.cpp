@@ -2,12 +2,31 @@
 
 #include "json_text.h"
 #include "schema.h"
+#include "utf8.h"
 #include "xapian_layout.h"
 
 namespace zarnd {
 namespace xap {
 
 namespace {
+
+void AddSlots(const FieldLayout &layout, const std::string &text, Xapian::Document *doc) {
+    if (layout.slot != Xapian::BAD_VALUENO) doc->add_value(layout.slot, text);
+    if (layout.natural_slot != Xapian::BAD_VALUENO) doc->add_value(layout.natural_slot, NaturalSortValue(text));
+}
+
+// The text content is indexed chunk by chunk, so that each chunk's first
+// term position can be kept: a highlight then finds the chunk of a match.
+void AddText(const std::string &text, Xapian::Document *doc, Xapian::TermGenerator *generator, ChunkPacker *packer,
+             std::vector<std::string> *chunks) {
+    std::vector<uint32_t> starts;
+    for (const std::string &chunk : SplitText(text)) {
+        starts.push_back(generator->get_termpos());
+        generator->index_text(chunk);
+        chunks->push_back(packer->Pack(chunk));
+    }
+    doc->add_value(kTextLayoutSlot, EncodeChunkStarts(starts));
+}
 
 void AddField(const FieldLayout &layout, const Json::Value &value, Xapian::Document *doc,
               Xapian::TermGenerator *generator) {
@@ -18,7 +37,7 @@ void AddField(const FieldLayout &layout, const Json::Value &value, Xapian::Docum
     }
     if (!value.isString()) return;
     const std::string text = value.asString();
-    if (layout.slot != Xapian::BAD_VALUENO) doc->add_value(layout.slot, text);
+    AddSlots(layout, text, doc);
     switch (layout.terms) {
     case TermKind::kFreeText:
         generator->index_text(text, 1, layout.prefix);
@@ -32,38 +51,58 @@ void AddField(const FieldLayout &layout, const Json::Value &value, Xapian::Docum
     }
 }
 
-}  // namespace
-
-std::string EncodeData(const Json::Value &fields) {
-    // Compact JSON never holds a raw newline: the first one ends it.
-    const Json::Value &text = fields[field::kTextContent];
-    if (!text.isString()) return zarn::json::ToString(fields);
-    Json::Value rest = fields;
-    rest.removeMember(field::kTextContent);
-    return zarn::json::ToString(rest) + "\n" + text.asString();
+void AddRestrictions(const std::string &access, Xapian::Document *doc) {
+    std::vector<Restriction> restrictions;
+    // A damaged chain lets nobody but root through, as MayRead decides.
+    if (!RestrictionsOf(access, &restrictions)) restrictions.assign(1, Restriction());
+    for (const Restriction &restriction : restrictions) doc->add_boolean_term(RestrictionTerm(restriction));
 }
 
-bool DecodeData(const std::string &data, bool with_text, Json::Value *fields) {
-    const size_t newline = data.find('\n');
-    if (!zarn::json::FromString(data.substr(0, newline), fields) || !fields->isObject()) return false;
-    if (with_text && newline != std::string::npos) (*fields)[field::kTextContent] = data.substr(newline + 1);
-    return true;
+}  // namespace
+
+bool DecodeData(const std::string &data, Json::Value *fields) {
+    return zarn::json::FromString(data, fields) && fields->isObject();
 }
 
 std::string IdTerm(const std::string &path) { return BoundedTerm(kIdPrefix, path); }
 
-Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *generator) {
+Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *generator, ChunkPacker *packer,
+                               std::vector<std::string> *text_chunks) {
     Xapian::Document doc;
     generator->set_document(doc);
+    text_chunks->clear();
     size_t count = 0;
     const FieldLayout *layouts = FieldLayouts(&count);
-    for (size_t i = 0; i < count; ++i)
-        AddField(layouts[i], record.fields.get(layouts[i].field, Json::Value()), &doc, generator);
+    for (size_t i = 0; i < count; ++i) {
+        const Json::Value &value = record.fields.get(layouts[i].field, Json::Value());
+        if (layouts[i].field == std::string(field::kTextContent)) {
+            if (value.isString()) AddText(value.asString(), &doc, generator, packer, text_chunks);
+        } else {
+            AddField(layouts[i], value, &doc, generator);
+        }
+    }
     doc.add_boolean_term(IdTerm(record.path));
+    AddRestrictions(record.access, &doc);
     doc.add_value(kAccessSlot, record.access);
     doc.add_value(kSignatureSlot, record.signature);
-    doc.set_data(EncodeData(record.fields));
+    Json::Value fields = record.fields;
+    fields.removeMember(field::kTextContent);
+    doc.set_data(zarn::json::ToString(fields));
     return doc;
+}
+
+bool ReadTextStart(const Xapian::Database &db, Xapian::docid doc_id, const Xapian::Document &doc,
+                   std::string *text) {
+    text->clear();
+    std::vector<uint32_t> starts;
+    if (!DecodeChunkStarts(doc.get_value(kTextLayoutSlot), &starts) || starts.empty()) return false;
+    std::string chunk;
+    for (unsigned k = 0; k < starts.size() && text->size() < kReturnedTextBytes; ++k) {
+        if (!UnpackChunk(db.get_metadata(TextChunkKey(doc_id, k)), &chunk)) break;
+        *text += chunk;
+    }
+    text->resize(Utf8CutLength(*text, kReturnedTextBytes));
+    return true;
 }
 
 }  // namespace xap

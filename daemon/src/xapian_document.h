@@ -1,11 +1,16 @@
-// A FileRecord as a Xapian document: its fields as JSON data, slot values
-// for sorting and permissions, and the terms that queries match.
+// A FileRecord as a Xapian document: its fields (the text content left out)
+// as JSON data, slot values for sorting and lookups, the terms that queries
+// match, and its text content cut into chunks to be kept beside it.
 #ifndef ZARND_XAPIAN_DOCUMENT_H
 #define ZARND_XAPIAN_DOCUMENT_H
+
+#include <string>
+#include <vector>
 
 #include <xapian.h>
 
 #include "engine.h"
+#include "stored_text.h"
 
 namespace zarnd {
 namespace xap {
@@ -14,18 +19,21 @@ namespace xap {
 // text the same way.
 constexpr unsigned kTermFlags = Xapian::TermGenerator::FLAG_CJK_NGRAM;
 
-Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *generator);
+// The document of `record`; *text_chunks receives its text content, packed,
+// chunk by chunk, for the writer to store under TextChunkKey.
+Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *generator, ChunkPacker *packer,
+                               std::vector<std::string> *text_chunks);
 
-// A document's data: the JSON object of its stored fields without the text
-// content, then a newline and the text content as it is.  Most hits need
-// only the fields, and reading them then costs no parse of a long text.
-std::string EncodeData(const Json::Value &fields);
-// False when `data` holds no JSON object.  The text content is put back
-// into *fields only when `with_text`.
-bool DecodeData(const std::string &data, bool with_text, Json::Value *fields);
+// The fields of a document's data; false when it holds no JSON object.
+bool DecodeData(const std::string &data, Json::Value *fields);
 
 // The unique term that names the document of `path`.
 std::string IdTerm(const std::string &path);
+
+// The beginning of the text content of document `doc_id` (at most
+// kReturnedTextBytes, cut between characters); false when it has none.
+bool ReadTextStart(const Xapian::Database &db, Xapian::docid doc_id, const Xapian::Document &doc,
+                   std::string *text);
 
 }  // namespace xap
 }  // namespace zarnd

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "schema.h"
+#include "sort_key.h"
 
 namespace zarnd {
 namespace xap {
@@ -14,19 +15,19 @@ constexpr Xapian::valueno kNoSlot = Xapian::BAD_VALUENO;
 // The file name's words (from both name fields) share one prefix: a search
 // by name should not depend on which of the two spellings it hits.
 const FieldLayout kLayouts[] = {
-    {field::kPath, 10, TermKind::kFreeText, "XP", false},
-    {field::kFSName, 11, TermKind::kFreeText, "XN", false},
-    {field::kExtension, 12, TermKind::kFreeText, "XE", false},
-    {field::kIsDir, 13, TermKind::kExact, "XD", false},
-    {field::kFSSize, 14, TermKind::kNone, "", true},
-    {field::kFSCreationDate, 15, TermKind::kNone, "", true},
-    {field::kFSContentChangeDate, 16, TermKind::kNone, "", true},
-    {field::kAttributeChangeDate, 17, TermKind::kNone, "", true},
-    {field::kOwnerUserID, 18, TermKind::kExact, "XU", false},
-    {field::kOwnerGroupID, 19, TermKind::kExact, "XG", false},
-    {field::kParent, 20, TermKind::kExact, "XF", false},
-    {field::kSearchFileName, 21, TermKind::kFreeText, "XN", false},
-    {field::kTextContent, kNoSlot, TermKind::kFreeText, "", false},
+    {field::kPath, 10, 30, TermKind::kFreeText, "XP", false},
+    {field::kFSName, 11, 31, TermKind::kFreeText, "XN", false},
+    {field::kExtension, 12, 32, TermKind::kFreeText, "XE", false},
+    {field::kIsDir, 13, 33, TermKind::kExact, "XD", false},
+    {field::kFSSize, 14, kNoSlot, TermKind::kNone, "", true},
+    {field::kFSCreationDate, 15, kNoSlot, TermKind::kNone, "", true},
+    {field::kFSContentChangeDate, 16, kNoSlot, TermKind::kNone, "", true},
+    {field::kAttributeChangeDate, 17, kNoSlot, TermKind::kNone, "", true},
+    {field::kOwnerUserID, 18, 38, TermKind::kExact, "XU", false},
+    {field::kOwnerGroupID, 19, 39, TermKind::kExact, "XG", false},
+    {field::kParent, 20, 40, TermKind::kExact, "XF", false},
+    {field::kSearchFileName, 21, 41, TermKind::kFreeText, "XN", false},
+    {field::kTextContent, kNoSlot, kNoSlot, TermKind::kFreeText, "", false},
 };
 
 // Xapian refuses terms above 245 bytes.
@@ -56,6 +57,38 @@ std::string BoundedTerm(const std::string &prefix, const std::string &value) {
     char hash[24];
     std::snprintf(hash, sizeof hash, "#%016llx", static_cast<unsigned long long>(Fnv1a(value)));
     return prefix + value.substr(0, kMaxTermBytes - prefix.size() - 17) + hash;
+}
+
+std::string NaturalSortValue(const std::string &text) {
+    std::string key;
+    AppendKeyComponent(&key, NaturalKey(text), false);
+    return key + text;  // the last component needs no end mark
+}
+
+std::string RestrictionTerm(const Restriction &restriction) {
+    return kRestrictionPrefix + std::to_string(restriction.classes) + std::to_string(restriction.uid) + ":" +
+           std::to_string(restriction.gid);
+}
+
+bool ParseRestrictionTerm(const std::string &term, Restriction *restriction) {
+    unsigned classes = 0;
+    unsigned long uid = 0, gid = 0;
+    int used = 0;
+    const size_t prefix = sizeof kRestrictionPrefix - 1;
+    if (term.compare(0, prefix, kRestrictionPrefix) != 0 ||
+        std::sscanf(term.c_str() + prefix, "%1u%lu:%lu%n", &classes, &uid, &gid, &used) != 3 ||
+        prefix + static_cast<size_t>(used) != term.size() || classes > 7 || uid > UINT32_MAX || gid > UINT32_MAX)
+        return false;
+    *restriction = {static_cast<uint32_t>(uid), static_cast<uint32_t>(gid), classes};
+    return true;
+}
+
+std::string TextChunkKey(Xapian::docid doc_id, unsigned chunk) {
+    std::string key = "t";
+    for (int shift = 24; shift >= 0; shift -= 8) key.push_back(static_cast<char>(doc_id >> shift));
+    key.push_back(static_cast<char>(chunk >> 8));
+    key.push_back(static_cast<char>(chunk));
+    return key;
 }
 
 }  // namespace xap

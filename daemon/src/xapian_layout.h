@@ -1,5 +1,7 @@
-// How the Xapian engine keeps the stored fields: value slots for sorting and
-// for the permission check, term prefixes through which queries name fields.
+// How the Xapian engine keeps a document: its fields as JSON data, value
+// slots for sorting (plain and natural order, computed when indexing), terms
+// through which queries name fields and through which the permission filter
+// works, and the text content in chunks kept as metadata beside it.
 #ifndef ZARND_XAPIAN_LAYOUT_H
 #define ZARND_XAPIAN_LAYOUT_H
 
@@ -7,13 +9,23 @@
 
 #include <xapian.h>
 
+#include "perm.h"
+
 namespace zarnd {
 namespace xap {
 
-constexpr Xapian::valueno kAccessSlot = 0;     // EncodeAccessChain
-constexpr Xapian::valueno kSignatureSlot = 1;  // change detection of the indexer
+constexpr Xapian::valueno kAccessSlot = 0;      // EncodeAccessChain, for document lookups
+constexpr Xapian::valueno kSignatureSlot = 1;   // change detection of the indexer
+constexpr Xapian::valueno kTextLayoutSlot = 2;  // EncodeChunkStarts of the text content
 
 constexpr char kIdPrefix[] = "Q";  // one unique term per document: its path
+// One term per restriction of the document's access chain (perm.h).
+constexpr char kRestrictionPrefix[] = "XR";
+
+// Bumped whenever what a document holds changes shape; an index of another
+// format is rebuilt by the indexer and refused by searches until then.
+constexpr char kFormatKey[] = "zarnelasticd.format";
+constexpr char kFormat[] = "2";
 
 // How a query refers to a field's terms.
 enum class TermKind {
@@ -24,7 +36,8 @@ enum class TermKind {
 
 struct FieldLayout {
     const char *field;
-    Xapian::valueno slot;  // Xapian::BAD_VALUENO when not kept in a slot
+    Xapian::valueno slot;          // Xapian::BAD_VALUENO when not kept in a slot
+    Xapian::valueno natural_slot;  // the natural-order key; BAD_VALUENO for numbers
     TermKind terms;
     const char *prefix;  // "" for the text content: the default field
     bool numeric;        // slot holds Xapian::sortable_serialise of the integer
@@ -37,6 +50,17 @@ const FieldLayout *FindLayout(const std::string &field);
 // prefix + value, or, when that would pass Xapian's limit on term length, a
 // shortened form that stays unique through a hash of the whole value.
 std::string BoundedTerm(const std::string &prefix, const std::string &value);
+
+// The natural-order sort key of a text: its NaturalKey, then the text itself,
+// so that texts equal in natural order still sort in one fixed order.
+std::string NaturalSortValue(const std::string &text);
+
+std::string RestrictionTerm(const Restriction &restriction);
+// False for a term that RestrictionTerm did not make.
+bool ParseRestrictionTerm(const std::string &term, Restriction *restriction);
+
+// The metadata key of chunk `chunk` of the text content of document `doc_id`.
+std::string TextChunkKey(Xapian::docid doc_id, unsigned chunk);
 
 }  // namespace xap
 }  // namespace zarnd

@@ -1,5 +1,8 @@
 // SearchIndex on a Xapian database.
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <map>
 #include <memory>
 
 #include <xapian.h>
@@ -9,6 +12,7 @@
 #include "fragment.h"
 #include "schema.h"
 #include "xapian_document.h"
+#include "xapian_highlight.h"
 #include "xapian_layout.h"
 #include "xapian_query.h"
 #include "xapian_sort.h"
@@ -17,40 +21,90 @@ namespace zarnd {
 
 namespace {
 
-// Keeps only documents the user may read, inside the match, so that the
-// total counts permitted hits only.
-class PermissionDecider : public Xapian::MatchDecider {
+// Open databases by directory, kept per thread: a Xapian::Database must not
+// be shared between threads, and opening one costs more than a small
+// search.  Each use reopens it at the latest commit.
+class OpenDatabases {
 public:
-    explicit PermissionDecider(const Credentials &user) : user_(user) {}
-    bool operator()(const Xapian::Document &doc) const override {
-        return MayRead(user_, doc.get_value(xap::kAccessSlot));
-    }
+    static Xapian::Database &Get(const std::string &dir) { return Mine().Find(dir); }
+
+    // Forgets `dir` so that its next Get opens it anew.
+    static void Drop(const std::string &dir) { Mine().open_.erase(dir); }
 
 private:
-    const Credentials &user_;
+    static OpenDatabases &Mine() {
+        thread_local OpenDatabases cache;
+        return cache;
+    }
+
+    static constexpr size_t kMaxOpen = 16;
+
+    Xapian::Database &Find(const std::string &dir) {
+        // An index removed since stays open through its files: ask the directory.
+        struct stat st;
+        if (stat((dir + "/iamglass").c_str(), &st) != 0) {
+            open_.erase(dir);
+            throw Failure(kNotFound, "no index in " + dir);
+        }
+        auto it = open_.find(dir);
+        if (it != open_.end()) {
+            try {
+                it->second.reopen();
+                return it->second;
+            } catch (const Xapian::Error &) {
+                open_.erase(it);  // replaced by a rebuild: open it afresh
+            }
+        }
+        if (open_.size() >= kMaxOpen) open_.erase(open_.begin());
+        try {
+            return open_.emplace(dir, Xapian::Database(dir)).first->second;
+        } catch (const Xapian::DatabaseOpeningError &) {
+            throw Failure(kNotFound, "no index in " + dir);
+        }
+    }
+
+    std::map<std::string, Xapian::Database> open_;
 };
+
+// The documents that `user` may not read: those holding a restriction term
+// that the user does not pass.  Restrictions are few (owners, groups and
+// modes in use), so the filter is a short list of terms whose posting lists
+// do the work.  An empty query when nothing is hidden.
+Xapian::Query HiddenFrom(const Xapian::Database &db, const Credentials &user) {
+    std::vector<std::string> hidden;
+    Restriction restriction;
+    for (Xapian::TermIterator t = db.allterms_begin(xap::kRestrictionPrefix);
+         t != db.allterms_end(xap::kRestrictionPrefix); ++t)
+        if (!xap::ParseRestrictionTerm(*t, &restriction) || !Passes(user, restriction)) hidden.push_back(*t);
+    return Xapian::Query(Xapian::Query::OP_OR, hidden.begin(), hidden.end());
+}
 
 // The match of a plan: the page of hits and the exact total.
 struct Match {
-    Match(Xapian::Database &db, const SearchPlan &plan) : enquire(db) {
-        enquire.set_query(xap::ParseQuery(plan.query, db));
-        if (!plan.sort.empty()) {
-            sorter.reset(new xap::SortKeyMaker(plan.sort));
-            enquire.set_sort_by_key_then_relevance(sorter.get(), false);
+    Match(const Xapian::Database &db, const SearchPlan &plan) : enquire(db) {
+        query = xap::ParseQuery(plan.query, db);
+        if (plan.reader != nullptr && plan.reader->uid != 0) {
+            const Xapian::Query hidden = HiddenFrom(db, *plan.reader);
+            if (!hidden.empty()) query = Xapian::Query(Xapian::Query::OP_AND_NOT, query, hidden);
         }
-        if (plan.reader != nullptr && plan.reader->uid != 0) decider.reset(new PermissionDecider(*plan.reader));
+        enquire.set_query(query);
+        xap::SetSortOrder(plan.sort, &enquire, &maker);
         if (plan.time_budget_s > 0) enquire.set_time_limit(plan.time_budget_s);
         // Checking every document makes the count exact, not an estimate.
-        mset = enquire.get_mset(plan.from, plan.size, db.get_doccount(), nullptr, decider.get());
+        mset = enquire.get_mset(plan.from, plan.size, db.get_doccount());
         if (mset.get_matches_lower_bound() != mset.get_matches_upper_bound())
             throw Failure(kBusy, "search took too long");
     }
 
     Xapian::Enquire enquire;
-    std::unique_ptr<xap::SortKeyMaker> sorter;
-    std::unique_ptr<PermissionDecider> decider;
+    Xapian::Query query;
+    std::unique_ptr<Xapian::MultiValueKeyMaker> maker;
     Xapian::MSet mset;
 };
+
+bool FormatIsCurrent(const Xapian::Database &db) {
+    return db.get_metadata(xap::kFormatKey) == xap::kFormat || db.get_doccount() == 0;
+}
 
 // A writer may commit while a search reads; the reader then reopens and runs
 // the search again, as long as nothing has been handed out yet.  Hits are
@@ -59,105 +113,105 @@ constexpr int kSearchAttempts = 3;
 
 class XapianSearchIndex : public SearchIndex {
 public:
-    explicit XapianSearchIndex(const std::string &dir) : db_(dir) {}
+    explicit XapianSearchIndex(const std::string &dir) : dir_(dir) {}
 
     void Search(const SearchPlan &plan, const std::function<void(uint64_t)> &on_total,
                 const std::function<bool(const Hit &)> &on_hit) override {
         bool started = false;
-        for (int attempt = 1;; ++attempt) {
-            try {
-                Run(plan, on_total, on_hit, &started);
-                return;
-            } catch (const Xapian::DatabaseModifiedError &e) {
-                if (started || attempt == kSearchAttempts)
-                    throw Failure(kInternal, "index changed during the search: " + e.get_msg());
-                db_.reopen();
-            } catch (const Xapian::Error &e) {
-                throw Failure(kInternal, e.get_description());
-            }
-        }
+        Retry([&](Xapian::Database &db) {
+            if (started) throw Failure(kInternal, "index changed during the search");
+            const Match match(db, plan);
+            started = true;
+            on_total(match.mset.get_matches_estimated());
+            for (Xapian::MSetIterator it = match.mset.begin(); it != match.mset.end(); ++it)
+                if (!on_hit(MakeHit(db, match, it, plan))) return;
+        });
     }
 
     uint64_t PageIds(const SearchPlan &plan, std::vector<uint32_t> *ids) override {
-        try {
-            Match match(db_, plan);
-            ids->clear();
-            for (Xapian::MSetIterator it = match.mset.begin(); it != match.mset.end(); ++it) ids->push_back(*it);
-            return match.mset.get_matches_estimated();
-        } catch (const Xapian::Error &e) {
-            throw Failure(kInternal, e.get_description());
-        }
+        uint64_t total = 0;
+        Retry([&](Xapian::Database &db) {
+            const Match match(db, plan);
+            ids->assign(match.mset.begin(), match.mset.end());
+            total = match.mset.get_matches_estimated();
+        });
+        return total;
     }
 
     bool Fetch(uint32_t doc_id, Json::Value *fields, std::string *access) override {
         if (doc_id == 0) return false;
+        bool found = false;
+        Retry([&](Xapian::Database &db) {
+            try {
+                const Xapian::Document doc = db.get_document(doc_id);
+                *access = doc.get_value(xap::kAccessSlot);
+                found = xap::DecodeData(doc.get_data(), fields);
+                std::string text;
+                if (found && xap::ReadTextStart(db, doc_id, doc, &text)) (*fields)[field::kTextContent] = text;
+            } catch (const Xapian::DocNotFoundError &) {
+                found = false;
+            }
+        });
+        return found;
+    }
+
+private:
+    // Runs `action` on the open database, again on a fresh one when a commit
+    // or a rebuild overtook it.
+    template <class F>
+    void Retry(F action) {
         for (int attempt = 1;; ++attempt) {
             try {
-                const Xapian::Document doc = db_.get_document(doc_id);
-                *access = doc.get_value(xap::kAccessSlot);
-                return xap::DecodeData(doc.get_data(), true, fields);
-            } catch (const Xapian::DocNotFoundError &) {
-                return false;
+                Xapian::Database &db = OpenDatabases::Get(dir_);
+                if (!FormatIsCurrent(db))
+                    throw Failure(kBusy, "the index has an older format: run zarnelasticd index to rebuild it");
+                action(db);
+                return;
             } catch (const Xapian::DatabaseModifiedError &e) {
-                if (attempt == kSearchAttempts) throw Failure(kInternal, e.get_description());
-                db_.reopen();
+                if (attempt == kSearchAttempts) throw Failure(kInternal, "index changed during the search: " + e.get_msg());
+                OpenDatabases::Drop(dir_);
             } catch (const Xapian::Error &e) {
+                OpenDatabases::Drop(dir_);
                 throw Failure(kInternal, e.get_description());
             }
         }
     }
 
-private:
-    void Run(const SearchPlan &plan, const std::function<void(uint64_t)> &on_total,
-             const std::function<bool(const Hit &)> &on_hit, bool *started) {
-        Match match(db_, plan);
-        *started = true;
-        on_total(match.mset.get_matches_estimated());
-        for (Xapian::MSetIterator it = match.mset.begin(); it != match.mset.end(); ++it)
-            if (!on_hit(MakeHit(match.mset, it, plan))) return;
-    }
-
-    static Hit MakeHit(const Xapian::MSet &mset, const Xapian::MSetIterator &it,
+    static Hit MakeHit(const Xapian::Database &db, const Match &match, const Xapian::MSetIterator &it,
                        const SearchPlan &plan) {
         Hit hit;
         hit.doc_id = *it;
+        const Xapian::Document doc = it.get_document();
         Json::Value stored;
-        if (!xap::DecodeData(it.get_document().get_data(), NeedsText(plan), &stored))
-            stored = Json::Value(Json::objectValue);
+        if (!xap::DecodeData(doc.get_data(), &stored)) stored = Json::Value(Json::objectValue);
         hit.fields = Json::Value(Json::objectValue);
-        for (const std::string &name : plan.fields)
-            if (stored.isMember(name)) hit.fields[name] = stored[name];
+        for (const std::string &name : plan.fields) {
+            std::string text;
+            if (name == field::kTextContent) {
+                if (xap::ReadTextStart(db, hit.doc_id, doc, &text)) hit.fields[name] = text;
+            } else if (stored.isMember(name)) {
+                hit.fields[name] = stored[name];
+            }
+        }
         for (const HighlightRequest &request : plan.highlight) {
-            const Json::Value &text = stored[request.field];
-            if (!text.isString()) continue;
-            const std::string fragment = CutFragment(
-                mset.snippet(text.asString(), request.frag_length, Xapian::Stem(),
-                             Xapian::MSet::SNIPPET_EMPTY_WITHOUT_MATCH | xap::kTermFlags,
-                             kHighlightStart, kHighlightEnd, "\xE2\x80\xA6"),
-                request.frag_length);
+            std::string fragment;
+            if (request.field == field::kTextContent)
+                fragment = xap::HighlightText(match.mset, db, hit.doc_id, doc, match.query, request.frag_length);
+            else if (stored[request.field].isString())
+                fragment = xap::HighlightField(match.mset, stored[request.field].asString(), request.frag_length);
+            fragment = CutFragment(fragment, request.frag_length);
             if (!fragment.empty()) hit.highlight[request.field] = fragment;
         }
         return hit;
     }
 
-    static bool NeedsText(const SearchPlan &plan) {
-        return !plan.highlight.empty() ||
-               std::find(plan.fields.begin(), plan.fields.end(), field::kTextContent) != plan.fields.end();
-    }
-
-    Xapian::Database db_;
+    const std::string dir_;
 };
 
 }  // namespace
 
 std::unique_ptr<SearchIndex> OpenSearchIndex(const std::string &dir) {
-    try {
-        return std::unique_ptr<SearchIndex>(new XapianSearchIndex(dir));
-    } catch (const Xapian::DatabaseOpeningError &e) {
-        throw Failure(kNotFound, "no index in " + dir);
-    } catch (const Xapian::Error &e) {
-        throw Failure(kInternal, e.get_description());
-    }
+    return std::unique_ptr<SearchIndex>(new XapianSearchIndex(dir));
 }
 
 }  // namespace zarnd

@@ -1,32 +1,33 @@
 #include "xapian_sort.h"
 
 #include "failure.h"
-#include "sort_key.h"
 #include "xapian_layout.h"
 
 namespace zarnd {
 namespace xap {
 
-SortKeyMaker::SortKeyMaker(const std::vector<SortKey> &keys) {
-    for (const SortKey &key : keys) {
-        const FieldLayout *layout = FindLayout(key.field);
-        if (layout == nullptr || layout->slot == Xapian::BAD_VALUENO)
-            throw Failure(kBadRequest, "cannot sort on field " + key.field);
-        // Numbers already sort by value.
-        parts_.push_back({layout->slot, key.descending, key.natural && !layout->numeric});
-    }
+namespace {
+
+Xapian::valueno SlotOf(const SortKey &key) {
+    const FieldLayout *layout = FindLayout(key.field);
+    if (layout == nullptr || layout->slot == Xapian::BAD_VALUENO)
+        throw Failure(kBadRequest, "cannot sort on field " + key.field);
+    // Numbers already sort by value.
+    return key.natural && layout->natural_slot != Xapian::BAD_VALUENO ? layout->natural_slot : layout->slot;
 }
 
-std::string SortKeyMaker::operator()(const Xapian::Document &doc) const {
-    std::string key;
-    for (const Part &part : parts_) {
-        const std::string value = doc.get_value(part.slot);
-        // Texts equal under natural order ("a01", "a1", "A1") still get one
-        // fixed order: by their bytes.
-        if (part.natural) AppendKeyComponent(&key, NaturalKey(value), part.descending);
-        AppendKeyComponent(&key, value, part.descending);
+}  // namespace
+
+void SetSortOrder(const std::vector<SortKey> &keys, Xapian::Enquire *enquire,
+                  std::unique_ptr<Xapian::MultiValueKeyMaker> *maker) {
+    if (keys.empty()) return;
+    if (keys.size() == 1) {
+        enquire->set_sort_by_value_then_relevance(SlotOf(keys[0]), keys[0].descending);
+        return;
     }
-    return key;
+    maker->reset(new Xapian::MultiValueKeyMaker);
+    for (const SortKey &key : keys) (*maker)->add_value(SlotOf(key), key.descending);
+    enquire->set_sort_by_key_then_relevance(maker->get(), false);
 }
 
 }  // namespace xap

@@ -1,8 +1,11 @@
-// Sorting hits by stored fields: a Xapian KeyMaker that joins the requested
-// sort keys into one composite key per document.
+// Sorting hits by stored fields through the value slots filled when
+// indexing: one key is Xapian's own sort by value, which every kind of
+// database runs, remote ones too; several keys join through a
+// MultiValueKeyMaker.
 #ifndef ZARND_XAPIAN_SORT_H
 #define ZARND_XAPIAN_SORT_H
 
+#include <memory>
 #include <vector>
 
 #include <xapian.h>
@@ -12,20 +15,11 @@
 namespace zarnd {
 namespace xap {
 
-class SortKeyMaker : public Xapian::KeyMaker {
-public:
-    // Failure kBadRequest for a field that is not kept for sorting.
-    explicit SortKeyMaker(const std::vector<SortKey> &keys);
-    std::string operator()(const Xapian::Document &doc) const override;
-
-private:
-    struct Part {
-        Xapian::valueno slot;
-        bool descending;
-        bool natural;
-    };
-    std::vector<Part> parts_;
-};
+// Sets the order of `enquire`: by the keys, then by relevance.  Failure
+// kBadRequest for a field that is not kept for sorting.  *maker receives the
+// key maker of a sort on several keys; it must outlive the match.
+void SetSortOrder(const std::vector<SortKey> &keys, Xapian::Enquire *enquire,
+                  std::unique_ptr<Xapian::MultiValueKeyMaker> *maker);
 
 }  // namespace xap
 }  // namespace zarnd

@@ -13,6 +13,7 @@
 #include "sort_key.h"
 #include "text_content.h"
 #include "xapian_document.h"
+#include "xapian_layout.h"
 
 namespace zarnd {
 namespace {
@@ -108,14 +109,28 @@ TEST(DaemonUnits, IndexedFoldersGroupedByShareWithoutNestedOrMalformedEntries) {
     EXPECT_TRUE(shares.empty());
 }
 
-// An index whose last id is already the largest a client can hold takes
-// updates but no new record.
-TEST(DaemonUnits, DocumentIdsStayWithinASigned32BitInt) {
+// An index of an older format is refused by searches and rebuilt by the
+// writer; an index whose last id is already the largest a client can hold
+// takes updates but no new record.
+TEST(DaemonUnits, OldFormatsAreRebuiltAndDocumentIdsStayWithinASigned32BitInt) {
+    Xapian::Document doc;
+    doc.add_boolean_term(xap::IdTerm("/s/last"));
+    Xapian::WritableDatabase("/var/index", Xapian::DB_CREATE_OR_OPEN).replace_document(kMaxDocId, doc);
+    SearchPlan plan;
+    std::vector<uint32_t> ids;
+    try {
+        OpenSearchIndex("/var/index")->PageIds(plan, &ids);
+        ADD_FAILURE() << "an index of an older format was searched";
+    } catch (const Failure &failure) {
+        EXPECT_EQ(kBusy, failure.code());
+        EXPECT_NE(std::string::npos, std::string(failure.what()).find("run zarnelasticd index")) << failure.what();
+    }
+    OpenIndexWriter("/var/index")->Commit();
+    EXPECT_EQ(0u, Xapian::Database("/var/index").get_doccount());  // rebuilt from nothing
     {
         Xapian::WritableDatabase db("/var/index", Xapian::DB_CREATE_OR_OPEN);
-        Xapian::Document doc;
-        doc.add_boolean_term(xap::IdTerm("/s/last"));
         db.replace_document(kMaxDocId, doc);
+        db.set_metadata(xap::kFormatKey, xap::kFormat);
     }
     FileRecord record;
     record.fields["ZARNMDPath"] = record.path = "/s/last";

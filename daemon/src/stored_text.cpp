@@ -1,0 +1,130 @@
+#include "stored_text.h"
+
+#include <zlib.h>
+
+#include "utf8.h"
+
+namespace zarnd {
+
+namespace {
+
+constexpr char kRaw = 'r';
+constexpr char kDeflated = 'z';
+
+bool IsBlank(char c) { return c == ' ' || c == '\n' || c == '\t' || c == '\r' || c == '\f' || c == '\v'; }
+
+bool IsWordByte(char c) {
+    const unsigned char u = static_cast<unsigned char>(c);
+    return u >= 0x80 || (u >= '0' && u <= '9') || (u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || c == '_' ||
+           c == '\'' || c == '&' || c == '+' || c == '#';
+}
+
+// The length of the next chunk of text[at...].
+size_t ChunkLength(const std::string &text, size_t at) {
+    const size_t left = text.size() - at;
+    if (left <= kTextChunkBytes) return left;
+    size_t cut = kTextChunkBytes;
+    while (cut > 0 && !IsBlank(text[at + cut - 1])) --cut;
+    if (cut == 0) {
+        cut = kTextChunkBytes;
+        while (cut > 0 && IsWordByte(text[at + cut - 1])) --cut;
+    }
+    if (cut == 0) cut = Utf8CutLength(text.substr(at, kTextChunkBytes + 4), kTextChunkBytes);
+    return cut == 0 ? kTextChunkBytes : cut;
+}
+
+}  // namespace
+
+std::vector<std::string> SplitText(const std::string &text) {
+    std::vector<std::string> chunks;
+    for (size_t at = 0; at < text.size();) {
+        const size_t length = ChunkLength(text, at);
+        chunks.push_back(text.substr(at, length));
+        at += length;
+    }
+    return chunks;
+}
+
+struct ChunkPacker::State {
+    z_stream stream{};
+    bool ready = false;
+};
+
+ChunkPacker::ChunkPacker() : state_(new State) {
+    // Raw deflate at the fastest level: chunks are small, and indexing time
+    // matters more than the last percent of size.
+    state_->ready = deflateInit2(&state_->stream, Z_BEST_SPEED, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY) == Z_OK;
+}
+
+ChunkPacker::~ChunkPacker() {
+    if (state_->ready) deflateEnd(&state_->stream);
+}
+
+std::string ChunkPacker::Pack(const std::string &chunk) {
+    std::string packed(1, kRaw);
+    if (state_->ready && deflateReset(&state_->stream) == Z_OK) {
+        z_stream &z = state_->stream;
+        std::string out(1 + deflateBound(&z, chunk.size()), kDeflated);
+        z.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(chunk.data()));
+        z.avail_in = static_cast<uInt>(chunk.size());
+        z.next_out = reinterpret_cast<Bytef *>(&out[1]);
+        z.avail_out = static_cast<uInt>(out.size() - 1);
+        if (deflate(&z, Z_FINISH) == Z_STREAM_END && z.total_out < chunk.size()) {
+            out.resize(1 + z.total_out);
+            return out;
+        }
+    }
+    return packed + chunk;
+}
+
+bool UnpackChunk(const std::string &packed, std::string *chunk) {
+    chunk->clear();
+    if (packed.empty()) return false;
+    if (packed[0] == kRaw) {
+        chunk->assign(packed, 1, std::string::npos);
+        return true;
+    }
+    if (packed[0] != kDeflated) return false;
+    z_stream z{};
+    if (inflateInit2(&z, -15) != Z_OK) return false;
+    z.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(packed.data() + 1));
+    z.avail_in = static_cast<uInt>(packed.size() - 1);
+    // A chunk is never larger than kTextChunkBytes; more is damage.
+    chunk->resize(kTextChunkBytes + 1);
+    z.next_out = reinterpret_cast<Bytef *>(&(*chunk)[0]);
+    z.avail_out = static_cast<uInt>(chunk->size());
+    const int status = inflate(&z, Z_FINISH);
+    chunk->resize(z.total_out);
+    inflateEnd(&z);
+    return status == Z_STREAM_END && chunk->size() <= kTextChunkBytes;
+}
+
+std::string EncodeChunkStarts(const std::vector<uint32_t> &starts) {
+    std::string out;
+    for (uint32_t value : starts) {
+        for (; value >= 0x80; value >>= 7) out.push_back(static_cast<char>(0x80 | (value & 0x7f)));
+        out.push_back(static_cast<char>(value));
+    }
+    return out;
+}
+
+bool DecodeChunkStarts(const std::string &encoded, std::vector<uint32_t> *starts) {
+    starts->clear();
+    uint32_t value = 0;
+    unsigned shift = 0;
+    for (char c : encoded) {
+        const unsigned char byte = static_cast<unsigned char>(c);
+        if (shift > 28) return false;
+        value |= uint32_t{byte & 0x7fu} << shift;
+        if (byte & 0x80) {
+            shift += 7;
+            continue;
+        }
+        starts->push_back(value);
+        value = 0;
+        shift = 0;
+    }
+    return shift == 0;
+}
+
+}  // namespace zarnd
