@@ -9,6 +9,7 @@
 #include "json_text.h"
 #include "log.h"
 #include "perm.h"
+#include "reply_buffer.h"
 #include "request.h"
 #include "share_index.h"
 #include "utf8.h"
@@ -132,9 +133,9 @@ void ServeConnection(int fd, const Peer &peer) {
                  errno);
         return;
     }
-    HandleRequest(text, peer, [fd](const std::string &packet) {
-        return zarndaemon::io::PacketWrite(fd, packet);
-    });
+    ReplyBuffer reply(fd);
+    HandleRequest(text, peer, [&reply](const std::string &packet) { return reply.Add(packet); });
+    reply.Flush();
 }
 
 }  // namespace zarnd

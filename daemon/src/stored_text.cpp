@@ -3,6 +3,7 @@
 #include <zlib.h>
 
 #include "utf8.h"
+#include "varint.h"
 
 namespace zarnd {
 
@@ -12,12 +13,6 @@ constexpr char kRaw = 'r';
 constexpr char kDeflated = 'z';
 
 bool IsBlank(char c) { return c == ' ' || c == '\n' || c == '\t' || c == '\r' || c == '\f' || c == '\v'; }
-
-bool IsWordByte(char c) {
-    const unsigned char u = static_cast<unsigned char>(c);
-    return u >= 0x80 || (u >= '0' && u <= '9') || (u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || c == '_' ||
-           c == '\'' || c == '&' || c == '+' || c == '#';
-}
 
 // The length of the next chunk of text[at...].
 size_t ChunkLength(const std::string &text, size_t at) {
@@ -34,6 +29,12 @@ size_t ChunkLength(const std::string &text, size_t at) {
 }
 
 }  // namespace
+
+bool IsWordByte(char c) {
+    const unsigned char u = static_cast<unsigned char>(c);
+    return u >= 0x80 || (u >= '0' && u <= '9') || (u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || c == '_' ||
+           c == '\'' || c == '&' || c == '+' || c == '#';
+}
 
 std::vector<std::string> SplitText(const std::string &text) {
     std::vector<std::string> chunks;
@@ -77,11 +78,11 @@ std::string ChunkPacker::Pack(const std::string &chunk) {
     return packed + chunk;
 }
 
-bool UnpackChunk(const std::string &packed, std::string *chunk) {
+bool UnpackChunk(const std::string &packed, std::string *chunk, size_t limit) {
     chunk->clear();
     if (packed.empty()) return false;
     if (packed[0] == kRaw) {
-        chunk->assign(packed, 1, std::string::npos);
+        chunk->assign(packed, 1, limit);
         return true;
     }
     if (packed[0] != kDeflated) return false;
@@ -90,41 +91,31 @@ bool UnpackChunk(const std::string &packed, std::string *chunk) {
     z.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(packed.data() + 1));
     z.avail_in = static_cast<uInt>(packed.size() - 1);
     // A chunk is never larger than kTextChunkBytes; more is damage.
-    chunk->resize(kTextChunkBytes + 1);
+    const bool whole = limit > kTextChunkBytes;
+    chunk->resize(whole ? kTextChunkBytes + 1 : limit);
     z.next_out = reinterpret_cast<Bytef *>(&(*chunk)[0]);
     z.avail_out = static_cast<uInt>(chunk->size());
     const int status = inflate(&z, Z_FINISH);
     chunk->resize(z.total_out);
     inflateEnd(&z);
-    return status == Z_STREAM_END && chunk->size() <= kTextChunkBytes;
+    return whole ? status == Z_STREAM_END && chunk->size() <= kTextChunkBytes
+                 : status == Z_STREAM_END || (status == Z_BUF_ERROR && chunk->size() == limit);
 }
 
 std::string EncodeChunkStarts(const std::vector<uint32_t> &starts) {
     std::string out;
-    for (uint32_t value : starts) {
-        for (; value >= 0x80; value >>= 7) out.push_back(static_cast<char>(0x80 | (value & 0x7f)));
-        out.push_back(static_cast<char>(value));
-    }
+    for (uint32_t start : starts) PutVarint(&out, start);
     return out;
 }
 
 bool DecodeChunkStarts(const std::string &encoded, std::vector<uint32_t> *starts) {
     starts->clear();
-    uint32_t value = 0;
-    unsigned shift = 0;
-    for (char c : encoded) {
-        const unsigned char byte = static_cast<unsigned char>(c);
-        if (shift > 28) return false;
-        value |= uint32_t{byte & 0x7fu} << shift;
-        if (byte & 0x80) {
-            shift += 7;
-            continue;
-        }
-        starts->push_back(value);
-        value = 0;
-        shift = 0;
+    for (size_t at = 0; at < encoded.size();) {
+        uint64_t start = 0;
+        if (!GetVarint(encoded, &at, &start) || start > UINT32_MAX) return false;
+        starts->push_back(static_cast<uint32_t>(start));
     }
-    return shift == 0;
+    return true;
 }
 
 }  // namespace zarnd

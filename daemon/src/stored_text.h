@@ -13,12 +13,16 @@
 
 namespace zarnd {
 
-constexpr size_t kTextChunkBytes = 4096;
+constexpr size_t kTextChunkBytes = 1024;
 
 // The text content handed out as a field, of a hit or of a document lookup:
 // its first bytes, cut between characters.  Clients keep a few hundred bytes
 // of it at most; the whole text is for searching and highlighting.
-constexpr size_t kReturnedTextBytes = 4096;
+constexpr size_t kReturnedTextBytes = 2048;
+
+// Whether a byte may belong to a word (what the engine indexes as one term
+// is never split at such a byte); non-ASCII bytes count as word bytes.
+bool IsWordByte(char c);
 
 // Cuts `text` (valid UTF-8) into chunks of at most kTextChunkBytes: after the
 // last blank that fits, else after the last ASCII character that is no part
@@ -41,8 +45,9 @@ private:
     std::unique_ptr<State> state_;
 };
 
-// False for bytes that Pack did not make.
-bool UnpackChunk(const std::string &packed, std::string *chunk);
+// The chunk, or its first `limit` bytes; false for bytes that Pack did not
+// make.
+bool UnpackChunk(const std::string &packed, std::string *chunk, size_t limit = SIZE_MAX);
 
 // Where each chunk starts in the document's term positions: chunk k holds
 // the positions above starts[k] up to starts[k + 1].

@@ -1,8 +1,8 @@
 #include "xapian_document.h"
 
-#include "json_text.h"
 #include "schema.h"
 #include "utf8.h"
+#include "varint.h"
 #include "xapian_layout.h"
 
 namespace zarnd {
@@ -60,8 +60,47 @@ void AddRestrictions(const std::string &access, Xapian::Document *doc) {
 
 }  // namespace
 
+// A document's data: for each stored field, in layout order, its index
+// (with the top bit set for an integer) and its value, a zigzag varint or a
+// varint length and the bytes.  Hits decode it without a JSON parse.
+std::string EncodeData(const Json::Value &fields) {
+    std::string data;
+    size_t count = 0;
+    const FieldLayout *layouts = FieldLayouts(&count);
+    for (size_t i = 0; i < count; ++i) {
+        const Json::Value &value = fields[layouts[i].field];
+        if (value.isIntegral() && value.isInt64()) {
+            const int64_t n = value.asInt64();
+            data.push_back(static_cast<char>(0x80 | i));
+            PutVarint(&data, (static_cast<uint64_t>(n) << 1) ^ static_cast<uint64_t>(n >> 63));
+        } else if (value.isString() && layouts[i].field != std::string(field::kTextContent)) {
+            const std::string text = value.asString();
+            data.push_back(static_cast<char>(i));
+            PutVarint(&data, text.size());
+            data += text;
+        }
+    }
+    return data;
+}
+
 bool DecodeData(const std::string &data, Json::Value *fields) {
-    return zarn::json::FromString(data, fields) && fields->isObject();
+    *fields = Json::Value(Json::objectValue);
+    size_t count = 0;
+    const FieldLayout *layouts = FieldLayouts(&count);
+    for (size_t at = 0; at < data.size();) {
+        const unsigned char tag = static_cast<unsigned char>(data[at++]);
+        uint64_t number = 0;
+        if ((tag & 0x7f) >= count || !GetVarint(data, &at, &number)) return false;
+        Json::Value &value = (*fields)[layouts[tag & 0x7f].field];
+        if (tag & 0x80) {
+            value = Json::Int64(static_cast<int64_t>(number >> 1) ^ -static_cast<int64_t>(number & 1));
+        } else {
+            if (number > data.size() - at) return false;
+            value = data.substr(at, number);
+            at += number;
+        }
+    }
+    return true;
 }
 
 std::string IdTerm(const std::string &path) { return BoundedTerm(kIdPrefix, path); }
@@ -85,9 +124,7 @@ Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *
     AddRestrictions(record.access, &doc);
     doc.add_value(kAccessSlot, record.access);
     doc.add_value(kSignatureSlot, record.signature);
-    Json::Value fields = record.fields;
-    fields.removeMember(field::kTextContent);
-    doc.set_data(zarn::json::ToString(fields));
+    doc.set_data(EncodeData(record.fields));
     return doc;
 }
 
@@ -97,8 +134,10 @@ bool ReadTextStart(const Xapian::Database &db, Xapian::docid doc_id, const Xapia
     std::vector<uint32_t> starts;
     if (!DecodeChunkStarts(doc.get_value(kTextLayoutSlot), &starts) || starts.empty()) return false;
     std::string chunk;
+    // A few bytes beyond the cap let the cut fall between characters.
     for (unsigned k = 0; k < starts.size() && text->size() < kReturnedTextBytes; ++k) {
-        if (!UnpackChunk(db.get_metadata(TextChunkKey(doc_id, k)), &chunk)) break;
+        if (!UnpackChunk(db.get_metadata(TextChunkKey(doc_id, k)), &chunk, kReturnedTextBytes + 4 - text->size()))
+            break;
         *text += chunk;
     }
     text->resize(Utf8CutLength(*text, kReturnedTextBytes));

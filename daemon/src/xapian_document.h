@@ -1,5 +1,5 @@
 // A FileRecord as a Xapian document: its fields (the text content left out)
-// as JSON data, slot values for sorting and lookups, the terms that queries
+// as compact data, slot values for sorting and lookups, the terms that queries
 // match, and its text content cut into chunks to be kept beside it.
 #ifndef ZARND_XAPIAN_DOCUMENT_H
 #define ZARND_XAPIAN_DOCUMENT_H
@@ -24,7 +24,10 @@ constexpr unsigned kTermFlags = Xapian::TermGenerator::FLAG_CJK_NGRAM;
 Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *generator, ChunkPacker *packer,
                                std::vector<std::string> *text_chunks);
 
-// The fields of a document's data; false when it holds no JSON object.
+// The fields of a record (integers and strings of the layout's fields, the
+// text content left out) as a document's data, and back; false for data
+// that EncodeData did not make.
+std::string EncodeData(const Json::Value &fields);
 bool DecodeData(const std::string &data, Json::Value *fields);
 
 // The unique term that names the document of `path`.

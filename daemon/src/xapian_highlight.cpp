@@ -1,7 +1,7 @@
 #include "xapian_highlight.h"
 
 #include <algorithm>
-#include <map>
+#include <cstring>
 #include <utility>
 #include <vector>
 
@@ -30,9 +30,9 @@ bool HasWildcard(const Xapian::Query &query) {
 // (position, which term) of every occurrence of the query's words in the
 // text content; words of other fields carry an upper-case prefix.
 std::vector<std::pair<Xapian::termpos, unsigned>> MatchPositions(const Xapian::Database &db, Xapian::docid doc_id,
-                                                                 const Xapian::Query &query) {
+                                                                 const Xapian::Query &query, unsigned *words) {
     std::vector<std::pair<Xapian::termpos, unsigned>> positions;
-    unsigned index = 0;
+    unsigned &index = *words = 0;
     for (Xapian::TermIterator t = query.get_unique_terms_begin(); t != query.get_unique_terms_end(); ++t) {
         const std::string term = *t;
         if (term.empty() || (term[0] >= 'A' && term[0] <= 'Z')) continue;
@@ -47,42 +47,65 @@ std::vector<std::pair<Xapian::termpos, unsigned>> MatchPositions(const Xapian::D
 
 // The first position of the window of `width` positions that holds the most
 // different words, the earliest of equals.
-Xapian::termpos DensestWindow(const std::vector<std::pair<Xapian::termpos, unsigned>> &positions,
+Xapian::termpos DensestWindow(const std::vector<std::pair<Xapian::termpos, unsigned>> &positions, unsigned words,
                               Xapian::termpos width) {
-    std::map<unsigned, size_t> inside;
-    size_t best = 0;
+    std::vector<size_t> inside(words);
+    size_t different = 0, best = 0;
     Xapian::termpos anchor = positions.front().first;
     for (size_t begin = 0, end = 0; end < positions.size(); ++end) {
-        ++inside[positions[end].second];
-        while (positions[end].first - positions[begin].first >= width) {
-            if (--inside[positions[begin].second] == 0) inside.erase(positions[begin].second);
-            ++begin;
-        }
-        if (inside.size() > best) {
-            best = inside.size();
+        if (inside[positions[end].second]++ == 0) ++different;
+        while (positions[end].first - positions[begin].first >= width)
+            if (--inside[positions[begin++].second] == 0) --different;
+        if (different > best) {
+            best = different;
             anchor = positions[begin].first;
         }
     }
     return anchor;
 }
 
-// Snippet over chunks [first, last] of the text, marked as cut where the
-// chunks do not reach the text's ends.
-std::string SnippetOfChunks(const Xapian::MSet &mset, const Xapian::Database &db, Xapian::docid doc_id, size_t first,
-                            size_t last, size_t chunk_count, size_t frag_length) {
-    std::string text, chunk;
-    for (size_t k = first; k <= last; ++k) {
-        if (!UnpackChunk(db.get_metadata(TextChunkKey(doc_id, static_cast<unsigned>(k))), &chunk)) return "";
-        text += chunk;
-    }
+bool EndsWith(const std::string &text, const char *tail) {
+    const size_t n = std::strlen(tail);
+    return text.size() >= n && text.compare(text.size() - n, n, tail) == 0;
+}
+
+// The snippet of `text`, a window of the whole text content, marked as cut
+// where the window does not reach the text's ends.
+std::string SnippetOfWindow(const Xapian::MSet &mset, const std::string &text, bool cut_before, bool cut_after,
+                            size_t frag_length) {
     std::string fragment = HighlightField(mset, text, frag_length);
     if (fragment.empty()) return fragment;
-    if (first > 0 && fragment.compare(0, sizeof kOmit - 1, kOmit) != 0) fragment = kOmit + fragment;
-    if (last + 1 < chunk_count &&
-        (fragment.size() < sizeof kOmit - 1 || fragment.compare(fragment.size() - (sizeof kOmit - 1), std::string::npos, kOmit) != 0))
-        fragment += kOmit;
+    if (cut_before && fragment.compare(0, std::strlen(kOmit), kOmit) != 0) fragment = kOmit + fragment;
+    if (cut_after && !EndsWith(fragment, kOmit)) fragment += kOmit;
     return fragment;
 }
+
+// Chunks [first, last] of the text content, one after the other; false when
+// one cannot be read.
+bool ReadChunks(const Xapian::Database &db, Xapian::docid doc_id, size_t first, size_t last, std::string *text) {
+    text->clear();
+    std::string chunk;
+    for (size_t k = first; k <= last; ++k) {
+        if (!UnpackChunk(db.get_metadata(TextChunkKey(doc_id, static_cast<unsigned>(k))), &chunk)) return false;
+        *text += chunk;
+    }
+    return true;
+}
+
+// Where in `text` the word after the first `words` words begins, counting
+// words as runs of word bytes: close to what the engine counts, which is
+// enough to place a window around it.
+size_t OffsetOfWord(const std::string &text, size_t words) {
+    size_t at = 0;
+    for (size_t seen = 0; at < text.size(); ++seen) {
+        while (at < text.size() && !IsWordByte(text[at])) ++at;
+        if (seen == words) break;
+        while (at < text.size() && IsWordByte(text[at])) ++at;
+    }
+    return at;
+}
+
+bool IsContinuationByte(char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; }
 
 }  // namespace
 
@@ -98,29 +121,48 @@ std::string HighlightText(const Xapian::MSet &mset, const Xapian::Database &db, 
     const size_t count = starts.size();
     // Chunks on each side that a fragment of this length may need.
     const size_t reach = frag_length / kTextChunkBytes + 1;
-    const auto positions = MatchPositions(db, doc_id, query);
+    unsigned words = 0;
+    const auto positions = MatchPositions(db, doc_id, query, &words);
     if (positions.empty()) {
         // Only a wildcard can still match here, and its words are not known:
         // look through the text from its start until one shows.
         if (!HasWildcard(query)) return "";
+        std::string text;
         for (size_t first = 0; first < count; first += reach + 1) {
-            const std::string fragment =
-                SnippetOfChunks(mset, db, doc_id, first, std::min(count - 1, first + reach), count, frag_length);
+            const size_t last = std::min(count - 1, first + reach);
+            if (!ReadChunks(db, doc_id, first, last, &text)) break;
+            const std::string fragment = SnippetOfWindow(mset, text, first > 0, last + 1 < count, frag_length);
             if (!fragment.empty()) return fragment;
         }
         return "";
     }
     // About six bytes a word: the words a fragment can show.
     const Xapian::termpos width = static_cast<Xapian::termpos>(std::max<size_t>(8, frag_length / 6));
-    const Xapian::termpos anchor = DensestWindow(positions, width);
-    const size_t k = static_cast<size_t>(std::upper_bound(starts.begin(), starts.end(), anchor - 1) - starts.begin());
-    const size_t chunk = k == 0 ? 0 : k - 1;
-    // A neighbour is read only when the window comes near its side.
-    const bool near_start = anchor - starts[chunk] <= width;
-    const bool near_end = chunk + 1 < count && starts[chunk + 1] - anchor <= 2 * width;
-    const size_t first = near_start ? chunk - std::min(chunk, reach) : chunk;
-    const size_t last = near_end ? std::min(count - 1, chunk + reach) : chunk;
-    return SnippetOfChunks(mset, db, doc_id, first, last, count, frag_length);
+    const Xapian::termpos anchor = DensestWindow(positions, words, width);
+    const size_t chunk =
+        static_cast<size_t>(std::upper_bound(starts.begin(), starts.end(), anchor - 1) - starts.begin()) - 1;
+    // The window: a fragment's length before the anchor, two after it,
+    // reaching into the neighbouring chunks only where it must.
+    std::string text;
+    if (!ReadChunks(db, doc_id, chunk, chunk, &text)) return "";
+    size_t offset = OffsetOfWord(text, anchor - starts[chunk] - 1);
+    size_t first = chunk, last = chunk;
+    std::string more;
+    while (offset < frag_length && first > 0 && ReadChunks(db, doc_id, first - 1, first - 1, &more)) {
+        text.insert(0, more);
+        offset += more.size();
+        --first;
+    }
+    while (text.size() - offset < 2 * frag_length && last + 1 < count && ReadChunks(db, doc_id, last + 1, last + 1, &more)) {
+        text += more;
+        ++last;
+    }
+    size_t begin = offset > frag_length ? offset - frag_length : 0;
+    while (begin < text.size() && IsContinuationByte(text[begin])) ++begin;
+    size_t end = std::min(text.size(), offset + 2 * frag_length);
+    while (end < text.size() && IsContinuationByte(text[end])) ++end;
+    return SnippetOfWindow(mset, text.substr(begin, end - begin), first > 0 || begin > 0, last + 1 < count || end < text.size(),
+                           frag_length);
 }
 
 }  // namespace xap

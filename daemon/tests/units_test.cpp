@@ -3,6 +3,8 @@
 // and the last document id.
 #include <sys/mman.h>
 
+#include <random>
+
 #include <gtest/gtest.h>
 
 #include "harness.h"
@@ -37,6 +39,39 @@ TEST(DaemonUnits, ModeBitsOfTheFileAndEveryFolderAbove) {
     // A damaged chain grants nothing.
     EXPECT_FALSE(MayRead({1000, {}}, ""));
     EXPECT_FALSE(MayRead({1000, {}}, EncodeAccessChain({{0, 0, 0100644}}).substr(0, 11)));
+}
+
+// The permission filter of a search against the mode bits read directly:
+// random chains of mixed owners, groups and modes, users of every kind.
+TEST(DaemonUnits, PermissionFilterHidesExactlyWhatTheModeBitsHide) {
+    std::mt19937 random(7);
+    const uint32_t ids[] = {0, 100, 1000, 1001, 1002};
+    const uint32_t modes[] = {0755, 0750, 0700, 0711, 0705, 0070, 0007, 0644, 0640, 0600, 0604, 0074, 0000, 0777};
+    std::unique_ptr<IndexWriter> writer = OpenIndexWriter("/var/perm");
+    std::vector<std::string> chains;
+    for (int n = 0; n < 400; ++n) {
+        AccessChain chain;
+        for (size_t depth = 1 + random() % 4; chain.size() < depth;)
+            chain.push_back({ids[random() % 5], ids[random() % 5], modes[random() % 14]});
+        FileRecord record;
+        record.fields["ZARNMDPath"] = record.path = "/s/" + std::to_string(n);
+        chains.push_back(record.access = EncodeAccessChain(chain));
+        writer->Put(record);
+    }
+    writer->Commit();
+    const Credentials users[] = {{0, {}}, {1000, {100}}, {1001, {100, 1002}}, {1002, {}}, {4242, {}}, {4242, {100}}};
+    for (const Credentials &user : users) {
+        SearchPlan plan;
+        plan.size = 1000;
+        plan.reader = &user;
+        std::vector<uint32_t> found, expected;
+        const uint64_t total = OpenSearchIndex("/var/perm")->PageIds(plan, &found);
+        for (uint32_t id = 1; id <= chains.size(); ++id)
+            if (MayRead(user, chains[id - 1])) expected.push_back(id);
+        std::sort(found.begin(), found.end());
+        EXPECT_EQ(expected, found) << user.uid;
+        EXPECT_EQ(expected.size(), total) << user.uid;
+    }
 }
 
 TEST(DaemonUnits, NaturalSortKeys) {
