@@ -90,6 +90,11 @@ public:
     // path -> signature of every stored record.
     virtual std::map<std::string, std::string> Signatures() = 0;
     virtual void Commit() = 0;
+    // Commits, and rewrites the index compactly when this writer changed a
+    // large part of it (a first build above all): documents that arrive in
+    // batches leave the engine's trees half full.  Searches move to the
+    // rewritten index at their next start.
+    virtual void Finish() = 0;
 };
 
 // Opens the index kept in directory `dir`; Failure kNotFound when there is none.

@@ -280,7 +280,7 @@ bool IndexShare(const std::string &share, const std::set<std::string> &folders, 
         ShareIndexer indexer(share, root, writer.get(), &progress);
         for (const std::string &folder : folders) indexer.IndexFolder(folder);
         indexer.RemoveUnseen();
-        writer->Commit();
+        writer->Finish();
         progress.Done(indexer.counts());
         const IndexCounts &c = indexer.counts();
         const double seconds = std::max(Seconds(start), 1e-3);

@@ -27,6 +27,14 @@ constexpr char kRestrictionPrefix[] = "XR";
 constexpr char kFormatKey[] = "zarnelasticd.format";
 constexpr char kFormat[] = "2";
 
+// A share's index directory holds a stub file naming the generation that
+// is current, "glass gen-N", and that generation's database in gen-N: a
+// rewritten index is put in place by replacing the stub, while searches go
+// on in the generation they opened.  An index directory that holds a
+// database itself is of the first format.
+constexpr char kStubFile[] = "XAPIANDB";
+constexpr char kPlainDatabaseFile[] = "iamglass";
+
 // How a query refers to a field's terms.
 enum class TermKind {
     kNone,      // not searchable by terms (numbers: ranges over the slot)

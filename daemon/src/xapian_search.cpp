@@ -40,30 +40,39 @@ private:
     static constexpr size_t kMaxOpen = 16;
 
     Xapian::Database &Find(const std::string &dir) {
-        // An index removed since stays open through its files: ask the directory.
+        // What the directory holds now, asked each time: an index removed
+        // or rewritten since stays open through the files of its time.
         struct stat st;
-        if (stat((dir + "/iamglass").c_str(), &st) != 0) {
+        ino_t current = 0;
+        if (stat((dir + "/" + xap::kStubFile).c_str(), &st) == 0)
+            current = st.st_ino;
+        else if (stat((dir + "/" + xap::kPlainDatabaseFile).c_str(), &st) != 0) {
             open_.erase(dir);
             throw Failure(kNotFound, "no index in " + dir);
         }
         auto it = open_.find(dir);
-        if (it != open_.end()) {
+        if (it != open_.end() && it->second.stub == current) {
             try {
-                it->second.reopen();
-                return it->second;
+                it->second.db.reopen();
+                return it->second.db;
             } catch (const Xapian::Error &) {
-                open_.erase(it);  // replaced by a rebuild: open it afresh
+                // Open it afresh below.
             }
         }
+        if (it != open_.end()) open_.erase(it);
         if (open_.size() >= kMaxOpen) open_.erase(open_.begin());
         try {
-            return open_.emplace(dir, Xapian::Database(dir)).first->second;
+            return open_.emplace(dir, Open{Xapian::Database(dir), current}).first->second.db;
         } catch (const Xapian::DatabaseOpeningError &) {
             throw Failure(kNotFound, "no index in " + dir);
         }
     }
 
-    std::map<std::string, Xapian::Database> open_;
+    struct Open {
+        Xapian::Database db;
+        ino_t stub;  // the inode of the stub it was opened through; 0: none
+    };
+    std::map<std::string, Open> open_;
 };
 
 // The documents that `user` may not read: those holding a restriction term

@@ -1,4 +1,12 @@
-// IndexWriter on a Xapian database.
+// IndexWriter on a Xapian database, kept in generations behind a stub.
+#include <dirent.h>
+#include <errno.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
 #include <memory>
 
 #include <xapian.h>
@@ -15,27 +23,94 @@ namespace zarnd {
 
 namespace {
 
-// An index made by an older indexer is rebuilt from nothing: its documents
-// lack what searches now rely on.
-int OpenFlags(const std::string &dir) {
-    try {
-        Xapian::Database existing(dir);
-        if (existing.get_doccount() > 0 && existing.get_metadata(xap::kFormatKey) != xap::kFormat) {
-            ZARN_LOG(LOG_NOTICE, "index %s has an older format: rebuilding it", dir.c_str());
-            return Xapian::DB_CREATE_OR_OVERWRITE;
-        }
-    } catch (const Xapian::Error &) {
-        // None there yet, or unreadable: opening for writing tells which.
+// The generation that the stub of `dir` names; 0 when there is no stub.
+unsigned CurrentGeneration(const std::string &dir) {
+    std::FILE *stub = std::fopen((dir + "/" + xap::kStubFile).c_str(), "re");
+    unsigned generation = 0;
+    if (stub != nullptr) {
+        if (std::fscanf(stub, "glass gen-%u", &generation) != 1) generation = 0;
+        std::fclose(stub);
     }
-    return Xapian::DB_CREATE_OR_OPEN;
+    return generation;
 }
+
+std::string GenerationDir(const std::string &dir, unsigned generation) {
+    return dir + "/gen-" + std::to_string(generation);
+}
+
+// Points the stub at `generation`, atomically: a reader sees the old stub
+// or the new one, never a part of one.
+void SetCurrentGeneration(const std::string &dir, unsigned generation) {
+    const std::string stub = dir + "/" + xap::kStubFile, fresh = stub + ".new";
+    std::FILE *out = std::fopen(fresh.c_str(), "we");
+    const bool written = out != nullptr && std::fprintf(out, "glass gen-%u\n", generation) > 0;
+    if (out != nullptr && std::fclose(out) != 0) throw Failure(kInternal, "cannot write " + fresh + ": " + std::strerror(errno));
+    if (!written || std::rename(fresh.c_str(), stub.c_str()) != 0)
+        throw Failure(kInternal, "cannot write " + stub + ": " + std::strerror(errno));
+}
+
+// Removes a directory of plain files: an old generation, or the tables of
+// an index of the first format (then `dir` itself stays).
+void RemoveDatabaseFiles(const std::string &dir, bool remove_dir) {
+    if (DIR *d = opendir(dir.c_str())) {
+        while (const dirent *entry = readdir(d)) {
+            const std::string name = entry->d_name;
+            const bool table = name.size() > 6 && name.compare(name.size() - 6, 6, ".glass") == 0;
+            if (remove_dir ? name != "." && name != ".." : table || name == xap::kPlainDatabaseFile || name == "flintlock")
+                unlink((dir + "/" + name).c_str());
+        }
+        closedir(d);
+    }
+    if (remove_dir) rmdir(dir.c_str());
+}
+
+// The generation to write: the current one, or a first one when there is
+// none or the index is of an older format, which is then rebuilt.
+unsigned GenerationToWrite(const std::string &dir) {
+    const unsigned current = CurrentGeneration(dir);
+    if (current > 0) {
+        try {
+            Xapian::Database existing(GenerationDir(dir, current));
+            if (existing.get_doccount() == 0 || existing.get_metadata(xap::kFormatKey) == xap::kFormat) return current;
+        } catch (const Xapian::DatabaseOpeningError &) {
+            return current;  // named but not made yet: opening for writing makes it
+        }
+    }
+    struct stat st;
+    if (current > 0 || stat((dir + "/" + xap::kPlainDatabaseFile).c_str(), &st) == 0)
+        ZARN_LOG(LOG_NOTICE, "index %s has an older format: rebuilding it", dir.c_str());
+    return current + 1;
+}
+
+// A new generation starts from nothing, whatever a run that died left there.
+int OpenFlags(const std::string &dir, unsigned generation) {
+    if (CurrentGeneration(dir) == generation) return Xapian::DB_CREATE_OR_OPEN;
+    RemoveDatabaseFiles(GenerationDir(dir, generation), true);
+    return Xapian::DB_CREATE;
+}
+
+// Documents changed, above which a run's end rewrites the index.
+constexpr double kCompactShare = 0.25;
 
 class XapianIndexWriter : public IndexWriter {
 public:
-    explicit XapianIndexWriter(const std::string &dir) : db_(dir, OpenFlags(dir)) {
+    XapianIndexWriter(const std::string &dir, unsigned generation)
+        : dir_(dir), generation_(generation),
+          db_(GenerationDir(dir, generation), OpenFlags(dir, generation)) {
         generator_.set_flags(xap::kTermFlags);
         generator_.set_max_word_length(64);  // longer "words" are noise (hashes, base64)
+        if (CurrentGeneration(dir) != generation) {
+            // A new generation: searches follow it from its first commit on,
+            // and the tables of a first-format index go.
+            db_.set_metadata(xap::kFormatKey, xap::kFormat);
+            db_.commit();
+            const unsigned old = CurrentGeneration(dir);
+            SetCurrentGeneration(dir, generation);
+            if (old > 0) RemoveDatabaseFiles(GenerationDir(dir, old), true);
+            RemoveDatabaseFiles(dir, false);
+        }
         db_.set_metadata(xap::kFormatKey, xap::kFormat);
+        documents_at_open_ = db_.get_doccount();
     }
 
     void Put(const FileRecord &record) override {
@@ -51,6 +126,7 @@ public:
             for (size_t k = 0; k < chunks_.size(); ++k) db_.set_metadata(xap::TextChunkKey(doc_id, k), chunks_[k]);
             for (size_t k = chunks_.size(); k < old_chunks; ++k) db_.set_metadata(xap::TextChunkKey(doc_id, k), "");
         });
+        ++changes_;
     }
 
     void Remove(const std::string &path) override {
@@ -60,6 +136,7 @@ public:
             const size_t chunks = ChunkCount(doc_id);
             db_.delete_document(doc_id);
             for (size_t k = 0; k < chunks; ++k) db_.set_metadata(xap::TextChunkKey(doc_id, k), "");
+            ++changes_;
         });
     }
 
@@ -85,6 +162,21 @@ public:
         Guard([&] { db_.commit(); });
     }
 
+    void Finish() override {
+        Commit();
+        if (changes_ < kCompactShare * std::max<Xapian::doccount>(documents_at_open_, db_.get_doccount())) return;
+        const std::string next = GenerationDir(dir_, generation_ + 1);
+        Guard([&] {
+            RemoveDatabaseFiles(next, true);  // left by a run that died while compacting
+            // Ids stay: clients hold them, and the text chunks are kept under them.
+            Xapian::Database(GenerationDir(dir_, generation_)).compact(next, Xapian::DBCOMPACT_NO_RENUMBER);
+        });
+        SetCurrentGeneration(dir_, generation_ + 1);
+        // The old generation stays locked by this writer until it closes;
+        // searches still inside it keep their open files.
+        RemoveDatabaseFiles(GenerationDir(dir_, generation_), true);
+    }
+
 private:
     template <class F>
     static void Guard(F action) {
@@ -107,7 +199,11 @@ private:
         return starts.size();
     }
 
+    const std::string dir_;
+    const unsigned generation_;
     Xapian::WritableDatabase db_;
+    Xapian::doccount documents_at_open_ = 0;
+    uint64_t changes_ = 0;  // documents put or removed
     Xapian::TermGenerator generator_;
     ChunkPacker packer_;
     std::vector<std::string> chunks_;  // of the record being put
@@ -117,7 +213,9 @@ private:
 
 std::unique_ptr<IndexWriter> OpenIndexWriter(const std::string &dir) {
     try {
-        return std::unique_ptr<IndexWriter>(new XapianIndexWriter(dir));
+        if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST)
+            throw Failure(kInternal, "cannot make " + dir + ": " + std::strerror(errno));
+        return std::unique_ptr<IndexWriter>(new XapianIndexWriter(dir, GenerationToWrite(dir)));
     } catch (const Xapian::DatabaseLockError &e) {
         throw Failure(kLocked, "index " + dir + " is being written by another process");
     } catch (const Xapian::Error &e) {

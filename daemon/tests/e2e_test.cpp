@@ -265,10 +265,16 @@ TEST_F(DaemonE2e, PermissionFilterHidesWhatTheUserCannotRead) {
 TEST_F(DaemonE2e, IncrementalRunTouchesOnlyWhatChanged) {
     EXPECT_EQ(0u, Index().out.find("docs: 0 added, 0 updated, 0 removed, 15 unchanged, 0 skipped"));
     Start();
-    ASSERT_EQ(0, Shell("cd /var/docs && echo 'The quick brown fox met a quokka' > fox.txt && rm logs/file1.log && "
+    std::map<std::string, int> ids;  // what a client may hold on to
+    for (const Json::Value &hit : Hits(Search("*"))) ids[hit["ZARNMDPath"].asString()] = hit["additional"]["doc_id"].asInt();
+    ASSERT_EQ(0, Shell("cd /var/docs && echo 'The quick brown fox met a quokka' > fox.txt && rm logs/file1.log bin.dat && "
                      "echo 'a zebra' > new.txt").status);
-    // fox.txt, and logs/ whose content changed.
-    EXPECT_EQ(0u, Index().out.find("docs: 1 added, 2 updated, 1 removed, 12 unchanged"));
+    // fox.txt, and logs/ whose content changed; bin.dat held the first id.
+    EXPECT_EQ(0u, Index().out.find("docs: 1 added, 2 updated, 2 removed, 11 unchanged"));
+    for (const Json::Value &hit : Hits(Search("*"))) {
+        const int id = hit["additional"]["doc_id"].asInt(), held = ids.emplace(hit["ZARNMDPath"].asString(), id).first->second;
+        EXPECT_EQ(held, id) << hit["ZARNMDPath"].asString();
+    }
     EXPECT_EQ(Names({"/docs/fox.txt"}), Paths(Search("quokka")));
     EXPECT_EQ(Names({}), Paths(Search("lazy")));
     EXPECT_EQ(Names({"/docs/new.txt"}), Paths(Search("zebra")));
