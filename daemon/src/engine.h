@@ -86,6 +86,9 @@ public:
     // Adds or replaces by path; Failure kInternal when a new record would
     // need an id above kMaxDocId.
     virtual void Put(const FileRecord &record) = 0;
+    // Put for a record whose path the index does not hold, neither before
+    // this writer opened it nor since: no lookup of an older record.
+    virtual void Add(const FileRecord &record) = 0;
     virtual void Remove(const std::string &path) = 0;
     // path -> signature of every stored record.
     virtual std::map<std::string, std::string> Signatures() = 0;

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdio>
 #include <map>
+#include <unordered_set>
 #include <memory>
 #include <vector>
 
@@ -216,7 +217,13 @@ private:
             const bool regular = S_ISREG(entry.st.stx_mode) && dirfd >= 0;
             const int fd = regular ? OpenFileAt(dirfd, name) : -1;
             uint64_t read = 0;
-            writer_->Put(MakeRecord(entry, fd, &read));
+            const FileRecord record = MakeRecord(entry, fd, &read);
+            // Two names may repair to one path: only a path met for the
+            // first time is surely new to the index.
+            if (!known && written_.insert(std::hash<std::string>()(record.path)).second)
+                writer_->Add(record);
+            else
+                writer_->Put(record);
             if (fd >= 0) {
                 counts_.bytes_read += read;
                 counts_.bytes_walked += entry.st.stx_size;
@@ -237,6 +244,7 @@ private:
     IndexWriter *const writer_;
     Progress *const progress_;
     std::map<std::string, std::string> stored_;  // path -> signature, not yet met
+    std::unordered_set<size_t> written_;          // hashes of the paths this run wrote
     IndexCounts counts_;
     uint64_t batch_records_ = 0;  // put since the last commit
     uint64_t batch_bytes_ = 0;

@@ -13,7 +13,7 @@
 
 namespace zarnd {
 
-constexpr size_t kTextChunkBytes = 1024;
+constexpr size_t kTextChunkBytes = 2048;
 
 // The text content handed out as a field, of a hit or of a document lookup:
 // its first bytes, cut between characters.  Clients keep a few hundred bytes

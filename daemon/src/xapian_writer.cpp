@@ -129,6 +129,16 @@ public:
         ++changes_;
     }
 
+    void Add(const FileRecord &record) override {
+        Guard([&] {
+            if (db_.get_lastdocid() >= kMaxDocId)
+                throw Failure(kInternal, "no document id left for " + record.path + ": remove the index to rebuild it");
+            const Xapian::docid doc_id = db_.add_document(xap::BuildDocument(record, &generator_, &packer_, &chunks_));
+            for (size_t k = 0; k < chunks_.size(); ++k) db_.set_metadata(xap::TextChunkKey(doc_id, k), chunks_[k]);
+        });
+        ++changes_;
+    }
+
     void Remove(const std::string &path) override {
         Guard([&] {
             const Xapian::docid doc_id = DocIdOf(xap::IdTerm(path));
