@@ -302,7 +302,12 @@ int Measure(const char *file, char **command) {
         std::perror(file);
         return 1;
     }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+    if (WIFSIGNALED(status)) {
+        std::fprintf(stderr, "%s: killed by signal %d (%s)\n", command[0], WTERMSIG(status), strsignal(WTERMSIG(status)));
+        return 1;
+    }
+    if (WEXITSTATUS(status) != 0) std::fprintf(stderr, "%s: exit status %d\n", command[0], WEXITSTATUS(status));
+    return WEXITSTATUS(status);
 }
 
 }  // namespace
