@@ -28,6 +28,9 @@ echo "== bench smoke (tiny N: it must build and give right answers, not figures)
 timeout 60 sh tests/support/sandbox.sh build/release/bench/zarn_bench --quick \
   --json build/release/bench-smoke.json >/dev/null
 
+echo "== daemon bench smoke (a generated share of 300 entries: it must run, and the daemon must count what the engine counts)"
+timeout 60 sh daemon/bench/bench.sh build/release 2 --files 300 >/dev/null
+
 echo "== valgrind memcheck"
 # The allocation seam replaces malloc in its test: valgrind must leave the
 # executable's own allocator alone and watch libc's.
