@@ -5,9 +5,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <condition_variable>
+#include <deque>
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <mutex>
+#include <thread>
 
 #include <xapian.h>
 
@@ -92,6 +96,20 @@ int OpenFlags(const std::string &dir, unsigned generation) {
 // Documents changed, above which a run's end rewrites the index.
 constexpr double kCompactShare = 0.25;
 
+// One change for the writing thread.
+struct Change {
+    enum Kind { kAdd, kReplace, kRemove, kCommit } kind;
+    std::string id_term;  // kReplace, kRemove
+    std::string path;     // for messages
+    Xapian::Document doc;
+    std::vector<std::string> chunks;
+    size_t bytes = 0;  // what it holds, roughly, for the queue's bound
+};
+
+// Documents are made (words split, text packed) on the caller's thread and
+// written to the database on a thread of the writer's own, so that the two
+// halves of indexing run side by side.  The first failure of the writing
+// thread ends the writing and comes back from the caller's next call.
 class XapianIndexWriter : public IndexWriter {
 public:
     XapianIndexWriter(const std::string &dir, unsigned generation)
@@ -111,46 +129,28 @@ public:
         }
         db_.set_metadata(xap::kFormatKey, xap::kFormat);
         documents_at_open_ = db_.get_doccount();
+        writing_ = std::thread([this] { Write(); });
     }
 
-    void Put(const FileRecord &record) override {
-        const std::string id = xap::IdTerm(record.path);
-        Guard([&] {
-            const Xapian::docid old_id = DocIdOf(id);
-            // A replaced record keeps its id; only a new one takes the next.
-            if (old_id == 0 && db_.get_lastdocid() >= kMaxDocId)
-                throw Failure(kInternal, "no document id left for " + record.path +
-                                             ": remove the index to rebuild it");
-            const size_t old_chunks = old_id == 0 ? 0 : ChunkCount(old_id);
-            const Xapian::docid doc_id = db_.replace_document(id, xap::BuildDocument(record, &generator_, &packer_, &chunks_));
-            for (size_t k = 0; k < chunks_.size(); ++k) db_.set_metadata(xap::TextChunkKey(doc_id, k), chunks_[k]);
-            for (size_t k = chunks_.size(); k < old_chunks; ++k) db_.set_metadata(xap::TextChunkKey(doc_id, k), "");
-        });
-        ++changes_;
+    ~XapianIndexWriter() override {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stopping_ = true;
+        }
+        changed_.notify_all();
+        writing_.join();
     }
 
-    void Add(const FileRecord &record) override {
-        Guard([&] {
-            if (db_.get_lastdocid() >= kMaxDocId)
-                throw Failure(kInternal, "no document id left for " + record.path + ": remove the index to rebuild it");
-            const Xapian::docid doc_id = db_.add_document(xap::BuildDocument(record, &generator_, &packer_, &chunks_));
-            for (size_t k = 0; k < chunks_.size(); ++k) db_.set_metadata(xap::TextChunkKey(doc_id, k), chunks_[k]);
-        });
-        ++changes_;
-    }
+    void Put(const FileRecord &record) override { Enqueue(MakeChange(Change::kReplace, record)); }
+    void Add(const FileRecord &record) override { Enqueue(MakeChange(Change::kAdd, record)); }
 
     void Remove(const std::string &path) override {
-        Guard([&] {
-            const Xapian::docid doc_id = DocIdOf(xap::IdTerm(path));
-            if (doc_id == 0) return;
-            const size_t chunks = ChunkCount(doc_id);
-            db_.delete_document(doc_id);
-            for (size_t k = 0; k < chunks; ++k) db_.set_metadata(xap::TextChunkKey(doc_id, k), "");
-            ++changes_;
-        });
+        Change change{Change::kRemove, xap::IdTerm(path), path, {}, {}, path.size()};
+        Enqueue(std::move(change));
     }
 
     std::map<std::string, std::string> Signatures() override {
+        Drain();
         std::map<std::string, std::string> result;
         Guard([&] {
             // Both slots hold a value for every document; walk them in step.
@@ -168,12 +168,11 @@ public:
         return result;
     }
 
-    void Commit() override {
-        Guard([&] { db_.commit(); });
-    }
+    void Commit() override { Enqueue(Change{Change::kCommit, {}, {}, {}, {}, 0}); }
 
     void Finish() override {
         Commit();
+        Drain();
         if (changes_ < kCompactShare * std::max<Xapian::doccount>(documents_at_open_, db_.get_doccount())) return;
         const std::string next = GenerationDir(dir_, generation_ + 1);
         Guard([&] {
@@ -188,12 +187,111 @@ public:
     }
 
 private:
+    // Changes waiting at most: enough to keep the writing thread busy, few
+    // enough to bound memory whatever the files hold.
+    static constexpr size_t kMaxQueued = 256;
+    static constexpr size_t kMaxQueuedBytes = 64u << 20;
+
     template <class F>
     static void Guard(F action) {
         try {
             action();
         } catch (const Xapian::Error &e) {
             throw Failure(kInternal, e.get_description());
+        }
+    }
+
+    Change MakeChange(Change::Kind kind, const FileRecord &record) {
+        Change change{kind, xap::IdTerm(record.path), record.path, {}, {}, 0};
+        Guard([&] {
+            change.doc = xap::BuildDocument(record, &generator_, &packer_, &change.chunks);
+            // The generator holds on to its document; the writing thread
+            // must own this one alone.
+            generator_.set_document(Xapian::Document());
+        });
+        // A document's terms and positions take several times its text.
+        change.bytes = 1024;
+        for (const std::string &chunk : change.chunks) change.bytes += 8 * chunk.size();
+        ++changes_;
+        return change;
+    }
+
+    void Enqueue(Change &&change) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        room_.wait(lock, [this] {
+            return failure_ || queue_.empty() || (queue_.size() < kMaxQueued && queued_bytes_ < kMaxQueuedBytes);
+        });
+        if (failure_) throw *failure_;
+        queued_bytes_ += change.bytes;
+        queue_.push_back(std::move(change));
+        changed_.notify_one();
+    }
+
+    // Waits until every change is written; the writing thread is idle then.
+    void Drain() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        room_.wait(lock, [this] { return failure_ || (queue_.empty() && !busy_); });
+        if (failure_) throw *failure_;
+    }
+
+    void Write() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        for (;;) {
+            // A writer that goes writes what it was given first, as a
+            // database closed with changes pending commits them.
+            changed_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+            if (queue_.empty()) return;
+            Change change = std::move(queue_.front());
+            queue_.pop_front();
+            busy_ = true;
+            lock.unlock();
+            std::unique_ptr<Failure> failure;
+            try {
+                Guard([&] { Apply(change); });
+            } catch (const Failure &f) {
+                failure.reset(new Failure(f));
+            }
+            const size_t bytes = change.bytes;
+            change = Change();  // its document goes on this thread
+            lock.lock();
+            busy_ = false;
+            queued_bytes_ -= std::min(queued_bytes_, bytes);
+            if (failure && !failure_) failure_ = std::move(failure);
+            if (failure_) queue_.clear();
+            room_.notify_all();
+        }
+    }
+
+    void Apply(const Change &change) {
+        switch (change.kind) {
+        case Change::kCommit:
+            db_.commit();
+            return;
+        case Change::kRemove: {
+            const Xapian::docid doc_id = DocIdOf(change.id_term);
+            if (doc_id == 0) return;
+            const size_t chunks = ChunkCount(doc_id);
+            db_.delete_document(doc_id);
+            for (size_t k = 0; k < chunks; ++k) db_.set_metadata(xap::TextChunkKey(doc_id, k), "");
+            return;
+        }
+        case Change::kAdd:
+        case Change::kReplace: {
+            // A replaced record keeps its id; only a new one takes the next.
+            const Xapian::docid old_id = change.kind == Change::kAdd ? 0 : DocIdOf(change.id_term);
+            if (old_id == 0 && db_.get_lastdocid() >= kMaxDocId)
+                throw Failure(kInternal, "no document id left for " + change.path + ": remove the index to rebuild it");
+            const size_t old_chunks = old_id == 0 ? 0 : ChunkCount(old_id);
+            Xapian::docid doc_id = old_id;
+            if (old_id == 0)
+                doc_id = db_.add_document(change.doc);
+            else
+                db_.replace_document(old_id, change.doc);
+            for (size_t k = 0; k < change.chunks.size(); ++k)
+                db_.set_metadata(xap::TextChunkKey(doc_id, k), change.chunks[k]);
+            for (size_t k = change.chunks.size(); k < old_chunks; ++k) db_.set_metadata(xap::TextChunkKey(doc_id, k), "");
+            return;
+        }
         }
     }
 
@@ -211,12 +309,21 @@ private:
 
     const std::string dir_;
     const unsigned generation_;
-    Xapian::WritableDatabase db_;
+    Xapian::WritableDatabase db_;  // the writing thread's, but while it is idle
     Xapian::doccount documents_at_open_ = 0;
     uint64_t changes_ = 0;  // documents put or removed
     Xapian::TermGenerator generator_;
     ChunkPacker packer_;
-    std::vector<std::string> chunks_;  // of the record being put
+
+    std::mutex mutex_;
+    std::condition_variable changed_;  // a change queued, or stopping
+    std::condition_variable room_;     // a change written
+    std::deque<Change> queue_;
+    size_t queued_bytes_ = 0;
+    bool busy_ = false;
+    bool stopping_ = false;
+    std::unique_ptr<Failure> failure_;
+    std::thread writing_;
 };
 
 }  // namespace
