@@ -1,5 +1,7 @@
 #include "request.h"
 
+#include <algorithm>
+
 #include "failure.h"
 #include "schema.h"
 
@@ -9,10 +11,11 @@ namespace {
 
 [[noreturn]] void Bad(const std::string &what) { throw Failure(kBadRequest, what); }
 
-const Json::Value &Array(const Json::Value &data, const char *name) {
+const Json::Value &Array(const Json::Value &data, const char *name, size_t max_entries) {
     const Json::Value &value = data[name];
     if (!value.isNull() && !value.isArray()) Bad(std::string("\"") + name + "\" is not an array");
-    if (value.size() > kMaxListEntries) Bad(std::string("\"") + name + "\" has too many entries");
+    if (value.size() > max_entries)
+        Bad(std::string("\"") + name + "\" has more than " + std::to_string(max_entries) + " entries");
     return value;
 }
 
@@ -42,7 +45,7 @@ std::string IndexId(const Json::Value &indice) {
 }
 
 void ParseFilters(const Json::Value &data, SearchRequest *request) {
-    for (const Json::Value &filter : Array(data, "filters")) {
+    for (const Json::Value &filter : Array(data, "filters", kMaxFilters)) {
         if (!filter.isObject()) Bad("a filter is not an object");
         const std::string name = String(filter["name"], "a filter's \"name\"");
         // An ignored filter could show what the client meant to hide.
@@ -68,12 +71,12 @@ void ParseFields(const Json::Value &data, SearchPlan *plan) {
         plan->fields = {field::kPath, field::kFSName, field::kExtension, field::kIsDir};
         return;
     }
-    for (const Json::Value &name : Array(data, "fields"))
+    for (const Json::Value &name : Array(data, "fields", kMaxFields))
         plan->fields.push_back(String(name, "an entry of \"fields\""));
 }
 
 void ParseSorter(const Json::Value &data, SearchPlan *plan) {
-    for (const Json::Value &entry : Array(data, "sorter")) {
+    for (const Json::Value &entry : Array(data, "sorter", kMaxSortKeys)) {
         if (!entry.isObject()) Bad("a sort key is not an object");
         SortKey key;
         key.field = String(entry["field"], "a sort key's \"field\"");
@@ -89,7 +92,7 @@ void ParseSorter(const Json::Value &data, SearchPlan *plan) {
 }
 
 void ParseHighlight(const Json::Value &data, SearchPlan *plan) {
-    for (const Json::Value &entry : Array(data, "highlight")) {
+    for (const Json::Value &entry : Array(data, "highlight", kMaxHighlights)) {
         if (!entry.isObject()) Bad("a highlight is not an object");
         HighlightRequest highlight;
         highlight.field = String(entry["field"], "a highlight's \"field\"");
@@ -106,12 +109,16 @@ SearchRequest ParseSearchRequest(const Json::Value &data) {
     SearchRequest request;
     request.index_id = IndexId(data["indice"]);
     SearchPlan &plan = request.plan;
-    plan.from = Count(data["from"], 0, 0, INT32_MAX, "from");
     plan.size = Count(data["size"], kDefaultPageSize, 0, kMaxPageSize, "size");
+    plan.from = Count(data["from"], 0, 0, kMaxPageEnd - plan.size, "from");
     const Json::Value &query = data["query_string"];
     if (!query.isNull()) {
         if (!query.isObject()) Bad("\"query_string\" is not an object");
         plan.query = String(query["query"], "\"query_string\".\"query\"");
+        if (plan.query.size() > kMaxQueryBytes)
+            Bad("the query is longer than " + std::to_string(kMaxQueryBytes) + " bytes");
+        if (std::count(plan.query.begin(), plan.query.end(), '*') > static_cast<long>(kMaxQueryWildcards))
+            Bad("the query has more than " + std::to_string(kMaxQueryWildcards) + " wildcards");
     }
     ParseFilters(data, &request);
     ParseCollector(data, &request);
