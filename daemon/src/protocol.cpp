@@ -2,6 +2,7 @@
 
 #include <errno.h>
 
+#include <chrono>
 #include <memory>
 
 #include "engine.h"
@@ -41,7 +42,18 @@ std::unique_ptr<Credentials> Reader(const SearchRequest &request, const Peer &pe
     return std::unique_ptr<Credentials>(new Credentials(LookupCredentials(uid)));
 }
 
-void Search(const Json::Value &data, const Peer &peer, const PacketSink &send) {
+void Search(const Json::Value &data, const Peer &peer, const PacketSink &send, double budget_s) {
+    using Clock = std::chrono::steady_clock;
+    Clock::time_point deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                                    std::chrono::duration<double>(budget_s));
+    // Time spent waiting on a slow reader moves the deadline: the budget is
+    // the daemon's own work.
+    const auto timed_send = [&](const std::string &packet) {
+        const Clock::time_point before = Clock::now();
+        const bool sent = send(packet);
+        deadline += Clock::now() - before;
+        return sent;
+    };
     const SearchRequest request = ParseSearchRequest(data);
     const std::unique_ptr<Credentials> reader = Reader(request, peer);
     ZARN_LOG(LOG_INFO, "collector: agent \"%s\" uid %u (peer uid %u) searches %s",
@@ -50,24 +62,28 @@ void Search(const Json::Value &data, const Peer &peer, const PacketSink &send) {
              static_cast<unsigned>(peer.uid), request.index_id.c_str());
     SearchPlan plan = request.plan;
     plan.reader = reader.get();
-    bool reachable = true;
+    plan.time_budget_s = budget_s;
+    bool reachable = true, late = false;
     OpenIndex(request.index_id)
         ->Search(
             plan,
             [&](uint64_t total) {
                 Json::Value header;
                 header["total"] = Json::UInt64(total);
-                reachable = send(zarn::json::ToString(header));
+                reachable = timed_send(zarn::json::ToString(header));
             },
             [&](const Hit &hit) {
                 if (!reachable) return false;
+                late = budget_s > 0 && Clock::now() > deadline;
+                if (late) return false;
                 Json::Value packet = hit.fields;
                 packet["additional"]["doc_id"] = hit.doc_id;
                 if (!hit.highlight.isNull()) packet["highlight"] = hit.highlight;
-                reachable = send(zarn::json::ToString(packet));
+                reachable = timed_send(zarn::json::ToString(packet));
                 return reachable;
             });
     if (!reachable) return;
+    if (late) throw Failure(kBusy, "search took too long");
     Json::Value end;
     end["success"] = true;
     send(zarn::json::ToString(end));
@@ -103,14 +119,14 @@ std::string FailureReply(int code, const std::string &message) {
     return zarn::json::ToString(reply);
 }
 
-void HandleRequest(const std::string &text, const Peer &peer, const PacketSink &send) {
+void HandleRequest(const std::string &text, const Peer &peer, const PacketSink &send, double search_budget_s) {
     try {
         Json::Value request;
         if (!zarn::json::FromString(text, &request) || !request.isObject())
             throw Failure(kBadRequest, "request is not a JSON object");
         const Json::Value &command = request["command"];
         if (command == "search")
-            Search(request["data"], peer, send);
+            Search(request["data"], peer, send, search_budget_s);
         else if (command == "document_get_by_internal_id")
             DocumentGet(request["data"], peer, send);
         else
@@ -125,7 +141,7 @@ void HandleRequest(const std::string &text, const Peer &peer, const PacketSink &
     }
 }
 
-void ServeConnection(int fd, const Peer &peer) {
+void ServeConnection(int fd, const Peer &peer, double search_budget_s) {
     std::string text;
     if (!zarndaemon::io::PacketRead(fd, text)) {
         ZARN_LOG(LOG_DEBUG, "no request from peer pid %d, errno(%d): %m", static_cast<int>(peer.pid),
@@ -134,7 +150,7 @@ void ServeConnection(int fd, const Peer &peer) {
     }
     HandleRequest(text, peer, [fd](const std::string &packet) {
         return zarndaemon::io::PacketWrite(fd, packet);
-    });
+    }, search_budget_s);
 }
 
 }  // namespace zarnd

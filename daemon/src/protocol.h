@@ -28,11 +28,18 @@ using PacketSink = std::function<bool(const std::string &)>;
 // The failure reply {"success": false, "error": {"code", "message"}}.
 std::string FailureReply(int code, const std::string &message);
 
+// Wall-clock seconds a search may work, on the match and on making its hits
+// (not waiting for the client to read them); 0: no limit.  Past it the reply
+// ends with kBusy "search took too long", in place of the end packet once
+// the header is out.
+constexpr double kDefaultSearchBudgetS = 5;
+
 // Answers one request text through `send`.
-void HandleRequest(const std::string &text, const Peer &peer, const PacketSink &send);
+void HandleRequest(const std::string &text, const Peer &peer, const PacketSink &send,
+                   double search_budget_s = kDefaultSearchBudgetS);
 
 // Reads one request from `fd` and answers it there.
-void ServeConnection(int fd, const Peer &peer);
+void ServeConnection(int fd, const Peer &peer, double search_budget_s = kDefaultSearchBudgetS);
 
 }  // namespace zarnd
 

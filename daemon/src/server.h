@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include "protocol.h"
+
 namespace zarnd {
 
 struct ServerOptions {
@@ -17,6 +19,11 @@ struct ServerOptions {
     size_t max_waiting = 1024;       // connections still sending their request
     size_t max_queued = 256;         // complete requests waiting for a worker
     size_t max_request_bytes = 64 * 1024;
+    // One uid other than root: its connections in any state, and the part of
+    // the workers its requests may occupy at once (at least one).
+    size_t max_per_user = 64;
+    unsigned UserShare() const { return workers / 2 > 0 ? workers / 2 : 1; }
+    double search_budget_s = kDefaultSearchBudgetS;
 };
 
 // Serves until SIGTERM or SIGINT; returns the process exit status.  Refuses
