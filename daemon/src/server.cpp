@@ -42,7 +42,7 @@ constexpr int kAcceptRestMs = 100;
 struct Connection {
     int fd;
     Peer peer;
-    Clock::time_point deadline;
+    Clock::time_point deadline;  // for the whole request, then for a worker
     bool partial;  // some bytes of the request are there, not all
 };
 
@@ -81,12 +81,27 @@ public:
         Release(connection.peer.uid, false);
     }
 
+    // Queues in order of deadline, all being the same wait from now.
     bool Push(const Connection &connection) {
         std::lock_guard<std::mutex> lock(mutex_);
         if (stopped_ || queue_.size() >= capacity_) return false;
         queue_.push_back(connection);
         ready_.notify_one();
         return true;
+    }
+
+    // Takes out the requests that waited for a worker until their deadline.
+    std::vector<Connection> Expired(Clock::time_point now) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        std::vector<Connection> expired;
+        for (; !queue_.empty() && queue_.front().deadline <= now; queue_.pop_front())
+            expired.push_back(queue_.front());
+        return expired;
+    }
+
+    Clock::time_point NextExpiry() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return queue_.empty() ? Clock::time_point::max() : queue_.front().deadline;
     }
 
     // False once stopped.
@@ -335,7 +350,8 @@ private:
     }
 
     // Moves connections whose request is complete to the workers; drops the
-    // ones that closed, sent too much or took too long.
+    // ones that closed, sent too much or took too long, and the requests that
+    // waited too long for a worker.
     void Sort(const std::vector<pollfd> &polled) {
         const Clock::time_point now = Clock::now();
         std::vector<Connection> kept;
@@ -346,6 +362,7 @@ private:
                                            ? PeekRequest(connection.fd, options_.max_request_bytes)
                                            : RequestState::kIncomplete;
             if (state == RequestState::kComplete) {
+                connection.deadline = now + std::chrono::milliseconds(options_.max_queue_wait_ms);
                 if (!scheduler_.Push(connection)) Drop(connection, kBusy, "server busy");
             } else if (state == RequestState::kTooLarge) {
                 Drop(connection, kBadRequest, "request too large");
@@ -361,6 +378,7 @@ private:
             }
         }
         waiting_.swap(kept);
+        for (const Connection &connection : scheduler_.Expired(now)) Drop(connection, kBusy, "server busy");
     }
 
     // Closes a waiting connection, with a failure reply when `code` is set.
@@ -371,26 +389,21 @@ private:
 
     bool Resting(Clock::time_point now) const { return now < accept_resumes_; }
 
-    // Until the nearest deadline, recheck of a partial request or end of a
-    // rest; -1 when there is none.
-    int PollTimeout() const {
+    // Until the nearest deadline (of a request, of a wait for a worker, of a
+    // rest) or recheck of a partial request; -1 when there is none.
+    int PollTimeout() {
         const Clock::time_point now = Clock::now();
-        const auto until = [now](Clock::time_point when) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(when - now);
-            return static_cast<int>(std::max<long long>(0, left.count()) + 1);
-        };
-        int millis = -1;
-        if (!waiting_.empty()) {
-            Clock::time_point nearest = waiting_.front().deadline;
-            bool partial = false;
-            for (const Connection &connection : waiting_) {
-                nearest = std::min(nearest, connection.deadline);
-                partial = partial || connection.partial;
-            }
-            millis = partial ? std::min(until(nearest), kPartialRecheckMs) : until(nearest);
+        Clock::time_point nearest = scheduler_.NextExpiry();
+        bool partial = false;
+        for (const Connection &connection : waiting_) {
+            nearest = std::min(nearest, connection.deadline);
+            partial = partial || connection.partial;
         }
-        if (Resting(now)) millis = millis < 0 ? until(accept_resumes_) : std::min(millis, until(accept_resumes_));
-        return millis;
+        if (Resting(now)) nearest = std::min(nearest, accept_resumes_);
+        if (nearest == Clock::time_point::max()) return -1;
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(nearest - now);
+        const int millis = static_cast<int>(std::max<long long>(0, left.count()) + 1);
+        return partial ? std::min(millis, kPartialRecheckMs) : millis;
     }
 
     void Loop() {
