@@ -28,10 +28,10 @@ using PacketSink = std::function<bool(const std::string &)>;
 // The failure reply {"success": false, "error": {"code", "message"}}.
 std::string FailureReply(int code, const std::string &message);
 
-// Wall-clock seconds a search may work, on the match and on making its hits
-// (not waiting for the client to read them); 0: no limit.  Past it the reply
-// ends with kBusy "search took too long", in place of the end packet once
-// the header is out.
+// Wall-clock seconds a search may take from its start to its last hit, not
+// counting waits for the client to read; 0: no limit.  Past it no further
+// hit is made and the reply ends with kBusy "search took too long" in place
+// of the end packet.  The match itself is not interrupted (see Search).
 constexpr double kDefaultSearchBudgetS = 5;
 
 // Answers one request text through `send`.
