@@ -169,7 +169,7 @@ void BuildIndex() {
         std::fprintf(stderr, "run me inside tests/support/sandbox.sh\n");
         std::exit(2);
     }
-    const int built = std::system(R"sh(umask 022 && mkdir -p /var/docs && cd /var/docs &&
+    const int built = std::system(R"sh(umask 022 && rm -rf /var/docs && mkdir /var/docs && cd /var/docs &&
         mkdir -p report logs closed 'with space' deep/a/b/c &&
         echo 'The quick brown fox jumps over the lazy dog' > fox.txt && echo 'fox secrets' > private.txt &&
         chmod 600 private.txt && echo 'fox inside the closed folder' > closed/inner.txt && chmod 750 closed &&
