@@ -3,6 +3,7 @@
 #include <errno.h>
 
 #include <chrono>
+#include <cstdio>
 #include <memory>
 
 #include "engine.h"
@@ -23,9 +24,32 @@ std::unique_ptr<SearchIndex> OpenIndex(const std::string &index_id) {
     return OpenSearchIndex(IndexDirOfShare(ShareOfIndexId(index_id)));
 }
 
+// Client text as a log line may show it: control characters, quotes and
+// bytes that are not UTF-8 escaped, at most 200 bytes, so that no client can
+// forge, break or bloat lines of the daemon's log.
+std::string Loggable(const std::string &text) {
+    constexpr size_t kMaxLogged = 200;
+    std::string shown;
+    size_t i = 0;
+    while (i < text.size() && shown.size() < kMaxLogged) {
+        const size_t length = Utf8SequenceLength(text.data() + i, text.size() - i);
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        if (length == 0 || c < 0x20 || c == 0x7F || c == '"' || c == '\\') {
+            char escaped[5];
+            std::snprintf(escaped, sizeof escaped, "\\x%02X", c);
+            shown += escaped;
+            ++i;
+        } else {
+            shown.append(text, i, length);
+            i += length;
+        }
+    }
+    return i < text.size() ? shown + "..." : shown;
+}
+
 [[noreturn]] void Refuse(const Peer &peer, const std::string &what) {
     ZARN_LOG(LOG_WARNING, "refused peer uid %u pid %d: %s", static_cast<unsigned>(peer.uid),
-             static_cast<int>(peer.pid), what.c_str());
+             static_cast<int>(peer.pid), Loggable(what).c_str());
     throw Failure(kForbidden, "permission denied: " + what);
 }
 
@@ -57,9 +81,9 @@ void Search(const Json::Value &data, const Peer &peer, const PacketSink &send, d
     const SearchRequest request = ParseSearchRequest(data);
     const std::unique_ptr<Credentials> reader = Reader(request, peer);
     ZARN_LOG(LOG_INFO, "collector: agent \"%s\" uid %u (peer uid %u) searches %s",
-             request.agent.c_str(),
+             Loggable(request.agent).c_str(),
              request.has_collector_uid ? request.collector_uid : static_cast<unsigned>(peer.uid),
-             static_cast<unsigned>(peer.uid), request.index_id.c_str());
+             static_cast<unsigned>(peer.uid), Loggable(request.index_id).c_str());
     SearchPlan plan = request.plan;
     plan.reader = reader.get();
     // plan.time_budget_s stays 0: on Xapian 1.4.22 the engine's match limit
@@ -136,10 +160,10 @@ void HandleRequest(const std::string &text, const Peer &peer, const PacketSink &
             throw Failure(kBadRequest, "unknown command");
     } catch (const Failure &failure) {
         ZARN_LOG(FailurePriority(failure.code()), "request failed (%d): %s", failure.code(),
-                 failure.what());
+                 Loggable(failure.what()).c_str());
         send(FailureReply(failure.code(), failure.what()));
     } catch (const std::exception &e) {
-        ZARN_LOG(LOG_ERR, "request failed: %s", e.what());
+        ZARN_LOG(LOG_ERR, "request failed: %s", Loggable(e.what()).c_str());
         send(FailureReply(kInternal, "internal error"));
     }
 }

@@ -193,6 +193,13 @@ TEST_F(DaemonE2e, FailuresAreOneErrorPacket) {
                     replies[0]["error"]["code"] == c.second) << c.first.substr(0, 200) << zarn::json::ToString(replies[0]);
     }
     EXPECT_EQ(kFox, Paths(Search("fox")));
+    // Client text reaches the log escaped: no line of it is the client's.
+    Json::Value forged = Search("fox");
+    forged["data"]["collector"]["agent"] = "a\nzarnelasticd[1]: forged";
+    forged["data"]["sorter"][0]["field"] = "\nzarnelasticd[1]: forged \xff";
+    Ask(zarn::json::ToString(forged));
+    EXPECT_EQ(std::string::npos, Log().find("\nzarnelasticd[1]: forged")) << Log();
+    EXPECT_NE(std::string::npos, Log().find("agent \"a\\x0Azarnelasticd[1]: forged\"")) << Log();
 }
 
 // Past the search budget no hit is made: the total stays whole, a failure
