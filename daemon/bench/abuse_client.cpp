@@ -8,8 +8,9 @@
 //       are up: match-all sorted by path with every field, wide wildcards
 //       highlighted, the deepest page, a request sent in half then silence,
 //       a large reply never read, requests above the caps.
-//   zarnelasticd_abuse [--as UID] search SHARE COUNT
-//       COUNT ordinary searches one after another, with their latency.
+//   zarnelasticd_abuse [--as UID] search SHARE COUNT [SECONDS]
+//       COUNT ordinary searches one after another (or fewer, when SECONDS are
+//       up first), with their latency.
 //   zarnelasticd_abuse [--as UID] mutate SHARE COUNT SECONDS [SEED]
 //       COUNT random and mutated requests (within SECONDS), on 4 threads.
 //
@@ -280,11 +281,13 @@ int Flood(double seconds, int connections) {
 
 // --- ordinary searches ---------------------------------------------------
 
-int Search(int count, int hang_limit_ms) {
+int Search(int count, double seconds, int hang_limit_ms) {
     const char *const queries[] = {"*", "fox OR copyright", "ZARNMDExtension:txt", "li*"};
+    const Clock::time_point end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                                     std::chrono::duration<double>(seconds));
     Tally tally;
     std::vector<double> millis;
-    for (int i = 0; i < count; ++i) {
+    for (int i = 0; i < count && Clock::now() < end; ++i) {
         Json::Value request = SearchRequest(queries[i % 4], 20);
         if (i % 2 == 0) request["data"]["sorter"][0]["field"] = "ZARNMDFSName";
         const Clock::time_point start = Clock::now();
@@ -296,7 +299,7 @@ int Search(int count, int hang_limit_ms) {
     const auto at = [&](double p) { return millis.empty() ? 0 : millis[std::min(millis.size() - 1, size_t(p * millis.size()))]; };
     Json::Value report = tally.Report();
     report["role"] = "search";
-    report["searches"] = count;
+    report["searches"] = static_cast<int>(millis.size());
     report["p50_ms"] = at(0.50);
     report["p99_ms"] = at(0.99);
     report["max_ms"] = millis.empty() ? 0 : millis.back();
@@ -395,7 +398,7 @@ int Mutate(int count, double seconds, unsigned seed) {
 int Usage() {
     std::fprintf(stderr,
                  "usage: zarnelasticd_abuse [--as UID] flood SHARE SECONDS CONNECTIONS\n"
-                 "       zarnelasticd_abuse [--as UID] search SHARE COUNT\n"
+                 "       zarnelasticd_abuse [--as UID] search SHARE COUNT [SECONDS]\n"
                  "       zarnelasticd_abuse [--as UID] mutate SHARE COUNT SECONDS [SEED]\n");
     return 2;
 }
@@ -421,7 +424,8 @@ int main(int argc, char **argv) {
     const std::string role = argv[at];
     share = argv[at + 1];
     if (role == "flood" && argc - at == 4) return Flood(std::atof(argv[at + 2]), std::atoi(argv[at + 3]));
-    if (role == "search" && argc - at == 3) return Search(std::atoi(argv[at + 2]), 10000);
+    if (role == "search" && argc - at >= 3 && argc - at <= 4)
+        return Search(std::atoi(argv[at + 2]), argc - at == 4 ? std::atof(argv[at + 3]) : 1e6, 10000);
     if (role == "mutate" && argc - at >= 4 && argc - at <= 5)
         return Mutate(std::atoi(argv[at + 2]), std::atof(argv[at + 3]),
                       argc - at == 5 ? static_cast<unsigned>(std::atoi(argv[at + 4])) : 1);
