@@ -65,7 +65,7 @@ bool UsersCanSwitch() {
 
 TEST(DaemonAbuse, OneUsersFloodLeavesOthersServedAndTheDaemonWhole) {
     if (!UsersCanSwitch()) GTEST_SKIP() << "one uid only here (not root, or inside a user namespace)";
-    mount("/dev/null", "/dev/log", nullptr, MS_BIND, nullptr);  // log lines to the daemon's stderr only
+    mount("/dev/null", "/dev/log", "none", MS_BIND, nullptr);  // log lines to the daemon's stderr only
     // Large texts, so that a reply of every hit fills the socket when unread.
     ASSERT_EQ(0, Shell(R"sh(mkdir -p /var/docs/big /var/docs/small && cd /var/docs &&
         for i in $(seq 60); do head -c 12000 /dev/urandom | base64 -w 76 | sed 's/^/fox /' > big/t$i.txt; done &&
