@@ -3,11 +3,12 @@
 // what it saw; the abuse test runs the roles at a small scale, abuse.sh at a
 // large one.
 //
-//   zarnelasticd_abuse [--as UID] flood SHARE SECONDS CONNECTIONS
+//   zarnelasticd_abuse [--as UID] flood SHARE SECONDS CONNECTIONS [KINDS]
 //       CONNECTIONS threads, each a loop of one kind of abuse until SECONDS
-//       are up: match-all sorted by path with every field, wide wildcards
-//       highlighted, the deepest page, a request sent in half then silence,
-//       a large reply never read, requests above the caps.
+//       are up: 0 match-all sorted by path with every field, 1 wide
+//       wildcards highlighted, 2 the deepest page, 3 a request sent in half
+//       then silence, 4 a large reply never read, 5 requests above the caps;
+//       KINDS (digits, default 012345) chooses the kinds.
 //   zarnelasticd_abuse [--as UID] search SHARE COUNT [SECONDS]
 //       COUNT ordinary searches one after another (or fewer, when SECONDS are
 //       up first), with their latency.
@@ -126,7 +127,10 @@ Outcome ReadReply(int fd) {
         return fault(Outcome::kMalformed, "an end without a header");
     }
     outcome.kind = IsFailure(last) ? Outcome::kFailure : Outcome::kOk;
-    if (IsFailure(last)) outcome.code = last["error"]["code"].asInt();
+    if (IsFailure(last)) {
+        outcome.code = last["error"]["code"].asInt();
+        outcome.detail = last["error"]["message"].asString();
+    }
     return outcome;
 }
 
@@ -183,6 +187,7 @@ struct Tally {
         std::lock_guard<std::mutex> lock(mutex);
         ++counts[KindName(outcome.kind)];
         if (outcome.kind == Outcome::kFailure) ++counts["code_" + std::to_string(outcome.code)];
+        if (outcome.kind == Outcome::kFailure && outcome.detail == "search took too long") ++counts["too_long"];
         if (outcome.kind == Outcome::kMalformed || outcome.kind == Outcome::kHang || outcome.kind == Outcome::kCut)
             if (first_fault.empty()) first_fault = std::string(KindName(outcome.kind)) + " " + outcome.detail + " for " +
                                                    request.substr(0, 300);
@@ -264,12 +269,13 @@ void FloodThread(int kind, Clock::time_point end, Tally *tally) {
     }
 }
 
-int Flood(double seconds, int connections) {
+int Flood(double seconds, int connections, const std::string &kinds) {
     Tally tally;
     const Clock::time_point end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                                      std::chrono::duration<double>(seconds));
     std::vector<std::thread> threads;
-    for (int i = 0; i < connections; ++i) threads.emplace_back(FloodThread, i % 6, end, &tally);
+    for (int i = 0; i < connections; ++i)
+        threads.emplace_back(FloodThread, (kinds[i % kinds.size()] - '0') % 6, end, &tally);
     for (std::thread &thread : threads) thread.join();
     Json::Value report = tally.Report();
     report["role"] = "flood";
@@ -397,7 +403,7 @@ int Mutate(int count, double seconds, unsigned seed) {
 
 int Usage() {
     std::fprintf(stderr,
-                 "usage: zarnelasticd_abuse [--as UID] flood SHARE SECONDS CONNECTIONS\n"
+                 "usage: zarnelasticd_abuse [--as UID] flood SHARE SECONDS CONNECTIONS [KINDS]\n"
                  "       zarnelasticd_abuse [--as UID] search SHARE COUNT [SECONDS]\n"
                  "       zarnelasticd_abuse [--as UID] mutate SHARE COUNT SECONDS [SEED]\n");
     return 2;
@@ -423,7 +429,8 @@ int main(int argc, char **argv) {
     if (argc - at < 3) return Usage();
     const std::string role = argv[at];
     share = argv[at + 1];
-    if (role == "flood" && argc - at == 4) return Flood(std::atof(argv[at + 2]), std::atoi(argv[at + 3]));
+    if (role == "flood" && argc - at >= 4 && argc - at <= 5)
+        return Flood(std::atof(argv[at + 2]), std::atoi(argv[at + 3]), argc - at == 5 ? argv[at + 4] : "012345");
     if (role == "search" && argc - at >= 3 && argc - at <= 4)
         return Search(std::atoi(argv[at + 2]), argc - at == 4 ? std::atof(argv[at + 3]) : 1e6, 10000);
     if (role == "mutate" && argc - at >= 4 && argc - at <= 5)

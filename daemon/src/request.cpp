@@ -37,11 +37,21 @@ uint32_t Count(const Json::Value &value, uint32_t absent, uint32_t min, uint32_t
     return value.asUInt();
 }
 
+// An index names a share, and a share is a folder: a name of at most 255
+// bytes without control characters (the share table could not hold one).
+// Checked here, before the name reaches the share service and its log.
+std::string IndexName(const std::string &id, const char *member) {
+    const bool control = std::any_of(id.begin(), id.end(), [](char c) { return c >= 0 && c < 0x20; });
+    if (control || id.find('\x7f') != std::string::npos || id.size() > sizeof "fileindex_" - 1 + 255)
+        Bad(std::string(member) + " is not an index name");
+    return id;
+}
+
 std::string IndexId(const Json::Value &indice) {
-    if (indice.isString()) return indice.asString();
+    if (indice.isString()) return IndexName(indice.asString(), "\"indice\"");
     if (!indice.isArray() || indice.size() != 1)
         Bad("\"indice\" must name exactly one index");
-    return String(indice[0], "\"indice\"[0]");
+    return IndexName(String(indice[0], "\"indice\"[0]"), "\"indice\"[0]");
 }
 
 void ParseFilters(const Json::Value &data, SearchRequest *request) {
@@ -131,7 +141,7 @@ SearchRequest ParseSearchRequest(const Json::Value &data) {
 DocumentRequest ParseDocumentRequest(const Json::Value &data) {
     if (!data.isObject()) Bad("\"data\" is not an object");
     DocumentRequest request;
-    request.index_id = String(data["id"], "\"id\"");
+    request.index_id = IndexName(String(data["id"], "\"id\""), "\"id\"");
     const Json::Value &doc_id = data["doc_id"];
     if (!doc_id.isInt() || doc_id.asInt() <= 0) Bad("\"doc_id\" is not a document id");
     request.doc_id = static_cast<uint32_t>(doc_id.asInt());

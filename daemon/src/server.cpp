@@ -57,7 +57,7 @@ public:
     Scheduler(size_t capacity, size_t max_per_user, unsigned share)
         : capacity_(capacity), max_per_user_(max_per_user), share_(share) {}
 
-    // Counts a new connection; false when its uid holds its share already.
+    // Counts a new connection; false when its uid holds its cap already.
     bool Admit(uid_t uid) {
         if (uid == 0) return true;
         std::lock_guard<std::mutex> lock(mutex_);

@@ -183,6 +183,8 @@ TEST_F(DaemonE2e, FailuresAreOneErrorPacket) {
         {R"({"command": "search", "data": {"indice": "fileindex_docs", "query_string": {"query": ")" + std::string(33, '*') + "\"}}}", 400},
         {search + R"(}, "highlight": [{"field": "ZARNMDTextContent", "frag_length": 0}]}})", 400},
         {R"({"command": "document_get_by_internal_id", "data": {"id": "fileindex_docs", "doc_id": 9999}})", 404},
+        {R"({"command": "document_get_by_internal_id", "data": {"id": "fileindex_do\ncs", "doc_id": 1}})", 400},
+        {R"({"command": "search", "data": {"indice": ")" + std::string(266, 'x') + "\"}}", 400},
         {"not json", 400},
         {std::string(70000, ' '), 400},  // above the daemon's request size cap
     };
