@@ -1,6 +1,6 @@
 // zarnelasticd: the search daemon, and its indexer.
 //
-//   zarnelasticd [--foreground] [--workers N] [--debug]
+//   zarnelasticd [--foreground] [--workers N] [--search-budget SECONDS] [--debug]
 //   zarnelasticd index [--progress | --quiet]
 //   zarnelasticd --help | --version
 #include <syslog.h>
@@ -19,9 +19,14 @@ namespace {
 
 void PrintUsage(FILE *out) {
     std::fprintf(out,
-                 "usage: zarnelasticd [--foreground] [--workers N] [--debug]\n"
+                 "usage: zarnelasticd [--foreground] [--workers N] [--search-budget SECONDS] [--debug]\n"
+                 "           --workers N              searches served at once (1 to 256, default 4);\n"
+                 "                                    one user other than root gets half of them\n"
+                 "           --search-budget SECONDS  time a search may work before it fails with\n"
+                 "                                    503 (default %g, 0 for no limit, at most 3600)\n"
                  "       zarnelasticd index [--progress | --quiet]\n"
-                 "       zarnelasticd --help | --version\n");
+                 "       zarnelasticd --help | --version\n",
+                 zarnd::kDefaultSearchBudgetS);
 }
 
 // A wrong command line: the usage on standard error, exit 2.
@@ -77,6 +82,11 @@ int Serve(int argc, char **argv) {
             const long workers = std::strtol(argv[++i], &end, 10);
             if (*end != '\0' || workers < 1 || workers > 256) return Usage();
             options.workers = static_cast<unsigned>(workers);
+        } else if (std::strcmp(argv[i], "--search-budget") == 0 && i + 1 < argc) {
+            char *end = nullptr;
+            const double budget = std::strtod(argv[++i], &end);
+            if (end == argv[i] || *end != '\0' || !(budget >= 0 && budget <= 3600)) return Usage();
+            options.search_budget_s = budget;
         } else {
             return Usage();
         }

@@ -2,6 +2,8 @@
 
 #include <errno.h>
 
+#include <chrono>
+#include <cstdio>
 #include <memory>
 
 #include "engine.h"
@@ -23,9 +25,32 @@ std::unique_ptr<SearchIndex> OpenIndex(const std::string &index_id) {
     return OpenSearchIndex(IndexDirOfShare(ShareOfIndexId(index_id)));
 }
 
+// Client text as a log line may show it: control characters, quotes and
+// bytes that are not UTF-8 escaped, at most 200 bytes, so that no client can
+// forge, break or bloat lines of the daemon's log.
+std::string Loggable(const std::string &text) {
+    constexpr size_t kMaxLogged = 200;
+    std::string shown;
+    size_t i = 0;
+    while (i < text.size() && shown.size() < kMaxLogged) {
+        const size_t length = Utf8SequenceLength(text.data() + i, text.size() - i);
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        if (length == 0 || c < 0x20 || c == 0x7F || c == '"' || c == '\\') {
+            char escaped[5];
+            std::snprintf(escaped, sizeof escaped, "\\x%02X", c);
+            shown += escaped;
+            ++i;
+        } else {
+            shown.append(text, i, length);
+            i += length;
+        }
+    }
+    return i < text.size() ? shown + "..." : shown;
+}
+
 [[noreturn]] void Refuse(const Peer &peer, const std::string &what) {
     ZARN_LOG(LOG_WARNING, "refused peer uid %u pid %d: %s", static_cast<unsigned>(peer.uid),
-             static_cast<int>(peer.pid), what.c_str());
+             static_cast<int>(peer.pid), Loggable(what).c_str());
     throw Failure(kForbidden, "permission denied: " + what);
 }
 
@@ -42,33 +67,51 @@ std::unique_ptr<Credentials> Reader(const SearchRequest &request, const Peer &pe
     return std::unique_ptr<Credentials>(new Credentials(LookupCredentials(uid)));
 }
 
-void Search(const Json::Value &data, const Peer &peer, const PacketSink &send) {
+void Search(const Json::Value &data, const Peer &peer, const PacketSink &send, double budget_s) {
+    using Clock = std::chrono::steady_clock;
+    Clock::time_point deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                                    std::chrono::duration<double>(budget_s));
+    // Time spent waiting on a slow reader moves the deadline: the budget is
+    // the daemon's own work.
+    const auto timed_send = [&](const std::string &packet) {
+        const Clock::time_point before = Clock::now();
+        const bool sent = send(packet);
+        deadline += Clock::now() - before;
+        return sent;
+    };
     const SearchRequest request = ParseSearchRequest(data);
     const std::unique_ptr<Credentials> reader = Reader(request, peer);
     ZARN_LOG(LOG_INFO, "collector: agent \"%s\" uid %u (peer uid %u) searches %s",
-             request.agent.c_str(),
+             Loggable(request.agent).c_str(),
              request.has_collector_uid ? request.collector_uid : static_cast<unsigned>(peer.uid),
-             static_cast<unsigned>(peer.uid), request.index_id.c_str());
+             static_cast<unsigned>(peer.uid), Loggable(request.index_id).c_str());
     SearchPlan plan = request.plan;
     plan.reader = reader.get();
-    bool reachable = true;
+    // plan.time_budget_s stays 0: on Xapian 1.4.22 the engine's match limit
+    // arms a timer whose notification thread may write into a match that
+    // has already returned (memory corruption, found by the fuzzer).  The
+    // caps on the request bound the match; the budget, the hits after it.
+    bool reachable = true, late = false;
     OpenIndex(request.index_id)
         ->Search(
             plan,
             [&](uint64_t total) {
                 Json::Value header;
                 header["total"] = Json::UInt64(total);
-                reachable = send(zarn::json::ToString(header));
+                reachable = timed_send(zarn::json::ToString(header));
             },
             [&](const Hit &hit) {
                 if (!reachable) return false;
+                late = budget_s > 0 && Clock::now() > deadline;
+                if (late) return false;
                 Json::Value packet = hit.fields;
                 packet["additional"]["doc_id"] = hit.doc_id;
                 if (!hit.highlight.isNull()) packet["highlight"] = hit.highlight;
-                reachable = send(zarn::json::ToString(packet));
+                reachable = timed_send(zarn::json::ToString(packet));
                 return reachable;
             });
     if (!reachable) return;
+    if (late) throw Failure(kBusy, "search took too long");
     Json::Value end;
     end["success"] = true;
     send(zarn::json::ToString(end));
@@ -104,29 +147,29 @@ std::string FailureReply(int code, const std::string &message) {
     return zarn::json::ToString(reply);
 }
 
-void HandleRequest(const std::string &text, const Peer &peer, const PacketSink &send) {
+void HandleRequest(const std::string &text, const Peer &peer, const PacketSink &send, double search_budget_s) {
     try {
         Json::Value request;
         if (!zarn::json::FromString(text, &request) || !request.isObject())
             throw Failure(kBadRequest, "request is not a JSON object");
         const Json::Value &command = request["command"];
         if (command == "search")
-            Search(request["data"], peer, send);
+            Search(request["data"], peer, send, search_budget_s);
         else if (command == "document_get_by_internal_id")
             DocumentGet(request["data"], peer, send);
         else
             throw Failure(kBadRequest, "unknown command");
     } catch (const Failure &failure) {
         ZARN_LOG(FailurePriority(failure.code()), "request failed (%d): %s", failure.code(),
-                 failure.what());
+                 Loggable(failure.what()).c_str());
         send(FailureReply(failure.code(), failure.what()));
     } catch (const std::exception &e) {
-        ZARN_LOG(LOG_ERR, "request failed: %s", e.what());
+        ZARN_LOG(LOG_ERR, "request failed: %s", Loggable(e.what()).c_str());
         send(FailureReply(kInternal, "internal error"));
     }
 }
 
-void ServeConnection(int fd, const Peer &peer) {
+void ServeConnection(int fd, const Peer &peer, double search_budget_s) {
     std::string text;
     if (!zarndaemon::io::PacketRead(fd, text)) {
         ZARN_LOG(LOG_DEBUG, "no request from peer pid %d, errno(%d): %m", static_cast<int>(peer.pid),
@@ -134,7 +177,7 @@ void ServeConnection(int fd, const Peer &peer) {
         return;
     }
     ReplyBuffer reply(fd);
-    HandleRequest(text, peer, [&reply](const std::string &packet) { return reply.Add(packet); });
+    HandleRequest(text, peer, [&reply](const std::string &packet) { return reply.Add(packet); }, search_budget_s);
     reply.Flush();
 }
 

@@ -28,11 +28,18 @@ using PacketSink = std::function<bool(const std::string &)>;
 // The failure reply {"success": false, "error": {"code", "message"}}.
 std::string FailureReply(int code, const std::string &message);
 
+// Wall-clock seconds a search may take from its start to its last hit, not
+// counting waits for the client to read; 0: no limit.  Past it no further
+// hit is made and the reply ends with kBusy "search took too long" in place
+// of the end packet.  The match itself is not interrupted (see Search).
+constexpr double kDefaultSearchBudgetS = 5;
+
 // Answers one request text through `send`.
-void HandleRequest(const std::string &text, const Peer &peer, const PacketSink &send);
+void HandleRequest(const std::string &text, const Peer &peer, const PacketSink &send,
+                   double search_budget_s = kDefaultSearchBudgetS);
 
 // Reads one request from `fd` and answers it there.
-void ServeConnection(int fd, const Peer &peer);
+void ServeConnection(int fd, const Peer &peer, double search_budget_s = kDefaultSearchBudgetS);
 
 }  // namespace zarnd
 

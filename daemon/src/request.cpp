@@ -1,5 +1,7 @@
 #include "request.h"
 
+#include <algorithm>
+
 #include "failure.h"
 #include "schema.h"
 
@@ -9,10 +11,11 @@ namespace {
 
 [[noreturn]] void Bad(const std::string &what) { throw Failure(kBadRequest, what); }
 
-const Json::Value &Array(const Json::Value &data, const char *name) {
+const Json::Value &Array(const Json::Value &data, const char *name, size_t max_entries) {
     const Json::Value &value = data[name];
     if (!value.isNull() && !value.isArray()) Bad(std::string("\"") + name + "\" is not an array");
-    if (value.size() > kMaxListEntries) Bad(std::string("\"") + name + "\" has too many entries");
+    if (value.size() > max_entries)
+        Bad(std::string("\"") + name + "\" has more than " + std::to_string(max_entries) + " entries");
     return value;
 }
 
@@ -34,15 +37,25 @@ uint32_t Count(const Json::Value &value, uint32_t absent, uint32_t min, uint32_t
     return value.asUInt();
 }
 
+// An index names a share, and a share is a folder: a name of at most 255
+// bytes without control characters (the share table could not hold one).
+// Checked here, before the name reaches the share service and its log.
+std::string IndexName(const std::string &id, const char *member) {
+    const bool control = std::any_of(id.begin(), id.end(), [](char c) { return c >= 0 && c < 0x20; });
+    if (control || id.find('\x7f') != std::string::npos || id.size() > sizeof "fileindex_" - 1 + 255)
+        Bad(std::string(member) + " is not an index name");
+    return id;
+}
+
 std::string IndexId(const Json::Value &indice) {
-    if (indice.isString()) return indice.asString();
+    if (indice.isString()) return IndexName(indice.asString(), "\"indice\"");
     if (!indice.isArray() || indice.size() != 1)
         Bad("\"indice\" must name exactly one index");
-    return String(indice[0], "\"indice\"[0]");
+    return IndexName(String(indice[0], "\"indice\"[0]"), "\"indice\"[0]");
 }
 
 void ParseFilters(const Json::Value &data, SearchRequest *request) {
-    for (const Json::Value &filter : Array(data, "filters")) {
+    for (const Json::Value &filter : Array(data, "filters", kMaxFilters)) {
         if (!filter.isObject()) Bad("a filter is not an object");
         const std::string name = String(filter["name"], "a filter's \"name\"");
         // An ignored filter could show what the client meant to hide.
@@ -68,12 +81,12 @@ void ParseFields(const Json::Value &data, SearchPlan *plan) {
         plan->fields = {field::kPath, field::kFSName, field::kExtension, field::kIsDir};
         return;
     }
-    for (const Json::Value &name : Array(data, "fields"))
+    for (const Json::Value &name : Array(data, "fields", kMaxFields))
         plan->fields.push_back(String(name, "an entry of \"fields\""));
 }
 
 void ParseSorter(const Json::Value &data, SearchPlan *plan) {
-    for (const Json::Value &entry : Array(data, "sorter")) {
+    for (const Json::Value &entry : Array(data, "sorter", kMaxSortKeys)) {
         if (!entry.isObject()) Bad("a sort key is not an object");
         SortKey key;
         key.field = String(entry["field"], "a sort key's \"field\"");
@@ -89,7 +102,7 @@ void ParseSorter(const Json::Value &data, SearchPlan *plan) {
 }
 
 void ParseHighlight(const Json::Value &data, SearchPlan *plan) {
-    for (const Json::Value &entry : Array(data, "highlight")) {
+    for (const Json::Value &entry : Array(data, "highlight", kMaxHighlights)) {
         if (!entry.isObject()) Bad("a highlight is not an object");
         HighlightRequest highlight;
         highlight.field = String(entry["field"], "a highlight's \"field\"");
@@ -106,12 +119,16 @@ SearchRequest ParseSearchRequest(const Json::Value &data) {
     SearchRequest request;
     request.index_id = IndexId(data["indice"]);
     SearchPlan &plan = request.plan;
-    plan.from = Count(data["from"], 0, 0, INT32_MAX, "from");
     plan.size = Count(data["size"], kDefaultPageSize, 0, kMaxPageSize, "size");
+    plan.from = Count(data["from"], 0, 0, kMaxPageEnd - plan.size, "from");
     const Json::Value &query = data["query_string"];
     if (!query.isNull()) {
         if (!query.isObject()) Bad("\"query_string\" is not an object");
         plan.query = String(query["query"], "\"query_string\".\"query\"");
+        if (plan.query.size() > kMaxQueryBytes)
+            Bad("the query is longer than " + std::to_string(kMaxQueryBytes) + " bytes");
+        if (std::count(plan.query.begin(), plan.query.end(), '*') > static_cast<long>(kMaxQueryWildcards))
+            Bad("the query has more than " + std::to_string(kMaxQueryWildcards) + " wildcards");
     }
     ParseFilters(data, &request);
     ParseCollector(data, &request);
@@ -124,7 +141,7 @@ SearchRequest ParseSearchRequest(const Json::Value &data) {
 DocumentRequest ParseDocumentRequest(const Json::Value &data) {
     if (!data.isObject()) Bad("\"data\" is not an object");
     DocumentRequest request;
-    request.index_id = String(data["id"], "\"id\"");
+    request.index_id = IndexName(String(data["id"], "\"id\""), "\"id\"");
     const Json::Value &doc_id = data["doc_id"];
     if (!doc_id.isInt() || doc_id.asInt() <= 0) Bad("\"doc_id\" is not a document id");
     request.doc_id = static_cast<uint32_t>(doc_id.asInt());

@@ -12,11 +12,21 @@
 
 namespace zarnd {
 
+// Caps on what one request may ask for.  The engine keeps from + size
+// entries of a page in memory, and every sort key, highlight and wildcard
+// multiplies the work per document, so each is bounded well above what a
+// person or the library asks for.
 constexpr uint32_t kDefaultPageSize = 10;
 constexpr uint32_t kMaxPageSize = 10000;
+constexpr uint32_t kMaxPageEnd = 100000;  // from + size
 constexpr size_t kDefaultFragLength = 350;
 constexpr size_t kMaxFragLength = 65536;
-constexpr size_t kMaxListEntries = 64;  // fields, sort keys, highlights, filters
+constexpr size_t kMaxFields = 32;  // the schema has 13; repeats are harmless
+constexpr size_t kMaxSortKeys = 8;
+constexpr size_t kMaxHighlights = 4;
+constexpr size_t kMaxFilters = 4;
+constexpr size_t kMaxQueryBytes = 4096;
+constexpr size_t kMaxQueryWildcards = 32;  // each may expand to many terms
 
 // "data" of a "search".
 struct SearchRequest {

@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -17,6 +18,7 @@
 #include <cstdio>
 #include <cstring>
 #include <deque>
+#include <map>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -34,19 +36,52 @@ using Clock = std::chrono::steady_clock;
 
 // How often a connection whose request arrives in pieces is looked at again.
 constexpr int kPartialRecheckMs = 10;
+// How long accepting rests when the process is out of descriptors.
+constexpr int kAcceptRestMs = 100;
 
 struct Connection {
     int fd;
     Peer peer;
-    Clock::time_point deadline;
+    Clock::time_point deadline;  // for the whole request, then for a worker
     bool partial;  // some bytes of the request are there, not all
 };
 
-// Complete requests waiting for a worker.
-class WorkQueue {
+// What the connections hold, under one lock shared by the loop and the
+// workers: the complete requests waiting for a worker, and for each uid
+// other than root its open connections (waiting, queued or served) and its
+// requests in service.  A worker takes the oldest request whose uid is below
+// its share of the workers, so that one user's flood leaves the other
+// workers to everybody else.
+class Scheduler {
 public:
-    explicit WorkQueue(size_t capacity) : capacity_(capacity) {}
+    Scheduler(size_t capacity, size_t max_per_user, unsigned share)
+        : capacity_(capacity), max_per_user_(max_per_user), share_(share) {}
 
+    // Counts a new connection; false when its uid holds its cap already.
+    bool Admit(uid_t uid) {
+        if (uid == 0) return true;
+        std::lock_guard<std::mutex> lock(mutex_);
+        Held &held = held_[uid];
+        if (held.open >= max_per_user_) {
+            // Once per episode: a flood would otherwise flood the log too.
+            if (!held.warned)
+                ZARN_LOG(LOG_WARNING, "uid %u holds %zu connections: refusing more", static_cast<unsigned>(uid),
+                         held.open);
+            held.warned = true;
+            return false;
+        }
+        ++held.open;
+        return true;
+    }
+
+    // Closes a connection that is not in service.
+    void Close(const Connection &connection) {
+        close(connection.fd);
+        std::lock_guard<std::mutex> lock(mutex_);
+        Release(connection.peer.uid, false);
+    }
+
+    // Queues in order of deadline, all being the same wait from now.
     bool Push(const Connection &connection) {
         std::lock_guard<std::mutex> lock(mutex_);
         if (stopped_ || queue_.size() >= capacity_) return false;
@@ -55,30 +90,79 @@ public:
         return true;
     }
 
+    // Takes out the requests that waited for a worker until their deadline.
+    std::vector<Connection> Expired(Clock::time_point now) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        std::vector<Connection> expired;
+        for (; !queue_.empty() && queue_.front().deadline <= now; queue_.pop_front())
+            expired.push_back(queue_.front());
+        return expired;
+    }
+
+    Clock::time_point NextExpiry() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return queue_.empty() ? Clock::time_point::max() : queue_.front().deadline;
+    }
+
     // False once stopped.
     bool Pop(Connection *connection) {
         std::unique_lock<std::mutex> lock(mutex_);
-        ready_.wait(lock, [this] { return stopped_ || !queue_.empty(); });
-        if (stopped_) return false;
-        *connection = queue_.front();
-        queue_.pop_front();
-        return true;
+        for (;;) {
+            if (stopped_) return false;
+            const auto next = std::find_if(queue_.begin(), queue_.end(), [this](const Connection &queued) {
+                return queued.peer.uid == 0 || held_[queued.peer.uid].serving < share_;
+            });
+            if (next != queue_.end()) {
+                *connection = *next;
+                queue_.erase(next);
+                if (connection->peer.uid != 0) ++held_[connection->peer.uid].serving;
+                return true;
+            }
+            ready_.wait(lock);
+        }
+    }
+
+    // Closes a connection that a worker has served.
+    void Finish(const Connection &connection) {
+        close(connection.fd);
+        std::lock_guard<std::mutex> lock(mutex_);
+        Release(connection.peer.uid, true);
+        ready_.notify_all();  // a request of this uid may now be taken
     }
 
     // Wakes every worker; connections not yet served are closed unanswered.
     void Stop() {
         std::lock_guard<std::mutex> lock(mutex_);
         stopped_ = true;
-        for (const Connection &connection : queue_) close(connection.fd);
+        for (const Connection &connection : queue_) {
+            close(connection.fd);
+            Release(connection.peer.uid, false);
+        }
         queue_.clear();
         ready_.notify_all();
     }
 
 private:
+    struct Held {
+        size_t open = 0;
+        unsigned serving = 0;
+        bool warned = false;
+    };
+
+    void Release(uid_t uid, bool served) {
+        if (uid == 0) return;
+        Held &held = held_[uid];
+        if (served) --held.serving;
+        if (--held.open == 0) held_.erase(uid);
+    }
+
     const size_t capacity_;
+    const size_t max_per_user_;
+    const unsigned share_;
     std::mutex mutex_;
     std::condition_variable ready_;
     std::deque<Connection> queue_;
+    std::map<uid_t, Held> held_;
     bool stopped_ = false;
 };
 
@@ -106,11 +190,11 @@ void SetTimeout(int fd, int option, long millis) {
     setsockopt(fd, SOL_SOCKET, option, &timeout, sizeof timeout);
 }
 
-// Answers a connection that will not be served, then closes it.
-void Turn(int fd, int code, const char *message) {
+// Answers a connection that will not be served; the client gets a short
+// while to take the reply.
+void SendFailure(int fd, int code, const char *message) {
     SetTimeout(fd, SO_SNDTIMEO, 200);
     zarndaemon::io::PacketWrite(fd, FailureReply(code, message));
-    close(fd);
 }
 
 bool MakeAddress(const std::string &path, sockaddr_un *address) {
@@ -131,7 +215,8 @@ int CannotStart(const char *format, const std::string &path) {
 
 class Server {
 public:
-    explicit Server(const ServerOptions &options) : options_(options), queue_(options.max_queued) {}
+    explicit Server(const ServerOptions &options)
+        : options_(options), scheduler_(options.max_queued, options.max_per_user, options.UserShare()) {}
 
     int Run() {
         sockaddr_un address;
@@ -143,6 +228,7 @@ public:
             errno = EADDRINUSE;
             return CannotStart("another daemon answers on", options_.socket_path);
         }
+        RaiseDescriptorLimit();
         if (!Listen(address)) return CannotStart("cannot listen on", options_.socket_path);
         if (!options_.foreground && !Daemonize()) return CannotStart("cannot detach from", "the terminal");
         if (!CatchSignals()) return CannotStart("cannot catch signals for", options_.socket_path);
@@ -162,6 +248,15 @@ private:
         const bool answers = connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
         close(fd);
         return answers;
+    }
+
+    // Every waiting connection holds a descriptor, and so does every index a
+    // search opens: take as many as the system lets us.
+    static void RaiseDescriptorLimit() {
+        rlimit limit;
+        if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == limit.rlim_max) return;
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
     }
 
     bool Listen(const sockaddr_un &address) {
@@ -212,13 +307,13 @@ private:
 
     void Work() {
         Connection connection;
-        while (queue_.Pop(&connection)) {
+        while (scheduler_.Pop(&connection)) {
             // The request is already in the socket buffer; replies may wait
             // on a client that does not read, but never for long.
             SetTimeout(connection.fd, SO_RCVTIMEO, 1000);
             SetTimeout(connection.fd, SO_SNDTIMEO, options_.send_timeout_s * 1000L);
-            ServeConnection(connection.fd, connection.peer);
-            close(connection.fd);
+            ServeConnection(connection.fd, connection.peer, options_.search_budget_s);
+            scheduler_.Finish(connection);
         }
     }
 
@@ -226,8 +321,12 @@ private:
         for (;;) {
             const int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
             if (fd < 0) {
-                if (errno == EMFILE || errno == ENFILE)
+                // Out of descriptors, the listening socket stays readable:
+                // rest instead of spinning until a connection closes.
+                if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
                     ZARN_LOG(LOG_ERR, "cannot accept a connection: %m");
+                    accept_resumes_ = Clock::now() + std::chrono::milliseconds(kAcceptRestMs);
+                }
                 return;
             }
             ucred credentials;
@@ -236,8 +335,12 @@ private:
                 close(fd);
                 continue;
             }
-            if (waiting_.size() >= options_.max_waiting) {
-                Turn(fd, kBusy, "too many connections");
+            const char *refusal = waiting_.size() >= options_.max_waiting ? "too many connections"
+                                  : !scheduler_.Admit(credentials.uid)     ? "too many connections from this user"
+                                                                           : nullptr;
+            if (refusal != nullptr) {
+                SendFailure(fd, kBusy, refusal);
+                close(fd);
                 continue;
             }
             const Clock::time_point deadline =
@@ -247,7 +350,8 @@ private:
     }
 
     // Moves connections whose request is complete to the workers; drops the
-    // ones that closed, sent too much or took too long.
+    // ones that closed, sent too much or took too long, and the requests that
+    // waited too long for a worker.
     void Sort(const std::vector<pollfd> &polled) {
         const Clock::time_point now = Clock::now();
         std::vector<Connection> kept;
@@ -258,33 +362,47 @@ private:
                                            ? PeekRequest(connection.fd, options_.max_request_bytes)
                                            : RequestState::kIncomplete;
             if (state == RequestState::kComplete) {
-                if (!queue_.Push(connection)) Turn(connection.fd, kBusy, "server busy");
+                connection.deadline = now + std::chrono::milliseconds(options_.max_queue_wait_ms);
+                if (!scheduler_.Push(connection)) Drop(connection, kBusy, "server busy");
             } else if (state == RequestState::kTooLarge) {
-                Turn(connection.fd, kBadRequest, "request too large");
+                Drop(connection, kBadRequest, "request too large");
             } else if (state == RequestState::kClosed || (events & (POLLHUP | POLLRDHUP | POLLERR))) {
-                close(connection.fd);  // gone before its request was whole
+                Drop(connection);  // gone before its request was whole
             } else if (now >= connection.deadline) {
                 ZARN_LOG(LOG_DEBUG, "no whole request from peer pid %d in time",
                          static_cast<int>(connection.peer.pid));
-                close(connection.fd);
+                Drop(connection);
             } else {
                 connection.partial = events != 0 || connection.partial;
                 kept.push_back(connection);
             }
         }
         waiting_.swap(kept);
+        for (const Connection &connection : scheduler_.Expired(now)) Drop(connection, kBusy, "server busy");
     }
 
-    int PollTimeout() const {
-        if (waiting_.empty()) return -1;
-        Clock::time_point nearest = waiting_.front().deadline;
+    // Closes a waiting connection, with a failure reply when `code` is set.
+    void Drop(const Connection &connection, int code = 0, const char *message = nullptr) {
+        if (code != 0) SendFailure(connection.fd, code, message);
+        scheduler_.Close(connection);
+    }
+
+    bool Resting(Clock::time_point now) const { return now < accept_resumes_; }
+
+    // Until the nearest deadline (of a request, of a wait for a worker, of a
+    // rest) or recheck of a partial request; -1 when there is none.
+    int PollTimeout() {
+        const Clock::time_point now = Clock::now();
+        Clock::time_point nearest = scheduler_.NextExpiry();
         bool partial = false;
         for (const Connection &connection : waiting_) {
             nearest = std::min(nearest, connection.deadline);
             partial = partial || connection.partial;
         }
-        const auto until = std::chrono::duration_cast<std::chrono::milliseconds>(nearest - Clock::now());
-        const int millis = static_cast<int>(std::max<long long>(0, until.count()) + 1);
+        if (Resting(now)) nearest = std::min(nearest, accept_resumes_);
+        if (nearest == Clock::time_point::max()) return -1;
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(nearest - now);
+        const int millis = static_cast<int>(std::max<long long>(0, left.count()) + 1);
         return partial ? std::min(millis, kPartialRecheckMs) : millis;
     }
 
@@ -292,7 +410,7 @@ private:
         for (;;) {
             std::vector<pollfd> polled;
             polled.push_back({signal_fd_, POLLIN, 0});
-            polled.push_back({listen_fd_, POLLIN, 0});
+            polled.push_back({Resting(Clock::now()) ? -1 : listen_fd_, POLLIN, 0});
             // A partial request keeps its socket readable: it is looked at
             // again on a timer, not on every turn of the loop.
             for (const Connection &connection : waiting_)
@@ -321,20 +439,21 @@ private:
         struct stat now;
         if (lstat(options_.socket_path.c_str(), &now) == 0 && now.st_ino == socket_inode_)
             unlink(options_.socket_path.c_str());
-        for (const Connection &connection : waiting_) close(connection.fd);
+        for (const Connection &connection : waiting_) scheduler_.Close(connection);
         waiting_.clear();
-        queue_.Stop();
+        scheduler_.Stop();
         for (std::thread &worker : workers_) worker.join();
         close(signal_fd_);
     }
 
     const ServerOptions options_;
-    WorkQueue queue_;
+    Scheduler scheduler_;
     std::vector<Connection> waiting_;
     std::vector<std::thread> workers_;
     int listen_fd_ = -1;
     int signal_fd_ = -1;
     ino_t socket_inode_ = 0;
+    Clock::time_point accept_resumes_;  // accepting rests until then
 };
 
 }  // namespace

@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include "protocol.h"
+
 namespace zarnd {
 
 struct ServerOptions {
@@ -16,7 +18,13 @@ struct ServerOptions {
     int send_timeout_s = 10;         // per blocking send of a reply
     size_t max_waiting = 1024;       // connections still sending their request
     size_t max_queued = 256;         // complete requests waiting for a worker
+    int max_queue_wait_ms = 10000;   // then they are answered 503
     size_t max_request_bytes = 64 * 1024;
+    // One uid other than root: its connections in any state, and the part of
+    // the workers its requests may occupy at once (at least one).
+    size_t max_per_user = 64;
+    unsigned UserShare() const { return workers / 2 > 0 ? workers / 2 : 1; }
+    double search_budget_s = kDefaultSearchBudgetS;
 };
 
 // Serves until SIGTERM or SIGINT; returns the process exit status.  Refuses

@@ -168,6 +168,8 @@ TEST_F(DaemonE2e, FailuresAreOneErrorPacket) {
     SetShareTable({{"docs", "/var/docs"}, {"bare", "/var/docs/report"}});  // "bare" was never indexed
     Start();
     const std::string search = R"({"command": "search", "data": {"indice": ["fileindex_docs"], "query_string": {"query": "fox")";
+    std::string nine_keys = R"({"field": "ZARNMDPath"})";
+    for (int i = 0; i < 8; ++i) nine_keys += R"(, {"field": "ZARNMDFSName"})";
     const std::pair<std::string, int> cases[] = {
         {R"({"command": "search", "data": {"indice": ["fileindex_nosuch"], "query_string": {"query": "fox"}}})", 404},
         {R"({"command": "search", "data": {"indice": ["fileindex_bare"], "query_string": {"query": "fox"}}})", 404},
@@ -175,8 +177,14 @@ TEST_F(DaemonE2e, FailuresAreOneErrorPacket) {
         {R"({"command": "search", "data": {"indice": ["fileindex_docs"], "query_string": {"query": "ZARNMDFSSize:a..b"}}})", 400},
         {search + R"(}, "sorter": [{"field": "ZARNMDTextContent"}]}})", 400},
         {search + R"(}, "size": 10001}})", 400},
+        {search + R"(}, "from": 99991}})", 400},  // from + size above 100000
+        {search + R"(}, "sorter": [)" + nine_keys + "]}}", 400},
+        {R"({"command": "search", "data": {"indice": "fileindex_docs", "query_string": {"query": ")" + std::string(4097, 'a') + "\"}}}", 400},
+        {R"({"command": "search", "data": {"indice": "fileindex_docs", "query_string": {"query": ")" + std::string(33, '*') + "\"}}}", 400},
         {search + R"(}, "highlight": [{"field": "ZARNMDTextContent", "frag_length": 0}]}})", 400},
         {R"({"command": "document_get_by_internal_id", "data": {"id": "fileindex_docs", "doc_id": 9999}})", 404},
+        {R"({"command": "document_get_by_internal_id", "data": {"id": "fileindex_do\ncs", "doc_id": 1}})", 400},
+        {R"({"command": "search", "data": {"indice": ")" + std::string(266, 'x') + "\"}}", 400},
         {"not json", 400},
         {std::string(70000, ' '), 400},  // above the daemon's request size cap
     };
@@ -187,6 +195,24 @@ TEST_F(DaemonE2e, FailuresAreOneErrorPacket) {
                     replies[0]["error"]["code"] == c.second) << c.first.substr(0, 200) << zarn::json::ToString(replies[0]);
     }
     EXPECT_EQ(kFox, Paths(Search("fox")));
+    // Client text reaches the log escaped: no line of it is the client's.
+    Json::Value forged = Search("fox");
+    forged["data"]["collector"]["agent"] = "a\nzarnelasticd[1]: forged";
+    forged["data"]["sorter"][0]["field"] = "\nzarnelasticd[1]: forged \xff";
+    Ask(zarn::json::ToString(forged));
+    EXPECT_EQ(std::string::npos, Log().find("\nzarnelasticd[1]: forged")) << Log();
+    EXPECT_NE(std::string::npos, Log().find("agent \"a\\x0Azarnelasticd[1]: forged\"")) << Log();
+}
+
+// Past the search budget no hit is made: the total stays whole, a failure
+// takes the end's place.
+TEST_F(DaemonE2e, SearchBudgetCutsTheHitsShort) {
+    Start("", "--search-budget 0.000000001");
+    const Replies cut = Ask(zarn::json::ToString(Search("fox")));
+    ASSERT_EQ(2u, cut.size());
+    EXPECT_EQ(4, cut[0]["total"].asInt());
+    EXPECT_EQ(R"({"error":{"code":503,"message":"search took too long"},"success":false})", zarn::json::ToString(cut[1]));
+    EXPECT_TRUE(Hits(Search("nosuchword")).empty());  // nothing to cut
 }
 
 TEST_F(DaemonE2e, PagesAndSortKeys) {
