@@ -40,9 +40,6 @@ struct SearchPlan {
     std::vector<std::string> fields;
     std::vector<HighlightRequest> highlight;
     const Credentials *reader = nullptr;  // only hits this user may read; null: all
-    // Wall-clock seconds the match may take; 0: no limit.  A match cut short
-    // fails with kBusy "search took too long": its total would not be exact.
-    double time_budget_s = 0;
 };
 
 struct Hit {

@@ -87,10 +87,10 @@ void Search(const Json::Value &data, const Peer &peer, const PacketSink &send, d
              static_cast<unsigned>(peer.uid), Loggable(request.index_id).c_str());
     SearchPlan plan = request.plan;
     plan.reader = reader.get();
-    // plan.time_budget_s stays 0: on Xapian 1.4.22 the engine's match limit
-    // arms a timer whose notification thread may write into a match that
-    // has already returned (memory corruption, found by the fuzzer).  The
-    // caps on the request bound the match; the budget, the hits after it.
+    // The match itself runs to its end: Xapian 1.4.22's match time limit
+    // arms a timer that may write into a match that has returned (memory
+    // corruption, found by the fuzzer).  The caps on the request bound the
+    // match; the budget, the hits after it.
     bool reachable = true, late = false;
     OpenIndex(request.index_id)
         ->Search(
