@@ -142,7 +142,8 @@ void ReadContent(int fd, size_t limit, std::string *head, uint64_t *full) {
         if (full != nullptr) *full = st.st_size;
         return;
     }
-    const int own = dup(fd);
+    // The duplicate shares the offset, which an earlier read moved.
+    const int own = lseek(fd, 0, SEEK_SET) == 0 ? dup(fd) : -1;
     gzFile gz = own < 0 ? nullptr : gzdopen(own, "rb");
     if (gz == nullptr) {
         if (own >= 0) close(own);
