@@ -139,13 +139,15 @@ std::string HighlightText(const Xapian::MSet &mset, const Xapian::Database &db, 
     // About six bytes a word: the words a fragment can show.
     const Xapian::termpos width = static_cast<Xapian::termpos>(std::max<size_t>(8, frag_length / 6));
     const Xapian::termpos anchor = DensestWindow(positions, words, width);
-    const size_t chunk =
-        static_cast<size_t>(std::upper_bound(starts.begin(), starts.end(), anchor - 1) - starts.begin()) - 1;
+    // The chunk that holds the anchor: the last one starting below it (the
+    // first, should a damaged layout start above it).
+    const size_t above = static_cast<size_t>(std::upper_bound(starts.begin(), starts.end(), anchor - 1) - starts.begin());
+    const size_t chunk = above == 0 ? 0 : above - 1;
     // The window: a fragment's length before the anchor, two after it,
     // reaching into the neighbouring chunks only where it must.
     std::string text;
     if (!ReadChunks(db, doc_id, chunk, chunk, &text)) return "";
-    size_t offset = OffsetOfWord(text, anchor - starts[chunk] - 1);
+    size_t offset = OffsetOfWord(text, anchor > starts[chunk] ? anchor - starts[chunk] - 1 : 0);
     size_t first = chunk, last = chunk;
     std::string more;
     while (offset < frag_length && first > 0 && ReadChunks(db, doc_id, first - 1, first - 1, &more)) {
