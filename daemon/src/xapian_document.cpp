@@ -128,6 +128,10 @@ Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *
     return doc;
 }
 
+bool ReadTextChunk(const Xapian::Database &db, Xapian::docid doc_id, size_t chunk, std::string *text, size_t limit) {
+    return UnpackChunk(db.get_metadata(TextChunkKey(doc_id, static_cast<unsigned>(chunk))), text, limit);
+}
+
 bool ReadTextStart(const Xapian::Database &db, Xapian::docid doc_id, const Xapian::Document &doc,
                    std::string *text) {
     text->clear();
@@ -136,7 +140,7 @@ bool ReadTextStart(const Xapian::Database &db, Xapian::docid doc_id, const Xapia
     std::string chunk;
     // A few bytes beyond the cap let the cut fall between characters.
     for (unsigned k = 0; k < starts.size() && text->size() < kReturnedTextBytes; ++k) {
-        if (!UnpackChunk(db.get_metadata(TextChunkKey(doc_id, k)), &chunk, kReturnedTextBytes + 4 - text->size()))
+        if (!ReadTextChunk(db, doc_id, k, &chunk, kReturnedTextBytes + 4 - text->size()))
             break;
         *text += chunk;
     }

@@ -86,7 +86,7 @@ bool ReadChunks(const Xapian::Database &db, Xapian::docid doc_id, size_t first, 
     text->clear();
     std::string chunk;
     for (size_t k = first; k <= last; ++k) {
-        if (!UnpackChunk(db.get_metadata(TextChunkKey(doc_id, static_cast<unsigned>(k))), &chunk)) return false;
+        if (!ReadTextChunk(db, doc_id, k, &chunk)) return false;
         *text += chunk;
     }
     return true;
