@@ -273,7 +273,7 @@ void Add(IndexCounts *total, const IndexCounts &counts) {
     total->skipped += counts.skipped;
 }
 
-bool IndexShare(const std::string &share, const std::set<std::string> &folders, bool progress_line,
+bool IndexShare(const std::string &share, const std::set<std::string> &folders, const IndexOptions &options,
                 IndexCounts *total) {
     const Clock::time_point start = Clock::now();
     std::string root;
@@ -283,8 +283,10 @@ bool IndexShare(const std::string &share, const std::set<std::string> &folders, 
         return false;
     }
     try {
-        std::unique_ptr<IndexWriter> writer = OpenIndexWriter(IndexDirOfShare(share));
-        Progress progress(progress_line);
+        const std::string dir = IndexDirOfShare(share);
+        if (!options.shards.empty()) SetIndexShards(dir, options.shards);
+        std::unique_ptr<IndexWriter> writer = OpenIndexWriter(dir);
+        Progress progress(options.progress);
         ShareIndexer indexer(share, root, writer.get(), &progress);
         for (const std::string &folder : folders) indexer.IndexFolder(folder);
         indexer.RemoveUnseen();
@@ -334,11 +336,18 @@ int RunIndexer(const IndexOptions &options, IndexCounts *total) {
                      options.config_path.c_str());
         return 1;
     }
+    if (!options.share.empty()) {
+        if (shares.count(options.share) == 0) {
+            std::fprintf(stderr, "zarnelasticd: share %s holds no indexed folder\n", options.share.c_str());
+            return 1;
+        }
+        shares = {{options.share, shares[options.share]}};
+    }
     RaiseFileLimit();
     IndexCounts sum;
     int status = 0;
     for (const auto &share : shares)
-        if (!IndexShare(share.first, share.second, options.progress, &sum)) status = 1;
+        if (!IndexShare(share.first, share.second, options, &sum)) status = 1;
     if (total != nullptr) *total = sum;
     return status;
 }

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "folders.h"
 
@@ -15,6 +16,10 @@ namespace zarnd {
 struct IndexOptions {
     std::string config_path = kFolderConfigPath;
     bool progress = false;  // a progress line on standard error
+    std::string share;      // only this share; "" for every share
+    // The shards to spread the share's index over ("HOST:PORT" or a path
+    // each), kept for later runs; empty: as the index is now.
+    std::vector<std::string> shards;
 };
 
 struct IndexCounts {

@@ -1,7 +1,8 @@
 // zarnelasticd: the search daemon, and its indexer.
 //
-//   zarnelasticd [--foreground] [--workers N] [--search-budget SECONDS] [--debug]
-//   zarnelasticd index [--progress | --quiet]
+//   zarnelasticd [--foreground] [--workers N] [--search-budget SECONDS]
+//                [--shard-timeout SECONDS] [--debug]
+//   zarnelasticd index [--progress | --quiet] [--share NAME [--shards SHARD,...]]
 //   zarnelasticd --help | --version
 #include <syslog.h>
 #include <unistd.h>
@@ -10,6 +11,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
+
+#include "engine.h"
 
 #include "daemon_socket.h"
 #include "indexer.h"
@@ -17,16 +21,38 @@
 
 namespace {
 
+constexpr double kDefaultShardTimeoutS = 2;
+
+// "a,b,c" as its items; false when one is empty.
+bool SplitList(const std::string &list, std::vector<std::string> *items) {
+    items->clear();
+    size_t at = 0;
+    for (size_t comma; (comma = list.find(',', at)) != std::string::npos; at = comma + 1)
+        items->push_back(list.substr(at, comma - at));
+    items->push_back(list.substr(at));
+    for (const std::string &item : *items)
+        if (item.empty()) return false;
+    return true;
+}
+
 void PrintUsage(FILE *out) {
     std::fprintf(out,
-                 "usage: zarnelasticd [--foreground] [--workers N] [--search-budget SECONDS] [--debug]\n"
+                 "usage: zarnelasticd [--foreground] [--workers N] [--search-budget SECONDS]\n"
+                 "                    [--shard-timeout SECONDS] [--debug]\n"
                  "           --workers N              searches served at once (1 to 256, default 4);\n"
                  "                                    one user other than root gets half of them\n"
                  "           --search-budget SECONDS  time a search may work before it fails with\n"
                  "                                    503 (default %g, 0 for no limit, at most 3600)\n"
-                 "       zarnelasticd index [--progress | --quiet]\n"
+                 "           --shard-timeout SECONDS  time a shard on another machine may take to\n"
+                 "                                    answer before the search fails with 503\n"
+                 "                                    (default %g, 0.01 to 600)\n"
+                 "       zarnelasticd index [--progress | --quiet] [--share NAME [--shards SHARD,...]]\n"
+                 "           --share NAME             index this share only\n"
+                 "           --shards SHARD,...       spread its index over these shards from now on,\n"
+                 "                                    each HOST:PORT of a xapian-tcpsrv --writable\n"
+                 "                                    or the absolute path of a local database\n"
                  "       zarnelasticd --help | --version\n",
-                 zarnd::kDefaultSearchBudgetS);
+                 zarnd::kDefaultSearchBudgetS, kDefaultShardTimeoutS);
 }
 
 // A wrong command line: the usage on standard error, exit 2.
@@ -59,9 +85,15 @@ int Index(int argc, char **argv) {
             options.progress = true;
         else if (std::strcmp(argv[i], "--quiet") == 0)
             options.progress = false;
+        else if (std::strcmp(argv[i], "--share") == 0 && i + 1 < argc && *argv[i + 1] != '\0')
+            options.share = argv[++i];
+        else if (std::strcmp(argv[i], "--shards") == 0 && i + 1 < argc && SplitList(argv[i + 1], &options.shards))
+            ++i;
         else
             return Usage();
     }
+    // A layout belongs to one share: two shares in one database would mix.
+    if (!options.shards.empty() && options.share.empty()) return Usage();
     openlog("zarnelasticd", LOG_PID, LOG_DAEMON);
     return zarnd::RunIndexer(options);
 }
@@ -87,6 +119,11 @@ int Serve(int argc, char **argv) {
             const double budget = std::strtod(argv[++i], &end);
             if (end == argv[i] || *end != '\0' || !(budget >= 0 && budget <= 3600)) return Usage();
             options.search_budget_s = budget;
+        } else if (std::strcmp(argv[i], "--shard-timeout") == 0 && i + 1 < argc) {
+            char *end = nullptr;
+            const double timeout = std::strtod(argv[++i], &end);
+            if (end == argv[i] || *end != '\0' || !(timeout >= 0.01 && timeout <= 600)) return Usage();
+            zarnd::SetShardTimeout(static_cast<unsigned>(timeout * 1000));
         } else {
             return Usage();
         }

@@ -128,19 +128,18 @@ Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *
     return doc;
 }
 
-bool ReadTextChunk(const Xapian::Database &db, Xapian::docid doc_id, size_t chunk, std::string *text, size_t limit) {
-    return UnpackChunk(db.get_metadata(TextChunkKey(doc_id, static_cast<unsigned>(chunk))), text, limit);
+bool ReadTextChunk(const TextSource &source, size_t chunk, std::string *text, size_t limit) {
+    return UnpackChunk(source.db->get_metadata(TextChunkKey(source.doc_id, static_cast<unsigned>(chunk))), text, limit);
 }
 
-bool ReadTextStart(const Xapian::Database &db, Xapian::docid doc_id, const Xapian::Document &doc,
-                   std::string *text) {
+bool ReadTextStart(const TextSource &source, const Xapian::Document &doc, std::string *text) {
     text->clear();
     std::vector<uint32_t> starts;
     if (!DecodeChunkStarts(doc.get_value(kTextLayoutSlot), &starts) || starts.empty()) return false;
     std::string chunk;
     // A few bytes beyond the cap let the cut fall between characters.
     for (unsigned k = 0; k < starts.size() && text->size() < kReturnedTextBytes; ++k) {
-        if (!ReadTextChunk(db, doc_id, k, &chunk, kReturnedTextBytes + 4 - text->size()))
+        if (!ReadTextChunk(source, k, &chunk, kReturnedTextBytes + 4 - text->size()))
             break;
         *text += chunk;
     }

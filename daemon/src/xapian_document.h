@@ -33,15 +33,20 @@ bool DecodeData(const std::string &data, Json::Value *fields);
 // The unique term that names the document of `path`.
 std::string IdTerm(const std::string &path);
 
-// Chunk `chunk` of the text content of document `doc_id`, or its first
-// `limit` bytes; false when it cannot be read.
-bool ReadTextChunk(const Xapian::Database &db, Xapian::docid doc_id, size_t chunk, std::string *text,
-                   size_t limit = SIZE_MAX);
+// Where a document's text chunks are kept: the database of its shard (the
+// index itself when it has no shards), and the document's id there.
+struct TextSource {
+    const Xapian::Database *db;
+    Xapian::docid doc_id;
+};
 
-// The beginning of the text content of document `doc_id` (at most
+// Chunk `chunk` of the text content of a document, or its first `limit`
+// bytes; false when it cannot be read.
+bool ReadTextChunk(const TextSource &source, size_t chunk, std::string *text, size_t limit = SIZE_MAX);
+
+// The beginning of the text content of document `doc` (at most
 // kReturnedTextBytes, cut between characters); false when it has none.
-bool ReadTextStart(const Xapian::Database &db, Xapian::docid doc_id, const Xapian::Document &doc,
-                   std::string *text);
+bool ReadTextStart(const TextSource &source, const Xapian::Document &doc, std::string *text);
 
 }  // namespace xap
 }  // namespace zarnd

@@ -82,11 +82,11 @@ std::string SnippetOfWindow(const Xapian::MSet &mset, const std::string &text, b
 
 // Chunks [first, last] of the text content, one after the other; false when
 // one cannot be read.
-bool ReadChunks(const Xapian::Database &db, Xapian::docid doc_id, size_t first, size_t last, std::string *text) {
+bool ReadChunks(const TextSource &source, size_t first, size_t last, std::string *text) {
     text->clear();
     std::string chunk;
     for (size_t k = first; k <= last; ++k) {
-        if (!ReadTextChunk(db, doc_id, k, &chunk)) return false;
+        if (!ReadTextChunk(source, k, &chunk)) return false;
         *text += chunk;
     }
     return true;
@@ -115,7 +115,8 @@ std::string HighlightField(const Xapian::MSet &mset, const std::string &text, si
 }
 
 std::string HighlightText(const Xapian::MSet &mset, const Xapian::Database &db, Xapian::docid doc_id,
-                          const Xapian::Document &doc, const Xapian::Query &query, size_t frag_length) {
+                          const Xapian::Document &doc, const TextSource &source, const Xapian::Query &query,
+                          size_t frag_length) {
     std::vector<uint32_t> starts;
     if (!DecodeChunkStarts(doc.get_value(kTextLayoutSlot), &starts) || starts.empty()) return "";
     const size_t count = starts.size();
@@ -130,7 +131,7 @@ std::string HighlightText(const Xapian::MSet &mset, const Xapian::Database &db, 
         std::string text;
         for (size_t first = 0; first < count; first += reach + 1) {
             const size_t last = std::min(count - 1, first + reach);
-            if (!ReadChunks(db, doc_id, first, last, &text)) break;
+            if (!ReadChunks(source, first, last, &text)) break;
             const std::string fragment = SnippetOfWindow(mset, text, first > 0, last + 1 < count, frag_length);
             if (!fragment.empty()) return fragment;
         }
@@ -146,16 +147,16 @@ std::string HighlightText(const Xapian::MSet &mset, const Xapian::Database &db, 
     // The window: half a fragment's length before the anchor, one and a
     // half after it, reaching into the neighbouring chunks only where it must.
     std::string text;
-    if (!ReadChunks(db, doc_id, chunk, chunk, &text)) return "";
+    if (!ReadChunks(source, chunk, chunk, &text)) return "";
     size_t offset = OffsetOfWord(text, anchor > starts[chunk] ? anchor - starts[chunk] - 1 : 0);
     size_t first = chunk, last = chunk;
     std::string more;
-    while (offset < frag_length / 2 && first > 0 && ReadChunks(db, doc_id, first - 1, first - 1, &more)) {
+    while (offset < frag_length / 2 && first > 0 && ReadChunks(source, first - 1, first - 1, &more)) {
         text.insert(0, more);
         offset += more.size();
         --first;
     }
-    while (text.size() - offset < frag_length + frag_length / 2 && last + 1 < count && ReadChunks(db, doc_id, last + 1, last + 1, &more)) {
+    while (text.size() - offset < frag_length + frag_length / 2 && last + 1 < count && ReadChunks(source, last + 1, last + 1, &more)) {
         text += more;
         ++last;
     }

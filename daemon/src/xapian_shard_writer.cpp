@@ -1,0 +1,100 @@
+// The writer of a sharded index: one DatabaseWriter per shard, each with its
+// own writing thread, and every document sent to the shard of its path.
+#include <errno.h>
+#include <sys/stat.h>
+
+#include <cstring>
+
+#include "engine.h"
+#include "failure.h"
+#include "xapian_layout.h"
+#include "xapian_shards.h"
+#include "xapian_writer.h"
+
+namespace zarnd {
+namespace xap {
+
+namespace {
+
+class ShardedWriter : public IndexWriter {
+public:
+    explicit ShardedWriter(std::vector<std::unique_ptr<DatabaseWriter>> shards) : shards_(std::move(shards)) {}
+
+    void Put(const FileRecord &record) override { ShardOf(record.path).Put(record); }
+    void Add(const FileRecord &record) override { ShardOf(record.path).Add(record); }
+    void Remove(const std::string &path) override { ShardOf(path).Remove(path); }
+
+    std::map<std::string, std::string> Signatures() override {
+        std::map<std::string, std::string> all;
+        for (const auto &shard : shards_) {
+            std::map<std::string, std::string> some = shard->Signatures();
+            all.insert(some.begin(), some.end());
+        }
+        return all;
+    }
+
+    void Commit() override {
+        for (const auto &shard : shards_) shard->Commit();
+    }
+
+    // The shards commit side by side; then each is waited for.  A sharded
+    // index is not rewritten here: its shards may live on other machines.
+    void Finish() override {
+        Commit();
+        for (const auto &shard : shards_) shard->Finish();
+    }
+
+private:
+    DatabaseWriter &ShardOf(const std::string &path) { return *shards_[ShardOfPath(path, shards_.size())]; }
+
+    std::vector<std::unique_ptr<DatabaseWriter>> shards_;
+};
+
+// Opens shard `k` of `shards` for writing, and checks that it holds nothing
+// or this layout's shard k: a document in the wrong shard would never be
+// found again by its path, and its id would collide with another's.
+std::unique_ptr<DatabaseWriter> OpenShardWriter(const std::vector<Shard> &shards, size_t k) {
+    const Shard &shard = shards[k];
+    try {
+        Xapian::WritableDatabase db = OpenShardForWriting(shard);
+        const std::string mark = db.get_metadata(kShardKey), expected = ShardMark(k, shards.size());
+        if (db.get_doccount() > 0 && (mark != expected || db.get_metadata(kFormatKey) != kFormat))
+            throw Failure(kInternal, "shard " + shard.Name() + " holds another index (shard \"" + mark +
+                                         "\", expected \"" + expected + "\"): empty it, or list the shards in the order they were first given");
+        db.set_metadata(kShardKey, expected);
+        db.set_metadata(kFormatKey, kFormat);
+        return std::unique_ptr<DatabaseWriter>(new DatabaseWriter(db, "shard " + shard.Name(), MaxLocalId(k, shards.size())));
+    } catch (const Xapian::DatabaseLockError &) {
+        throw Failure(kLocked, "shard " + shard.Name() + " is being written by another process");
+    } catch (const Xapian::Error &e) {
+        throw Failure(kBusy, "shard " + shard.Name() + " is unavailable: " + e.get_description());
+    }
+}
+
+}  // namespace
+
+std::unique_ptr<IndexWriter> OpenShardedWriter(const std::string &dir) {
+    std::vector<Shard> shards;
+    ReadShards(dir, &shards);
+    std::vector<std::unique_ptr<DatabaseWriter>> writers;
+    for (size_t k = 0; k < shards.size(); ++k) writers.push_back(OpenShardWriter(shards, k));
+    return std::unique_ptr<IndexWriter>(new ShardedWriter(std::move(writers)));
+}
+
+}  // namespace xap
+
+void SetIndexShards(const std::string &dir, const std::vector<std::string> &names) {
+    std::vector<xap::Shard> wanted(names.size()), current;
+    for (size_t k = 0; k < names.size(); ++k)
+        if (!xap::ParseShard(names[k], &wanted[k]))
+            throw Failure(kBadRequest, "not a shard: \"" + names[k] + "\" (HOST:PORT or an absolute path)");
+    if (wanted.empty()) throw Failure(kBadRequest, "no shard given");
+    if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST)
+        throw Failure(kInternal, "cannot make " + dir + ": " + std::strerror(errno));
+    const bool sharded = xap::ReadShards(dir, &current);
+    if (sharded && current == wanted) return;
+    xap::WriteShards(dir, wanted);
+    if (!sharded) xap::RemoveLocalIndex(dir);
+}
+
+}  // namespace zarnd
