@@ -33,13 +33,13 @@ const FieldLayout kLayouts[] = {
 // Xapian refuses terms above 245 bytes.
 constexpr size_t kMaxTermBytes = 240;
 
+}  // namespace
+
 uint64_t Fnv1a(const std::string &text) {
     uint64_t hash = 14695981039346656037ull;
     for (unsigned char c : text) hash = (hash ^ c) * 1099511628211ull;
     return hash;
 }
-
-}  // namespace
 
 const FieldLayout *FieldLayouts(size_t *count) {
     *count = sizeof kLayouts / sizeof kLayouts[0];

@@ -5,6 +5,7 @@
 #ifndef ZARND_XAPIAN_LAYOUT_H
 #define ZARND_XAPIAN_LAYOUT_H
 
+#include <cstdint>
 #include <string>
 
 #include <xapian.h>
@@ -54,6 +55,10 @@ struct FieldLayout {
 // Every stored field, in a fixed order; `count` receives their number.
 const FieldLayout *FieldLayouts(size_t *count);
 const FieldLayout *FindLayout(const std::string &field);
+
+// A 64-bit hash of `text` that is the same on every machine and in every
+// build, unlike std::hash: what the index keeps must not depend on them.
+uint64_t Fnv1a(const std::string &text);
 
 // prefix + value, or, when that would pass Xapian's limit on term length, a
 // shortened form that stays unique through a hash of the whole value.

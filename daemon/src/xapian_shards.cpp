@@ -106,9 +106,7 @@ Xapian::WritableDatabase OpenShardForWriting(const Shard &shard) {
 }
 
 size_t ShardOfPath(const std::string &path, size_t count) {
-    uint64_t hash = 14695981039346656037ull;  // FNV-1a: fixed, unlike std::hash
-    for (const char c : path) hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ull;
-    return static_cast<size_t>(hash % count);
+    return static_cast<size_t>(Fnv1a(path) % count);
 }
 
 Xapian::docid CombinedId(Xapian::docid local, size_t shard, size_t count) {

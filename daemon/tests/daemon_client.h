@@ -1,0 +1,55 @@
+// The daemon's socket seen from a test: one request, its reply packets.
+#ifndef ZARND_TESTS_DAEMON_CLIENT_H
+#define ZARND_TESTS_DAEMON_CLIENT_H
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "json_text.h"
+#include "zarnplatform.h"
+
+namespace zarntest {
+
+using Replies = std::vector<Json::Value>;
+
+// A connection to the daemon's socket; -1 when nobody answers there.
+inline int ConnectToDaemon() {
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address = {AF_UNIX, "/var/run/zarnelasticd.sock"};  // kDaemonSocket
+    if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) return fd;
+    close(fd);
+    return -1;
+}
+
+// Every reply packet of one request sent as the packet `text_sent`.
+inline Replies Ask(const std::string &text_sent) {
+    const int fd = ConnectToDaemon();
+    zarndaemon::io::PacketWrite(fd, text_sent);  // a refused request may be cut off mid-write
+    Replies replies(1);
+    for (std::string text; zarndaemon::io::PacketRead(fd, text); replies.emplace_back())
+        EXPECT_TRUE(zarn::json::FromString(text, &replies.back())) << text;
+    close(fd);
+    replies.pop_back();
+    return replies;
+}
+
+// The hits of a search, checked for the stream's shape: header, hits, end.
+inline Replies Hits(const Json::Value &request, int64_t *total = nullptr) {
+    const Replies replies = Ask(zarn::json::ToString(request));
+    if (replies.size() < 2 || !replies[0].isMember("total") || replies.back()["success"] != true) {
+        ADD_FAILURE() << "not a search reply: " << (replies.empty() ? "" : zarn::json::ToString(replies[0]));
+        return {};
+    }
+    if (total != nullptr) *total = replies[0]["total"].asInt64();
+    return Replies(replies.begin() + 1, replies.end() - 1);
+}
+
+}  // namespace zarntest
+
+#endif  // ZARND_TESTS_DAEMON_CLIENT_H

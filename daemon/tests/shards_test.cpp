@@ -1,0 +1,305 @@
+// A share indexed into one local database, and a copy of it spread over
+// three shards, each served by its own xapian-tcpsrv on the loopback: every
+// search must answer alike, a shard that fails must fail searches with 503
+// until it is back, and a re-index must keep each document in its shard.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <map>
+#include <set>
+
+#include <xapian.h>
+
+#include "daemon_client.h"
+#include "harness.h"
+#include "schema.h"
+#include "xapian_layout.h"
+#include "xapian_shards.h"
+#include "zarnsearch_run.h"
+
+namespace {
+
+using namespace zarntest;
+constexpr unsigned kStranger = 54321;
+constexpr int kShards = 3;
+using Clock = std::chrono::steady_clock;
+
+// A loopback port that nobody listens on now.
+unsigned FreePort() {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
+    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
+    close(fd);
+    return ntohs(address.sin_port);
+}
+
+bool Answers(unsigned port) {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const bool answered = connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+    close(fd);
+    return answered;
+}
+
+// A process group of its own, so that its children go with it.
+pid_t Spawn(const std::string &command) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        setpgid(0, 0);
+        execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr);
+        _exit(127);
+    }
+    return pid;
+}
+
+void Reap(pid_t pid, int signal_number) {
+    kill(-pid, signal_number);
+    waitpid(pid, nullptr, 0);
+}
+
+// The documents' words are chosen so that relevance never ties for "fox"
+// (file i holds it i+1 times, every text as long as the others), and each
+// file name is unique.
+constexpr char kMakeShare[] = R"sh(umask 022 && mkdir -p /var/local/d0 /var/local/d1 /var/local/d2 && chmod 750 /var/local/d2 &&
+  for i in $(seq 0 59); do
+    f=/var/local/d$((i % 3))/f$(printf %02d $i).txt words="" k=0
+    while [ $k -le $i ]; do words="$words fox"; k=$((k + 1)); done
+    if [ $((i % 4)) = 0 ]; then words="$words alpha"; else words="$words beta"; fi
+    if [ $((i % 5)) = 0 ]; then words="$words brown dog"; else words="$words green cat"; fi
+    while [ $k -lt 100 ]; do words="$words w$k"; k=$((k + 1)); done
+    echo "$words" > $f
+    if [ $((i % 7)) = 0 ]; then chmod 600 $f; fi
+  done && cp -a /var/local /var/sharded)sh";
+
+class ShardedIndex : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(0, Shell(kMakeShare).status);
+        SetShareTable({{"local", "/var/local"}, {"sharded", "/var/sharded"}});
+        WriteFile(kFolderConfig, R"([{"path": "/local"}, {"path": "/sharded"}])");
+        std::string list;
+        for (int k = 0; k < kShards; ++k) {
+            ports_[k] = FreePort();
+            StartShard(k);
+            list += (k ? ",127.0.0.1:" : "127.0.0.1:") + std::to_string(ports_[k]);
+        }
+        ASSERT_EQ(0, Shell(ZARNELASTICD " index --share local").status);
+        const Result sharded = Shell(ZARNELASTICD " index --share sharded --shards " + list);
+        ASSERT_EQ(0, sharded.status) << sharded.err;
+    }
+
+    void TearDown() override {
+        if (daemon_ > 0) Reap(daemon_, SIGTERM);
+        for (pid_t shard : shards_)
+            if (shard > 0) Reap(shard, SIGKILL);
+    }
+
+    void StartShard(int k) {
+        shards_[k] = Spawn("xapian-tcpsrv --writable --quiet --interface 127.0.0.1 --port " + std::to_string(ports_[k]) +
+                           " /var/shard" + std::to_string(k) + " 2>>/var/shards.log");
+        for (int i = 0; i < 1000 && !Answers(ports_[k]); ++i) usleep(10000);
+        ASSERT_TRUE(Answers(ports_[k]));
+    }
+
+    void StartDaemon() {
+        daemon_ = Spawn(ZARNELASTICD " --foreground --shard-timeout 1 2>>/var/daemon.log");
+        int fd = -1;
+        for (int i = 0; i < 500 && (fd = ConnectToDaemon()) < 0; ++i) usleep(10000);
+        ASSERT_GE(fd, 0);
+        close(fd);
+    }
+
+    unsigned ports_[kShards] = {};
+    pid_t shards_[kShards] = {};
+    pid_t daemon_ = -1;
+};
+
+struct Sort {
+    const char *field;
+    bool descending, natural;
+};
+
+struct Case {
+    const char *query;  // "{share}" stands for the share's name
+    std::vector<Sort> sort;
+    unsigned from, size;
+    bool ordered;  // hits in one order; otherwise as a set (relevance ties)
+};
+
+Json::Value Request(const std::string &share, const Case &c, unsigned uid) {
+    Json::Value request;
+    request["command"] = "search";
+    Json::Value &data = request["data"];
+    data["indice"][0] = "fileindex_" + share;
+    std::string query = c.query;
+    if (query.find("{share}") != std::string::npos) query.replace(query.find("{share}"), 7, share);
+    data["query_string"]["query"] = query;
+    data["from"] = c.from;
+    data["size"] = c.size;
+    data["filters"][0]["name"] = "permission";
+    data["filters"][0]["data"] = uid;
+    for (const char *field : {"ZARNMDPath", "ZARNMDFSSize", "ZARNMDFSContentChangeDate", "ZARNMDTextContent"})
+        data["fields"].append(field);
+    for (const Sort &key : c.sort) {
+        Json::Value entry;
+        entry["field"] = key.field;
+        entry["direction"] = key.descending ? "desc" : "asc";
+        entry["nature_sort"] = key.natural;
+        data["sorter"].append(entry);
+    }
+    data["highlight"][0]["field"] = "ZARNMDTextContent";
+    data["highlight"][0]["frag_length"] = 40;
+    return request;
+}
+
+// A hit as text, the share's name taken out of it and its id left out.
+std::string Comparable(Json::Value hit, const std::string &share) {
+    if (hit.isObject()) hit.removeMember("additional");
+    std::string text = zarn::json::ToString(hit);
+    for (size_t at; (at = text.find("/" + share)) != std::string::npos;) text.replace(at, share.size() + 1, "/S");
+    return text;
+}
+
+// The hits in order; where they tie on their sort keys, in one fixed order.
+std::vector<std::string> Answer(const std::string &share, const Case &c, unsigned uid, int64_t *total) {
+    std::vector<std::pair<std::string, std::string>> hits;  // sort values, hit
+    for (const Json::Value &hit : Hits(Request(share, c, uid), total)) {
+        std::string values;
+        for (const Sort &key : c.sort) values += zarn::json::ToString(hit[key.field]) + "|";
+        hits.emplace_back(values, Comparable(hit, share));
+    }
+    if (!c.ordered) std::sort(hits.begin(), hits.end());
+    for (size_t begin = 0, end; begin < hits.size(); begin = end) {
+        for (end = begin; end < hits.size() && hits[end].first == hits[begin].first;) ++end;
+        if (!c.sort.empty()) std::sort(hits.begin() + begin, hits.begin() + end);
+    }
+    std::vector<std::string> texts;
+    for (const auto &hit : hits) texts.push_back(hit.second);
+    return texts;
+}
+
+TEST_F(ShardedIndex, AnswersAsOneLocalDatabase) {
+    StartDaemon();
+    const Case cases[] = {
+        {"fox", {}, 0, 100, true},
+        {"fox", {}, 7, 5, true},  // pages across the shards' documents
+        {"fox", {}, 20, 13, true},
+        {"\"brown dog\"", {}, 0, 100, false},
+        {"alpha AND fox NOT w50", {}, 0, 100, false},
+        {"ZARNMDFSSize:300..420 ZARNMDExtension:txt", {}, 0, 100, false},
+        {"ZARNMDParent:/{share}/d1", {}, 0, 100, false},
+        {"f1*", {}, 0, 100, false},
+        {"*", {{"ZARNMDPath", false, false}}, 10, 25, true},
+        {"*", {{"ZARNMDPath", true, true}}, 0, 100, true},
+        {"fox", {{"ZARNMDFSName", true, true}}, 3, 40, true},
+        {"fox", {{"ZARNMDFSSize", false, false}}, 0, 100, true},
+        {"*", {{"ZARNMDFSContentChangeDate", true, false}}, 0, 100, true},
+        {"beta", {{"ZARNMDSearchFileName", false, true}}, 0, 100, true},
+    };
+    for (const Case &c : cases)
+        for (unsigned uid : {0u, kStranger}) {
+            int64_t local_total = -1, sharded_total = -2;
+            const auto local = Answer("local", c, uid, &local_total);
+            EXPECT_FALSE(local.empty()) << c.query;
+            EXPECT_EQ(local, Answer("sharded", c, uid, &sharded_total)) << c.query << " from " << c.from << " as " << uid;
+            EXPECT_EQ(local_total, sharded_total) << c.query << " as " << uid;
+        }
+    // Every document found by its id, as it was found by the search.
+    std::map<std::string, std::string> found;
+    for (const std::string share : {"local", "sharded"}) {
+        for (const Json::Value &hit : Hits(Request(share, {"*", {{"ZARNMDPath", false, false}}, 0, 200, true}, 0))) {
+            const std::string ask = R"({"command": "document_get_by_internal_id", "data": {"id": "fileindex_)" + share +
+                                    R"(", "doc_id": )" + std::to_string(hit["additional"]["doc_id"].asInt()) + "}}";
+            Json::Value fields = Ask(ask).at(0)["data"];
+            EXPECT_EQ(hit["ZARNMDPath"], fields["ZARNMDPath"]);
+            // A copy has its own creation and attribute change times.
+            fields.removeMember("ZARNMDFSCreationDate");
+            fields.removeMember("ZARNMDAttributeChangeDate");
+            std::string &text = found[Comparable(hit["ZARNMDPath"], share)];
+            if (text.empty()) text = Comparable(fields, share);
+            else EXPECT_EQ(text, Comparable(fields, share));
+        }
+    }
+    EXPECT_EQ(63u, found.size());  // 60 files and 3 folders
+    // The network carries no sort function: several keys are refused, not
+    // answered in another order.
+    const Case two_keys = {"fox", {{"ZARNMDFSSize", false, false}, {"ZARNMDPath", false, false}}, 0, 10, true};
+    EXPECT_EQ(10u, Hits(Request("local", two_keys, 0)).size());
+    const Replies refused = Ask(zarn::json::ToString(Request("sharded", two_keys, 0)));
+    ASSERT_EQ(1u, refused.size());
+    EXPECT_EQ(400, refused[0]["error"]["code"].asInt()) << zarn::json::ToString(refused[0]);
+    // The command-line client over the library.
+    const Result cli = Zarnsearch({"count", "sharded", "fox"});
+    EXPECT_EQ(0, cli.status) << cli.err;
+    EXPECT_NE(std::string::npos, cli.out.find("60")) << cli.out;
+}
+
+// The reply that a search of the sharded index gets, and how long it took.
+Replies TimedSearch(double *seconds) {
+    const Clock::time_point start = Clock::now();
+    const Replies replies = Ask(zarn::json::ToString(Request("sharded", {"fox", {}, 0, 5, true}, 0)));
+    *seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    return replies;
+}
+
+TEST_F(ShardedIndex, AShardDownOrStuckFailsSearchesWith503UntilItIsBack) {
+    StartDaemon();
+    double seconds = 0;
+    ASSERT_EQ(7u, TimedSearch(&seconds).size());  // header, 5 hits, end
+    const std::string shard = "127.0.0.1:" + std::to_string(ports_[1]);
+    for (int signal_number : {SIGSTOP, SIGKILL}) {
+        kill(-shards_[1], signal_number);
+        // A stopped server's connections stay open but answer nothing: the
+        // shard time-out (1 s here) bounds each wait.
+        for (int round = 0; round < 2; ++round) {
+            const Replies replies = TimedSearch(&seconds);
+            ASSERT_EQ(1u, replies.size());
+            EXPECT_EQ(503, replies[0]["error"]["code"].asInt());
+            EXPECT_NE(std::string::npos, replies[0]["error"]["message"].asString().find(shard))
+                << zarn::json::ToString(replies[0]);
+            EXPECT_LT(seconds, 4.0);
+        }
+        if (signal_number == SIGSTOP) {
+            kill(-shards_[1], SIGCONT);
+            ASSERT_EQ(7u, TimedSearch(&seconds).size());
+        }
+    }
+    waitpid(shards_[1], nullptr, 0);
+    StartShard(1);
+    EXPECT_EQ(7u, TimedSearch(&seconds).size());
+}
+
+TEST_F(ShardedIndex, ReindexKeepsEveryDocumentInItsShardOnce) {
+    ASSERT_EQ(0, Shell("cd /var/sharded && echo quokka >> d1/f04.txt && rm d0/f06.txt && echo zebra > d2/new.txt && "
+                       "mv d1/f07.txt d1/g07.txt").status);
+    const Result rerun = Shell(ZARNELASTICD " index --share sharded");  // the layout is remembered
+    ASSERT_EQ(0, rerun.status) << rerun.err;
+    EXPECT_NE(std::string::npos, rerun.out.find("2 added, 4 updated, 2 removed")) << rerun.out;
+    std::multiset<std::string> paths;
+    for (int k = 0; k < kShards; ++k) {
+        Xapian::Database shard = Xapian::Remote::open("127.0.0.1", ports_[k]);
+        const Xapian::valueno slot = zarnd::xap::FindLayout(zarnd::field::kPath)->slot;
+        for (Xapian::ValueIterator it = shard.valuestream_begin(slot); it != shard.valuestream_end(slot); ++it) {
+            paths.insert(*it);
+            EXPECT_EQ(static_cast<size_t>(k), zarnd::xap::ShardOfPath(*it, kShards)) << *it;
+        }
+    }
+    EXPECT_EQ(63u, paths.size());
+    for (const char *path : {"/sharded/d2/new.txt", "/sharded/d1/g07.txt", "/sharded/d1/f04.txt"})
+        EXPECT_EQ(1u, paths.count(path)) << path;
+    for (const char *path : {"/sharded/d0/f06.txt", "/sharded/d1/f07.txt"}) EXPECT_EQ(0u, paths.count(path)) << path;
+    StartDaemon();
+    for (const char *word : {"quokka", "zebra"}) EXPECT_EQ(1u, Hits(Request("sharded", {word, {}, 0, 10, true}, 0)).size());
+}
+
+}  // namespace
