@@ -1,7 +1,8 @@
 # What `cmake --install` puts in place: the library with its SONAME links,
-# the public headers, the platform stand-in, zarnsearch, the daemon's systemd
-# unit, a pkg-config file and a CMake package.  The daemon (which is also the
-# indexer) installs itself from daemon/CMakeLists.txt.
+# the public headers, the platform stand-in, zarnsearch, the systemd units of
+# the daemon and of a shard server, a pkg-config file and a CMake package.
+# The daemon (which is also the indexer) installs itself from
+# daemon/CMakeLists.txt.
 include(CMakePackageConfigHelpers)
 
 set(ZARN_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/zarncontentsearchutils)
@@ -32,7 +33,8 @@ install(CODE "
   set(ZARN_SBINDIR \"${_zarn_sbindir}\")
   configure_file(\"${CMAKE_CURRENT_LIST_DIR}/zarnelasticd.service.in\"
                  \"${PROJECT_BINARY_DIR}/zarnelasticd.service\" @ONLY)")
-install(FILES ${PROJECT_BINARY_DIR}/zarnelasticd.service DESTINATION lib/systemd/system)
+install(FILES ${PROJECT_BINARY_DIR}/zarnelasticd.service ${CMAKE_CURRENT_LIST_DIR}/xapian-tcpsrv@.service
+  DESTINATION lib/systemd/system)
 
 # CMake package: zarncontentsearchutils::zarncontentsearchutils and
 # zarncontentsearchutils::zarnplatform.

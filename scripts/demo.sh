@@ -4,13 +4,16 @@
 # nothing outside it is touched) makes a share from a copy of /usr/share/doc,
 # indexes it, starts zarnelasticd and runs searches through zarnsearch.
 #
-# Usage: sh scripts/demo.sh           the demo
-#        sh scripts/demo.sh --shell   the same sandbox, with a shell instead
-#                                     of the searches, to run your own
+# Usage: sh scripts/demo.sh               the demo
+#        sh scripts/demo.sh --shell       the same sandbox, with a shell instead
+#                                         of the searches, to run your own
+#        sh scripts/demo.sh --shards N    the share's index spread over N shards,
+#                                         each served by xapian-tcpsrv on the
+#                                         loopback (1 to 9; with --shell too)
 set -eu
 
 usage() {
-  echo "usage: sh scripts/demo.sh [--shell]"
+  echo "usage: sh scripts/demo.sh [--shell] [--shards N]"
 }
 
 share=doc
@@ -74,6 +77,32 @@ start_daemon() {
   done
 }
 
+# start_shards N: N servers on the loopback, one shard each; their list in
+# $shard_list.
+shard_pids= shard_list=
+start_shards() {
+  port=$((17300 + $$ % 1000 * 10))
+  mkdir -p /var/shards
+  for k in $(seq 1 "$1"); do
+    port=$((port + 1))
+    # A process group of its own: the server signals its whole group as it stops.
+    setsid xapian-tcpsrv --writable --quiet --interface 127.0.0.1 --port "$port" "/var/shards/$k" \
+      2>>/var/run/shards.log &
+    pid=$!
+    shard_pids="$shard_pids $pid"
+    until ss -ltn "sport = :$port" | grep -q LISTEN; do
+      kill -0 "$pid" 2>/dev/null || { echo "xapian-tcpsrv did not start:" >&2; cat /var/run/shards.log >&2; exit 1; }
+      sleep 0.05
+    done
+    shard_list="$shard_list${shard_list:+,}127.0.0.1:$port"
+  done
+}
+
+stop_shards() {
+  for pid in $shard_pids; do kill "$pid" 2>/dev/null || true; done
+  shard_pids=
+}
+
 prepare() {
   mount -t tmpfs -o mode=0755 tmpfs /var
   mkdir -p /var/run /var/shares "$(dirname "$folder_config")"
@@ -92,8 +121,16 @@ prepare() {
   sed 's/^/  /' "$folder_config"
 
   echo
-  echo "== Indexing"
-  zarnelasticd index
+  if [ "$shards" -gt 0 ]; then
+    start_shards "$shards"
+    echo "== Indexing into $shards shards, each served by xapian-tcpsrv: $shard_list"
+    zarnelasticd index --share "$share" --shards "$shard_list"
+    echo "the index folder holds the list of shards, $(zarnsearch where "$share" | sed -n 's/^database: *//p')/XAPIANDB:"
+    sed 's/^/  /' "$(zarnsearch where "$share" | sed -n 's/^database: *//p')/XAPIANDB"
+  else
+    echo "== Indexing"
+    zarnelasticd index
+  fi
   start_daemon
   echo "zarnelasticd answers on $socket"
 }
@@ -161,10 +198,10 @@ EOF
 }
 
 in_sandbox() {
-  build=$1 mode=$2
+  build=$1 mode=$2 shards=$3
   PATH=$build/tools:$build/daemon:$PATH
   export PATH
-  trap stop_daemon EXIT
+  trap 'stop_daemon; stop_shards' EXIT
   trap 'exit 130' INT TERM
   prepare
   if [ "$mode" = shell ]; then
@@ -180,24 +217,32 @@ in_sandbox() {
 
 # ---- outside -----------------------------------------------------------------
 
-mode=demo
-case ${1:-} in
-  "") ;;
-  --shell) mode=shell ;;
-  --in-sandbox)
-    shift
-    in_sandbox "$@"
-    exit 0
-    ;;
-  -h | --help)
-    usage
-    exit 0
-    ;;
-  *)
-    usage >&2
-    exit 2
-    ;;
-esac
+mode=demo shards=0
+while [ $# -gt 0 ]; do
+  case $1 in
+    --shell) mode=shell ;;
+    --shards)
+      case ${2:-} in
+        [1-9]) shards=$2; shift ;;
+        *) usage >&2; exit 2 ;;
+      esac
+      ;;
+    --in-sandbox)
+      shift
+      in_sandbox "$@"
+      exit 0
+      ;;
+    -h | --help)
+      usage
+      exit 0
+      ;;
+    *)
+      usage >&2
+      exit 2
+      ;;
+  esac
+  shift
+done
 
 cd "$(dirname "$0")/.."
 sh scripts/setup.sh
@@ -212,4 +257,4 @@ if ! { cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo &&
   echo "the build failed; the whole log is in $log" >&2
   exit 1
 fi
-exec unshare -Urm sh "$0" --in-sandbox "$build" "$mode"
+exec unshare -Urm sh "$0" --in-sandbox "$build" "$mode" "$shards"

@@ -53,7 +53,7 @@ ZARN_SANDBOX_IDS=65536 exec sh "$here/../../tests/support/sandbox.sh" sh -c '
           # A group of its own: the server signals its whole group as it stops.
           setsid xapian-tcpsrv --writable --quiet --interface 127.0.0.1 --port "$port" "$work/shard-$k" 2>/dev/null &
           servers="$servers $!"
-          until ss -ltn "sport = :$port" | grep -q LISTEN; do sleep 0.05; done
+          until ss -ltn "sport = :$port" | grep -q LISTEN; do kill -0 "$!"; sleep 0.05; done
           list="$list${list:+,}127.0.0.1:$port"
         done
         option="--shards $list"
