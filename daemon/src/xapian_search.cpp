@@ -191,9 +191,6 @@ public:
             const Match match(index, plan);
             started = true;
             on_total(match.mset.get_matches_estimated());
-            // The page's documents in one go: one message per shard over
-            // the network, not one per hit.
-            match.mset.fetch();
             for (Xapian::MSetIterator it = match.mset.begin(); it != match.mset.end(); ++it)
                 if (!on_hit(MakeHit(index, match, it, plan))) return;
         });
