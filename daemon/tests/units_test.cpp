@@ -2,8 +2,10 @@
 // hold: other users and groups, odd bytes, cut fragments, the folder list
 // and the last document id.
 #include <sys/mman.h>
+#include <sys/stat.h>
 
 #include <random>
+#include <set>
 
 #include <gtest/gtest.h>
 
@@ -16,6 +18,7 @@
 #include "text_content.h"
 #include "xapian_document.h"
 #include "xapian_layout.h"
+#include "xapian_shards.h"
 
 namespace zarnd {
 namespace {
@@ -183,6 +186,46 @@ TEST(DaemonUnits, OldFormatsAreRebuiltAndDocumentIdsStayWithinASigned32BitInt) {
     std::string access;
     EXPECT_TRUE(OpenSearchIndex("/var/index")->Fetch(kMaxDocId, &fields, &access));
     EXPECT_EQ("/s/last", fields["ZARNMDPath"].asString());
+}
+
+// Shard lists from the command line and from the stub, and the ids that
+// interleave the shards' own: unique, reversible, below 2^31.
+TEST(DaemonUnits, ShardListsAndCombinedIds) {
+    const std::pair<const char *, const char *> shards[] = {
+        {"10.0.0.2:7301", "10.0.0.2:7301"}, {"/srv/shard", "/srv/shard"}, {"host:65535", "host:65535"},
+        {"host:0", ""}, {"host:65536", ""}, {"host:", ""}, {":7301", ""}, {"host", ""}, {"a b:1", ""}, {"rel/path", ""},
+    };
+    for (const auto &c : shards) {
+        xap::Shard shard;
+        EXPECT_EQ(*c.second != '\0', xap::ParseShard(c.first, &shard)) << c.first;
+        if (*c.second) {
+            EXPECT_EQ(c.second, shard.Name());
+        }
+    }
+    mkdir("/var/index", 0755);
+    std::vector<xap::Shard> read;
+    const std::pair<const char *, size_t> stubs[] = {{"", 0}, {"glass gen-3\n", 0}, {"remote :h:1\nauto /x\nglass rel\n", 3}};
+    for (const auto &c : stubs) {
+        zarntest::WriteFile("/var/index/XAPIANDB", c.first);
+        EXPECT_EQ(c.second > 0, xap::ReadShards("/var/index", &read)) << c.first;
+        EXPECT_EQ(c.second, read.size()) << c.first;
+    }
+    EXPECT_EQ("/var/index/rel", read[2].path);
+    zarntest::WriteFile("/var/index/XAPIANDB", "remote h:1\n");
+    EXPECT_THROW(xap::ReadShards("/var/index", &read), Failure);
+    for (size_t count : {1, 3, 7}) {
+        std::set<Xapian::docid> seen;
+        for (size_t k = 0; k < count; ++k) {
+            for (Xapian::docid local : {1u, 2u, 1000u, xap::MaxLocalId(k, count)}) {
+                const Xapian::docid id = xap::CombinedId(local, k, count);
+                size_t shard = 99;
+                Xapian::docid back = 0;
+                xap::SplitId(id, count, &shard, &back);
+                EXPECT_TRUE(shard == k && back == local && id <= kMaxDocId && seen.insert(id).second) << id;
+            }
+            EXPECT_GT(uint64_t{xap::CombinedId(xap::MaxLocalId(k, count), k, count)} + count, uint64_t{kMaxDocId});
+        }
+    }
 }
 
 }  // namespace
