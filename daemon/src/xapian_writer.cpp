@@ -168,6 +168,25 @@ public:
         return result;
     }
 
+    // Through the id terms that begin with the path: a subtree's records
+    // without a walk over the whole index.
+    std::map<std::string, std::string> SignaturesUnder(const std::string &path) override {
+        Drain();
+        std::map<std::string, std::string> result;
+        Guard([&] {
+            const std::string start = xap::BoundedTermStart(xap::kIdPrefix, path);
+            const Xapian::valueno path_slot = xap::FindLayout(field::kPath)->slot;
+            for (auto term = db_.allterms_begin(start); term != db_.allterms_end(start); ++term) {
+                for (auto doc = db_.postlist_begin(*term); doc != db_.postlist_end(*term); ++doc) {
+                    const Xapian::Document document = db_.get_document(*doc);
+                    std::string stored = document.get_value(path_slot);
+                    if (PathWithin(stored, path)) result[std::move(stored)] = document.get_value(xap::kSignatureSlot);
+                }
+            }
+        });
+        return result;
+    }
+
     void Commit() override { Enqueue(Change{Change::kCommit, {}, {}, {}, {}, 0}); }
 
     void Finish() override {
