@@ -35,9 +35,9 @@ constexpr milliseconds kLockedRetry{250};
 // A share with unwatched folders is rescanned this often, which also tries
 // their watches again.
 constexpr std::chrono::seconds kRewatchPeriod{60};
-// Above this many changed paths in one share, one rescan of the share costs
-// less than the paths one by one, and pending memory stays bounded.
-constexpr size_t kMaxPendingPaths = 100000;
+// Above this many changed paths in one share, they give way to one rescan of
+// the share, so that what waits stays bounded (at most some 80 MB of paths).
+constexpr size_t kMaxPendingPaths = 20000;
 
 // Whether a folder above `path` is in `paths` too: its rescan covers `path`.
 bool Covered(const std::string &path, const std::set<std::string> &paths) {
@@ -238,11 +238,12 @@ private:
     bool overflow_logged_ = false;
 };
 
-LiveIndex::LiveIndex(const LiveOptions &options) : loop_(new Loop(options)) {}
+LiveIndex::LiveIndex(const LiveOptions &options) : options_(options) {}
 
 LiveIndex::~LiveIndex() { Stop(); }
 
 bool LiveIndex::Start() {
+    loop_.reset(new Loop(options_));
     if (!loop_->Ready()) return false;
     stop_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (stop_fd_ < 0) return false;

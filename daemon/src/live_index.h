@@ -35,6 +35,7 @@ public:
     class Loop;
 
 private:
+    const LiveOptions options_;
     std::unique_ptr<Loop> loop_;
     std::thread thread_;
     int stop_fd_ = -1;

@@ -81,15 +81,14 @@ bool Watcher::WatchConfig(const std::string &config_path) {
 }
 
 void Watcher::Read(std::vector<WatchEvent> *events) {
+    // One buffer at a time: a flood of events is taken in turns with the
+    // batches that apply it.
     alignas(inotify_event) char buffer[64 * 1024];
-    for (;;) {
-        const ssize_t n = fd_ < 0 ? -1 : read(fd_, buffer, sizeof buffer);
-        if (n <= 0) return;  // EAGAIN: all read
-        for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(inotify_event)) <= n;) {
-            const auto *event = reinterpret_cast<const inotify_event *>(buffer + at);
-            Handle(*event, events);
-            at += sizeof(inotify_event) + event->len;
-        }
+    const ssize_t n = fd_ < 0 ? -1 : read(fd_, buffer, sizeof buffer);
+    for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(inotify_event)) <= n;) {
+        const auto *event = reinterpret_cast<const inotify_event *>(buffer + at);
+        Handle(*event, events);
+        at += sizeof(inotify_event) + event->len;
     }
 }
 

@@ -49,7 +49,8 @@ public:
     // Watches the folder of the indexed-folder list for changes to the file.
     bool WatchConfig(const std::string &config_path);
 
-    // Appends what the waiting events mean; returns at once when none wait.
+    // Appends what waiting events mean (as many as one read takes); returns
+    // at once when none wait.
     void Read(std::vector<WatchEvent> *events);
 
     // Turns one kernel event into what it means for the index.  Public so
