@@ -144,9 +144,10 @@ public:
             const size_t next_end = std::min(path.find('/', end + 1), path.size());
             const std::string name = path.substr(end + 1, next_end - end - 1);
             end = next_end;
+            if (name.empty()) continue;  // "//"
             Entry entry{at + "/" + name, at, name, {}, {}};
             const bool last = end == path.size();
-            const bool found = !name.empty() && name != kMetadataDir && StatAt(fd, name.c_str(), &entry.st) &&
+            const bool found = name != kMetadataDir && StatAt(fd, name.c_str(), &entry.st) &&
                                DeviceOf(entry.st) == device_;
             entry.access = above;
             entry.access.insert(entry.access.begin(), AccessOf(entry.st));
