@@ -2,7 +2,8 @@
 # Shows the whole system at work on real files: installs what is missing,
 # builds, then inside a private mount namespace (a fresh tmpfs over /var;
 # nothing outside it is touched) makes a share from a copy of /usr/share/doc,
-# indexes it, starts zarnelasticd and runs searches through zarnsearch.
+# indexes it, starts zarnelasticd and runs searches through zarnsearch, then
+# saves a file on the share and finds it without indexing again.
 #
 # Usage: sh scripts/demo.sh               the demo
 #        sh scripts/demo.sh --shell       the same sandbox, with a shell instead
@@ -182,11 +183,32 @@ searches() {
   show "Does the share's root contain an indexed folder?" zarnsearch indexed contains "/$share"
 }
 
+# Live indexing: a file saved on the share is found by the running daemon,
+# with no indexing run.
+saved_file() {
+  note=$share_root/saved-just-now.txt
+  printf '\n== Live indexing: save a file on the share, then search for it (no indexing run)\n'
+  printf '$ echo "minutes of the zephyrine meeting" > %s\n' "$note"
+  start=$(date +%s%N)
+  echo "minutes of the zephyrine meeting" >"$note"
+  until [ "$(zarnsearch count "$share" zephyrine)" = 1 ]; do
+    if [ $(($(date +%s%N) - start)) -gt 2000000000 ]; then
+      echo "not found within 2 s; the daemon's log:" >&2
+      cat "$daemon_log" >&2
+      exit 1
+    fi
+    sleep 0.02
+  done
+  echo "(searchable $((($(date +%s%N) - start) / 1000000)) ms after the save)"
+  show "Found" zarnsearch search "$share" zephyrine
+}
+
 own_shell() {
   cat <<EOF
 
 == A shell in the sandbox: share '$share' at $share_root, zarnelasticd running.
 Try:  zarnsearch search $share 'your words' --highlight
+      echo 'my note' > $share_root/note.txt; zarnsearch search $share note   (live indexing)
       zarnsearch --help          zarnsearch search --help
 Leave with 'exit'; the sandbox and everything in it go away.
 EOF
@@ -208,6 +230,7 @@ in_sandbox() {
     own_shell
   else
     searches
+    saved_file
     echo
     echo "== Stopping zarnelasticd"
     stop_daemon

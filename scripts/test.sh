@@ -31,6 +31,9 @@ timeout 60 sh tests/support/sandbox.sh build/release/bench/zarn_bench --quick \
 echo "== daemon bench smoke (a generated share of 300 entries: it must run, and the daemon must count what the engine counts)"
 timeout 60 sh daemon/bench/bench.sh build/release 2 --files 300 >/dev/null
 
+echo "== freshness bench smoke (300 entries: live indexing must find every file written)"
+timeout 120 sh daemon/bench/freshness.sh build/release 20 500 1 --files 300 >/dev/null
+
 echo "== valgrind memcheck"
 # The allocation seam replaces malloc in its test: valgrind must leave the
 # executable's own allocator alone and watch libc's.

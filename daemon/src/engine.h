@@ -76,6 +76,11 @@ struct FileRecord {
     std::string signature;  // what the next run compares to spot changes
 };
 
+// Whether share-relative `path` is `folder` or lies below it.
+inline bool PathWithin(const std::string &path, const std::string &folder) {
+    return path.compare(0, folder.size(), folder) == 0 && (path.size() == folder.size() || path[folder.size()] == '/');
+}
+
 // One share's index, opened for writing by a single writer.
 class IndexWriter {
 public:
@@ -89,6 +94,14 @@ public:
     virtual void Remove(const std::string &path) = 0;
     // path -> signature of every stored record.
     virtual std::map<std::string, std::string> Signatures() = 0;
+    // The same for the records at `path` and below it only.  An engine that
+    // can look them up by path overrides this walk over every record.
+    virtual std::map<std::string, std::string> SignaturesUnder(const std::string &path) {
+        std::map<std::string, std::string> all = Signatures(), under;
+        for (auto &record : all)
+            if (PathWithin(record.first, path)) under.insert(std::move(record));
+        return under;
+    }
     virtual void Commit() = 0;
     // Commits, and rewrites the index compactly when this writer changed a
     // large part of it (a first build above all): documents that arrive in

@@ -2,18 +2,13 @@
 
 #include <json/value.h>
 
+#include "engine.h"
 #include "json_text.h"
 #include "log.h"
 
 namespace zarnd {
 
 namespace {
-
-// Whether `folder` is `other` or lies inside it.
-bool Within(const std::string &folder, const std::string &other) {
-    return folder.compare(0, other.size(), other) == 0 &&
-           (folder.size() == other.size() || folder[other.size()] == '/');
-}
 
 void Add(const Json::Value &entry, std::map<std::string, std::set<std::string>> *shares) {
     const Json::Value path = entry.isObject() ? entry["path"] : Json::Value();
@@ -37,7 +32,7 @@ void Add(const Json::Value &entry, std::map<std::string, std::set<std::string>> 
 void DropNested(std::set<std::string> *folders) {
     std::string outer;
     for (auto it = folders->begin(); it != folders->end();) {
-        if (!outer.empty() && Within(*it, outer)) {
+        if (!outer.empty() && PathWithin(*it, outer)) {
             it = folders->erase(it);
         } else {
             outer = *it;

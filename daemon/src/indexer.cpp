@@ -13,6 +13,7 @@
 #include <map>
 #include <unordered_set>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include "engine.h"
@@ -35,6 +36,7 @@ constexpr int kMaxDepth = 256;
 // searches see a long first run make progress.
 constexpr uint64_t kBatchRecords = 1000;
 constexpr uint64_t kBatchBytes = 32u << 20;
+constexpr std::chrono::minutes kLockWait{10};
 
 double Seconds(Clock::time_point since) {
     return std::chrono::duration<double>(Clock::now() - since).count();
@@ -115,49 +117,57 @@ std::vector<std::string> ListFolder(int dirfd) {
 
 class ShareIndexer {
 public:
-    ShareIndexer(const std::string &share, const std::string &root, IndexWriter *writer, Progress *progress)
-        : share_(share), root_(root), writer_(writer), progress_(progress), stored_(writer->Signatures()) {}
+    // `stored` holds the signatures of every record that the walks to come
+    // may meet; `complete`, that it holds every record of the index, so that
+    // a path missing from it is surely new.
+    ShareIndexer(const std::string &share, const std::string &root, IndexWriter *writer, Progress *progress,
+                 std::map<std::string, std::string> stored, bool complete, const FolderHook &on_folder)
+        : share_(share), root_(root), writer_(writer), progress_(progress), on_folder_(on_folder),
+          stored_(std::move(stored)), complete_(complete) {}
 
-    // Indexes one share-relative folder and everything in it.
-    void IndexFolder(const std::string &folder) {
+    // Indexes the share-relative `path` and, for a folder, everything in it.
+    // False when there is no such file or folder on the share's file system.
+    bool IndexPath(const std::string &path) {
         const int root_fd = open(root_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         struct statx st;
         if (root_fd < 0 || !StatAt(root_fd, "", &st)) {
             ZARN_LOG(LOG_ERR, "cannot open share %s at %s: %m", share_.c_str(), root_.c_str());
             if (root_fd >= 0) close(root_fd);
-            return;
+            return false;
         }
         device_ = DeviceOf(st);
         AccessChain above = {AccessOf(st)};
-        std::string path = "/" + share_;
-        int fd = root_fd;
-        // Down to the folder, one component at a time, never through a link.
-        for (size_t at = path.size(); fd >= 0 && at < folder.size();) {
-            const size_t end = std::min(folder.find('/', at + 1), folder.size());
-            const std::string name = folder.substr(at + 1, end - at - 1);
-            at = end;
-            if (name.empty()) continue;
-            Entry entry{path + "/" + name, path, name, {}, {}};
-            const int next = StatAt(fd, name.c_str(), &entry.st) && S_ISDIR(entry.st.stx_mode) &&
-                                     DeviceOf(entry.st) == device_
-                                 ? OpenDirAt(fd, name)
-                                 : -1;
-            close(fd);
-            fd = next;
-            if (fd < 0) break;
+        std::string at = "/" + share_;
+        int fd = root_fd, depth = 0;
+        // Down to the path, one component at a time, never through a link.
+        for (size_t end = at.size(); fd >= 0 && end < path.size(); ++depth) {
+            const size_t next_end = std::min(path.find('/', end + 1), path.size());
+            const std::string name = path.substr(end + 1, next_end - end - 1);
+            end = next_end;
+            if (name.empty()) continue;  // "//"
+            Entry entry{at + "/" + name, at, name, {}, {}};
+            const bool last = end == path.size();
+            const bool found = name != kMetadataDir && StatAt(fd, name.c_str(), &entry.st) &&
+                               DeviceOf(entry.st) == device_;
             entry.access = above;
             entry.access.insert(entry.access.begin(), AccessOf(entry.st));
-            if (at == folder.size()) Visit(entry, -1, std::string());
+            if (found && last && (S_ISREG(entry.st.stx_mode) || S_ISLNK(entry.st.stx_mode))) {
+                Visit(entry, fd, name);
+                close(fd);
+                return true;
+            }
+            const int next = found && S_ISDIR(entry.st.stx_mode) ? OpenDirAt(fd, name) : -1;
+            close(fd);
+            fd = next;
+            if (fd >= 0 && last) Visit(entry, -1, std::string());
             above = entry.access;
-            path = entry.path;
+            at = entry.path;
         }
-        if (fd < 0) {
-            ZARN_LOG(LOG_WARNING, "indexed folder %s is not a folder of share %s", folder.c_str(),
-                     share_.c_str());
-            return;
-        }
-        Walk(fd, path, above, 0);
+        if (fd < 0) return false;
+        if (on_folder_) on_folder_(fd, at);
+        Walk(fd, at, above, depth);
         close(fd);
+        return true;
     }
 
     // Removes the records of everything the walks did not meet.
@@ -198,6 +208,7 @@ private:
                 ZARN_LOG(LOG_WARNING, "cannot open folder %s: %m", entry.path.c_str());
                 continue;
             }
+            if (on_folder_) on_folder_(child, entry.path);
             Walk(child, entry.path, entry.access, depth + 1);
             close(child);
         }
@@ -220,7 +231,7 @@ private:
             const FileRecord record = MakeRecord(entry, fd, &read);
             // Two names may repair to one path: only a path met for the
             // first time is surely new to the index.
-            if (!known && written_.insert(std::hash<std::string>()(record.path)).second)
+            if (complete_ && !known && written_.insert(std::hash<std::string>()(record.path)).second)
                 writer_->Add(record);
             else
                 writer_->Put(record);
@@ -236,14 +247,16 @@ private:
                 batch_records_ = batch_bytes_ = 0;
             }
         }
-        progress_->Tick(counts_);
+        if (progress_ != nullptr) progress_->Tick(counts_);
     }
 
     const std::string share_;
     const std::string root_;
     IndexWriter *const writer_;
-    Progress *const progress_;
+    Progress *const progress_;  // may be null
+    const FolderHook on_folder_;
     std::map<std::string, std::string> stored_;  // path -> signature, not yet met
+    const bool complete_;
     std::unordered_set<size_t> written_;          // hashes of the paths this run wrote
     IndexCounts counts_;
     uint64_t batch_records_ = 0;  // put since the last commit
@@ -251,16 +264,29 @@ private:
     dev_t device_ = 0;
 };
 
-// The share's directory from the share service.
-bool ShareRoot(const std::string &share, std::string *root) {
-    PZARNSHARE record = nullptr;
-    if (ZARNShareGet(share.c_str(), &record) < 0 || record == nullptr || record->szPath == nullptr) {
-        ZARNShareFree(record);
-        return false;
+// The daemon holds a share's index only while it applies a batch of live
+// changes (or rescans the share after lost events): a run waits for it.
+std::unique_ptr<IndexWriter> OpenWriterWhenFree(const std::string &dir) {
+    const Clock::time_point deadline = Clock::now() + kLockWait;
+    for (;;) {
+        try {
+            return OpenIndexWriter(dir);
+        } catch (const Failure &failure) {
+            if (failure.code() != kLocked || Clock::now() >= deadline) throw;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
-    *root = record->szPath;
-    ZARNShareFree(record);
-    return true;
+}
+
+IndexCounts WalkShare(const ShareWalk &walk, const std::set<std::string> &folders, Progress *progress) {
+    ShareIndexer indexer(walk.share, walk.root, walk.writer, progress, walk.writer->Signatures(), true,
+                         walk.on_folder);
+    for (const std::string &folder : folders)
+        if (!indexer.IndexPath(folder))
+            ZARN_LOG(LOG_WARNING, "indexed folder %s is not a folder of share %s", folder.c_str(),
+                     walk.share.c_str());
+    indexer.RemoveUnseen();
+    return indexer.counts();
 }
 
 void Add(IndexCounts *total, const IndexCounts &counts) {
@@ -285,14 +311,11 @@ bool IndexShare(const std::string &share, const std::set<std::string> &folders, 
     try {
         const std::string dir = IndexDirOfShare(share);
         if (!options.shards.empty()) SetIndexShards(dir, options.shards);
-        std::unique_ptr<IndexWriter> writer = OpenIndexWriter(dir);
+        std::unique_ptr<IndexWriter> writer = OpenWriterWhenFree(dir);
         Progress progress(options.progress);
-        ShareIndexer indexer(share, root, writer.get(), &progress);
-        for (const std::string &folder : folders) indexer.IndexFolder(folder);
-        indexer.RemoveUnseen();
+        const IndexCounts c = WalkShare({share, root, writer.get(), nullptr}, folders, &progress);
         writer->Finish();
-        progress.Done(indexer.counts());
-        const IndexCounts &c = indexer.counts();
+        progress.Done(c);
         const double seconds = std::max(Seconds(start), 1e-3);
         const uint64_t files = c.added + c.updated + c.unchanged;
         // The rate is of what was read: a file gives at most its text cap,
@@ -328,6 +351,29 @@ void RaiseFileLimit() {
 }
 
 }  // namespace
+
+bool ShareRoot(const std::string &share, std::string *root) {
+    PZARNSHARE record = nullptr;
+    if (ZARNShareGet(share.c_str(), &record) < 0 || record == nullptr || record->szPath == nullptr) {
+        ZARNShareFree(record);
+        return false;
+    }
+    *root = record->szPath;
+    ZARNShareFree(record);
+    return true;
+}
+
+IndexCounts RescanShare(const ShareWalk &walk, const std::set<std::string> &folders) {
+    return WalkShare(walk, folders, nullptr);
+}
+
+IndexCounts RescanPath(const ShareWalk &walk, const std::string &path) {
+    ShareIndexer indexer(walk.share, walk.root, walk.writer, nullptr,
+                         walk.writer->SignaturesUnder(RepairUtf8(path.data(), path.size())), false, walk.on_folder);
+    indexer.IndexPath(path);
+    indexer.RemoveUnseen();
+    return indexer.counts();
+}
 
 int RunIndexer(const IndexOptions &options, IndexCounts *total) {
     std::map<std::string, std::set<std::string>> shares;

@@ -6,9 +6,12 @@
 #define ZARND_INDEXER_H
 
 #include <cstdint>
+#include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "engine.h"
 #include "folders.h"
 
 namespace zarnd {
@@ -31,6 +34,31 @@ struct IndexCounts {
     uint64_t bytes_walked = 0;  // the sizes of those files
     uint64_t skipped = 0;  // entries that could not be examined
 };
+
+// Called with every folder that a walk opens: its descriptor, and its
+// share-relative path.
+using FolderHook = std::function<void(int fd, const std::string &path)>;
+
+// One share as a walk sees it: its name, its directory and its index.
+struct ShareWalk {
+    std::string share;
+    std::string root;
+    IndexWriter *writer;
+    FolderHook on_folder;  // may be empty
+};
+
+// The share's directory from the share service; false for an unknown share.
+bool ShareRoot(const std::string &share, std::string *root);
+
+// Brings the share's records up to date with its listed folders: what
+// changed is rewritten, what they no longer hold removed.  Commits in
+// batches; the caller commits the rest.
+IndexCounts RescanShare(const ShareWalk &walk, const std::set<std::string> &folders);
+
+// The same for the share-relative `path` (inside a listed folder) and what
+// lies below it: the records of a file, or of a whole subtree that was
+// renamed, moved, removed or given other permissions.
+IndexCounts RescanPath(const ShareWalk &walk, const std::string &path);
 
 // Indexes every share; prints one summary line per share to standard
 // output.  Returns the process exit status: 0, or 1 when a share could not

@@ -1,7 +1,7 @@
 // zarnelasticd: the search daemon, and its indexer.
 //
 //   zarnelasticd [--foreground] [--workers N] [--search-budget SECONDS]
-//                [--shard-timeout SECONDS] [--debug]
+//                [--shard-timeout SECONDS] [--no-live] [--max-watches N] [--debug]
 //   zarnelasticd index [--progress | --quiet] [--share NAME [--shards SHARD,...]]
 //   zarnelasticd --help | --version
 #include <syslog.h>
@@ -38,7 +38,7 @@ bool SplitList(const std::string &list, std::vector<std::string> *items) {
 void PrintUsage(FILE *out) {
     std::fprintf(out,
                  "usage: zarnelasticd [--foreground] [--workers N] [--search-budget SECONDS]\n"
-                 "                    [--shard-timeout SECONDS] [--debug]\n"
+                 "                    [--shard-timeout SECONDS] [--no-live] [--max-watches N] [--debug]\n"
                  "           --workers N              searches served at once (1 to 256, default 4);\n"
                  "                                    one user other than root gets half of them\n"
                  "           --search-budget SECONDS  time a search may work before it fails with\n"
@@ -46,6 +46,10 @@ void PrintUsage(FILE *out) {
                  "           --shard-timeout SECONDS  time a shard on another machine may take to\n"
                  "                                    answer before the search fails with 503\n"
                  "                                    (default %g, 0.01 to 600)\n"
+                 "           --no-live                no live indexing: indexes change only through\n"
+                 "                                    'zarnelasticd index'\n"
+                 "           --max-watches N          folders watched for live indexing at most (default:\n"
+                 "                                    as many as fs.inotify.max_user_watches allows)\n"
                  "       zarnelasticd index [--progress | --quiet] [--share NAME [--shards SHARD,...]]\n"
                  "           --share NAME             index this share only\n"
                  "           --shards SHARD,...       spread its index over these shards from now on,\n"
@@ -114,6 +118,13 @@ int Serve(int argc, char **argv) {
             const long workers = std::strtol(argv[++i], &end, 10);
             if (*end != '\0' || workers < 1 || workers > 256) return Usage();
             options.workers = static_cast<unsigned>(workers);
+        } else if (std::strcmp(argv[i], "--no-live") == 0) {
+            options.live = false;
+        } else if (std::strcmp(argv[i], "--max-watches") == 0 && i + 1 < argc) {
+            char *end = nullptr;
+            const long watches = std::strtol(argv[++i], &end, 10);
+            if (*end != '\0' || watches < 1) return Usage();
+            options.live_options.max_watches = static_cast<size_t>(watches);
         } else if (std::strcmp(argv[i], "--search-budget") == 0 && i + 1 < argc) {
             char *end = nullptr;
             const double budget = std::strtod(argv[++i], &end);

@@ -235,7 +235,10 @@ public:
         ZARN_LOG(LOG_INFO, "listening on %s with %u workers", options_.socket_path.c_str(),
                  options_.workers);
         for (unsigned i = 0; i < options_.workers; ++i) workers_.emplace_back([this] { Work(); });
+        LiveIndex live(options_.live_options);
+        if (options_.live && !live.Start()) ZARN_LOG(LOG_ERR, "live indexing is off: %m");
         Loop();
+        live.Stop();
         Shutdown();
         ZARN_LOG(LOG_INFO, "stopped");
         return 0;

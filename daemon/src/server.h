@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "live_index.h"
 #include "protocol.h"
 
 namespace zarnd {
@@ -25,6 +26,8 @@ struct ServerOptions {
     size_t max_per_user = 64;
     unsigned UserShare() const { return workers / 2 > 0 ? workers / 2 : 1; }
     double search_budget_s = kDefaultSearchBudgetS;
+    bool live = true;  // keep the indexes current as files change
+    LiveOptions live_options;
 };
 
 // Serves until SIGTERM or SIGINT; returns the process exit status.  Refuses

@@ -107,6 +107,9 @@ public:
     void Add(const FileRecord &record) override { writer_.Add(record); }
     void Remove(const std::string &path) override { writer_.Remove(path); }
     std::map<std::string, std::string> Signatures() override { return writer_.Signatures(); }
+    std::map<std::string, std::string> SignaturesUnder(const std::string &path) override {
+        return writer_.SignaturesUnder(path);
+    }
     void Commit() override { writer_.Commit(); }
 
     void Finish() override {

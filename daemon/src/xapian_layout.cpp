@@ -59,6 +59,10 @@ std::string BoundedTerm(const std::string &prefix, const std::string &value) {
     return prefix + value.substr(0, kMaxTermBytes - prefix.size() - 17) + hash;
 }
 
+std::string BoundedTermStart(const std::string &prefix, const std::string &start) {
+    return prefix + start.substr(0, kMaxTermBytes - prefix.size() - 17);
+}
+
 std::string NaturalSortValue(const std::string &text) {
     std::string key;
     AppendKeyComponent(&key, NaturalKey(text), false);

@@ -63,6 +63,8 @@ uint64_t Fnv1a(const std::string &text);
 // prefix + value, or, when that would pass Xapian's limit on term length, a
 // shortened form that stays unique through a hash of the whole value.
 std::string BoundedTerm(const std::string &prefix, const std::string &value);
+// What the BoundedTerm of every value that begins with `start` begins with.
+std::string BoundedTermStart(const std::string &prefix, const std::string &start);
 
 // The natural-order sort key of a text: its NaturalKey, then the text itself,
 // so that texts equal in natural order still sort in one fixed order.

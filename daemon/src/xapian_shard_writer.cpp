@@ -25,12 +25,12 @@ public:
     void Remove(const std::string &path) override { ShardOf(path).Remove(path); }
 
     std::map<std::string, std::string> Signatures() override {
-        std::map<std::string, std::string> all;
-        for (const auto &shard : shards_) {
-            std::map<std::string, std::string> some = shard->Signatures();
-            all.insert(some.begin(), some.end());
-        }
-        return all;
+        return Gather([](DatabaseWriter &shard) { return shard.Signatures(); });
+    }
+
+    // A subtree's records are spread over every shard.
+    std::map<std::string, std::string> SignaturesUnder(const std::string &path) override {
+        return Gather([&](DatabaseWriter &shard) { return shard.SignaturesUnder(path); });
     }
 
     void Commit() override {
@@ -45,6 +45,16 @@ public:
     }
 
 private:
+    template <class F>
+    std::map<std::string, std::string> Gather(F of_shard) {
+        std::map<std::string, std::string> all;
+        for (const auto &shard : shards_) {
+            std::map<std::string, std::string> some = of_shard(*shard);
+            all.insert(some.begin(), some.end());
+        }
+        return all;
+    }
+
     DatabaseWriter &ShardOf(const std::string &path) { return *shards_[ShardOfPath(path, shards_.size())]; }
 
     std::vector<std::unique_ptr<DatabaseWriter>> shards_;

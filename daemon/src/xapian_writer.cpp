@@ -62,6 +62,25 @@ std::map<std::string, std::string> DatabaseWriter::Signatures() {
     return result;
 }
 
+// Through the id terms that begin with the path: a subtree's records
+// without a walk over the whole index.
+std::map<std::string, std::string> DatabaseWriter::SignaturesUnder(const std::string &path) {
+    Drain();
+    std::map<std::string, std::string> result;
+    Guard([&] {
+        const std::string start = BoundedTermStart(kIdPrefix, path);
+        const Xapian::valueno path_slot = FindLayout(field::kPath)->slot;
+        for (auto term = db_.allterms_begin(start); term != db_.allterms_end(start); ++term) {
+            for (auto doc = db_.postlist_begin(*term); doc != db_.postlist_end(*term); ++doc) {
+                const Xapian::Document document = db_.get_document(*doc);
+                std::string stored = document.get_value(path_slot);
+                if (PathWithin(stored, path)) result[std::move(stored)] = document.get_value(kSignatureSlot);
+            }
+        }
+    });
+    return result;
+}
+
 void DatabaseWriter::Commit() { Enqueue(Change{Change::kCommit, {}, {}, {}, {}, 0}); }
 
 void DatabaseWriter::Finish() {

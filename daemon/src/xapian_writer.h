@@ -35,6 +35,7 @@ public:
     void Add(const FileRecord &record) override;
     void Remove(const std::string &path) override;
     std::map<std::string, std::string> Signatures() override;
+    std::map<std::string, std::string> SignaturesUnder(const std::string &path) override;
     void Commit() override;
     // Commits and waits until everything is written.
     void Finish() override;

@@ -70,6 +70,15 @@ Names Paths(const Json::Value &request, int64_t *total = nullptr) {  // sorted
     return names;
 }
 
+// The paths that a search finds once they are `expected`; what it found
+// last when the deadline passes first.
+Names PathsInTime(const std::string &query, unsigned uid, const Names &expected) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    Names found;
+    while ((found = Paths(Search(query, uid))) != expected && std::chrono::steady_clock::now() < deadline) usleep(20000);
+    return found;
+}
+
 // A search through the library's streaming functions.
 struct Page {
     int total;
@@ -290,7 +299,7 @@ TEST_F(DaemonE2e, PermissionFilterHidesWhatTheUserCannotRead) {
 
 TEST_F(DaemonE2e, IncrementalRunTouchesOnlyWhatChanged) {
     EXPECT_EQ(0u, Index().out.find("docs: 0 added, 0 updated, 0 removed, 15 unchanged, 0 skipped"));
-    Start();
+    Start("", "--no-live");
     std::map<std::string, int> ids;  // what a client may hold on to
     for (const Json::Value &hit : Hits(Search("*"))) ids[hit["ZARNMDPath"].asString()] = hit["additional"]["doc_id"].asInt();
     ASSERT_EQ(0, Shell("cd /var/docs && echo 'The quick brown fox met a quokka' > fox.txt && rm logs/file1.log bin.dat && "
@@ -305,6 +314,63 @@ TEST_F(DaemonE2e, IncrementalRunTouchesOnlyWhatChanged) {
     EXPECT_EQ(Names({}), Paths(Search("lazy")));
     EXPECT_EQ(Names({"/docs/new.txt"}), Paths(Search("zebra")));
     EXPECT_EQ(4u, Hits(Search("ZARNMDParent:/docs/logs")).size());
+}
+
+// Changes made while the daemon runs, in /var/docs, one after the other:
+// each shows in searches without an indexing run.
+TEST_F(DaemonE2e, LiveIndexFollowsEveryKindOfChange) {
+    Start();
+    const bool owners = Shell("chown 1000 /var/docs/bin.dat && chown 0 /var/docs/bin.dat").status == 0;
+    struct Case {
+        std::string change;  // a shell command; "" looks again after the row before
+        const char *query;
+        unsigned uid;
+        Names expected;
+    };
+    const Names logs = {"/docs/logs/file10.log", "/docs/logs/file100.log", "/docs/logs/file2.log", "/docs/logs/file20.log"};
+    const std::vector<Case> cases = {
+        {"echo 'a zebra' > new.txt", "zebra", 0, {"/docs/new.txt"}},
+        {"echo 'and a yak' >> new.txt", "yak", 0, {"/docs/new.txt"}},
+        {": > new.txt", "zebra", 0, {}},
+        {"mv fox.txt renamed.txt", "lazy", 0, {"/docs/renamed.txt"}},
+        {"mv renamed.txt report/", "lazy", 0, {"/docs/report/renamed.txt"}},
+        {"mv report /var/outside && echo 'a ghost' > /var/outside/ghost.txt", "revenue OR lazy", 0, {}},
+        {"mv /var/outside moved_in", "revenue OR ghost", 0, {"/docs/moved_in/annual_report-2020.txt", "/docs/moved_in/ghost.txt"}},
+        {"echo 'a tapir' > moved_in/tapir.txt", "tapir", 0, {"/docs/moved_in/tapir.txt"}},
+        {"rm logs/file1.log", "ZARNMDExtension:log", kStranger, logs},
+        {"chmod 700 logs", "ZARNMDExtension:log", kStranger, {}},
+        {"", "ZARNMDExtension:log", 0, logs},
+        {"mv closed room && echo 'a lynx' > room/lynx.txt", "inside OR lynx", 0, {"/docs/room/inner.txt", "/docs/room/lynx.txt"}},
+        {"chmod 755 room", "inside", kStranger, {"/docs/room/inner.txt"}},
+        {owners ? "chown -R 1000 room" : "", "ZARNMDOwnerUserID:1000", 0,
+         owners ? Names{"/docs/room", "/docs/room/inner.txt", "/docs/room/lynx.txt"} : Names{}},
+        {"mkdir -p fresh/sub && echo 'an okapi' > fresh/sub/okapi.txt", "okapi", 0, {"/docs/fresh/sub/okapi.txt"}},
+        {"rm -r moved_in", "ZARNMDPath:moved_in", 0, {}},
+        {"echo '[{\"path\": \"/docs/fresh\"}]' > " + std::string(kFolderConfig), "*", 0, {"/docs/fresh", "/docs/fresh/sub", "/docs/fresh/sub/okapi.txt"}},
+        {"echo '[{\"path\": \"/docs\"}]' > " + std::string(kFolderConfig), "ZARNMDExtension:log", 0, logs},
+    };
+    for (const Case &c : cases) {
+        ASSERT_EQ(0, Shell("cd /var/docs && " + c.change).status) << c.change;
+        EXPECT_EQ(c.expected, PathsInTime(c.query, c.uid, c.expected)) << c.change << "\n" << Log();
+    }
+    // What the daemon made is what a run would make.
+    EXPECT_EQ(0u, Index().out.find("docs: 0 added, 0 updated, 0 removed")) << Index().out;
+    EXPECT_EQ(std::string::npos, Log().find("live indexing")) << Log();
+}
+
+// Past the watch limit, folders left unwatched are caught up by rescans of
+// the share, which any change in it brings.
+TEST_F(DaemonE2e, LiveIndexRescansTheShareAtTheWatchLimit) {
+    Start("", "--max-watches 2");  // /docs and closed/, walked first
+    // Found once the daemon's first rescan is over: logs/ stays unwatched.
+    ASSERT_EQ(0, Shell("echo 'a koala' > /var/docs/koala.txt").status);
+    EXPECT_EQ(Names({"/docs/koala.txt"}), PathsInTime("koala", 0, {"/docs/koala.txt"}));
+    ASSERT_EQ(0, Shell("echo 'a lemur' > /var/docs/logs/lemur.txt && echo 'an ibex' > /var/docs/closed/ibex.txt").status);
+    const Names both = {"/docs/closed/ibex.txt", "/docs/logs/lemur.txt"};
+    EXPECT_EQ(both, PathsInTime("lemur OR ibex", 0, both));
+    const std::string log = Log();
+    const size_t first = log.find("watch limit reached");
+    EXPECT_TRUE(first != std::string::npos && log.find("watch limit reached", first + 1) == std::string::npos) << log;
 }
 
 // Clients at once, while indexing runs add a batch of files and remove the
@@ -353,7 +419,8 @@ TEST_F(DaemonE2e, OneDaemonPerSocketAndAPeerOtherThanRootActsOnlyAsItself) {
     kill(daemon_, SIGKILL);
     waitpid(daemon_, nullptr, 0);
     ASSERT_EQ(0, access(kDaemonSocket, F_OK));
-    Start("unshare --user --map-user=1000 --map-group=1000");
+    // Owners read otherwise from in there: no live rescan may rewrite the records.
+    Start("unshare --user --map-user=1000 --map-group=1000", "--no-live");
     struct stat st;
     EXPECT_TRUE(stat(kDaemonSocket, &st) == 0 && (st.st_mode & 0777) == 0666);
     const Replies refused = Ask(zarn::json::ToString(Search("fox", 0)));

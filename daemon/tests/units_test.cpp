@@ -1,6 +1,7 @@
 // The daemon's units whose cases the share of the end-to-end tests cannot
-// hold: other users and groups, odd bytes, cut fragments, the folder list
-// and the last document id.
+// hold: other users and groups, odd bytes, cut fragments, the folder list,
+// the last document id and the kernel events that the watcher reads.
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 
@@ -16,6 +17,7 @@
 #include "fragment.h"
 #include "sort_key.h"
 #include "text_content.h"
+#include "watcher.h"
 #include "xapian_document.h"
 #include "xapian_layout.h"
 #include "xapian_shards.h"
@@ -226,6 +228,52 @@ TEST(DaemonUnits, ShardListsAndCombinedIds) {
             EXPECT_GT(uint64_t{xap::CombinedId(xap::MaxLocalId(k, count), k, count)} + count, uint64_t{kMaxDocId});
         }
     }
+}
+
+// Real kernel events on watched folders /w/a and /w/a/sub, each change
+// giving the paths it makes stale, once per event (kConfig as "config").
+TEST(DaemonUnits, WatcherTurnsEventsIntoStalePaths) {
+    ASSERT_EQ(0, std::system("mkdir -p /var/w/a/sub /var/w/a/@eaDir /var/w/etc && echo 1 > /var/w/a/old.txt"));
+    Watcher watcher(3);
+    for (const char *folder : {"a", "a/sub"}) {
+        const int fd = open((std::string("/var/w/") + folder).c_str(), O_RDONLY | O_DIRECTORY);
+        ASSERT_TRUE(watcher.Watch(fd, "w", std::string("/w/") + folder, std::string("/var/w/") + folder));
+        close(fd);
+    }
+    ASSERT_TRUE(watcher.WatchConfig("/var/w/etc/folders"));
+    const auto stale = [&](const std::string &change) {
+        EXPECT_EQ(0, std::system(("cd /var/w && " + change).c_str())) << change;
+        std::vector<WatchEvent> events;
+        watcher.Read(&events);
+        std::multiset<std::string> paths;
+        for (const WatchEvent &event : events) paths.insert(event.kind == WatchEvent::kConfig ? "config" : event.path);
+        return paths;
+    };
+    using Paths = std::multiset<std::string>;
+    const std::pair<const char *, Paths> cases[] = {
+        {"printf 'new' > a/new.txt", {"/w/a/new.txt"}},  // read at its close, not at its creation
+        {"ln a/old.txt a/sub/link.txt", {"/w/a/sub/link.txt"}},  // no close follows
+        {"echo x > a/@eaDir/meta && echo y > etc/other", {}},
+        {"chmod 700 a/sub", {"/w/a/sub", "/w/a/sub"}},  // from the folder, and from its parent
+        {"echo '[]' > etc/folders", {"config"}},
+        {"mv a/sub a/moved && echo z > a/moved/after.txt", {"/w/a/sub", "/w/a/moved"}},  // its watch goes
+        {"rm a/old.txt && mkdir a/d", {"/w/a/old.txt", "/w/a/d"}},
+        {"mv a /var/w/gone", {"/w/a"}},
+    };
+    for (const auto &c : cases) EXPECT_EQ(c.second, stale(c.first)) << c.first;
+    EXPECT_EQ(0u, watcher.size());
+    // The kernel drops events when its queue is full: what is stale is unknown.
+    std::vector<WatchEvent> events;
+    inotify_event overflow = {-1, IN_Q_OVERFLOW, 0, 0};
+    watcher.Handle(overflow, &events);
+    ASSERT_EQ(1u, events.size());
+    EXPECT_EQ(WatchEvent::kOverflow, events[0].kind);
+    // Over its cap the watcher watches nothing more.
+    const int fd = open("/var/w/gone", O_RDONLY | O_DIRECTORY);
+    Watcher capped(1);
+    EXPECT_TRUE(capped.Watch(fd, "w", "/w/gone", "/var/w/gone"));
+    EXPECT_FALSE(capped.Watch(fd, "w", "/w/other", "/var/w/gone"));
+    close(fd);
 }
 
 }  // namespace

@@ -1,0 +1,46 @@
+// Keeps the index of every indexed folder current while the daemon runs: a
+// thread of its own waits on the folders' watches, gathers the paths that
+// changed until the changes pause, then rescans just those paths (a file, or
+// a whole folder that was moved or given other permissions) and commits.
+// When events are lost (the kernel's queue overflowed, or the watch limit
+// left folders unwatched) it rescans the whole share instead.
+#ifndef ZARND_LIVE_INDEX_H
+#define ZARND_LIVE_INDEX_H
+
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "folders.h"
+
+namespace zarnd {
+
+struct LiveOptions {
+    std::string config_path = kFolderConfigPath;
+    size_t max_watches = 0;  // a cap below the kernel's; 0 for none
+};
+
+class LiveIndex {
+public:
+    explicit LiveIndex(const LiveOptions &options);
+    ~LiveIndex();  // stops the thread
+    LiveIndex(const LiveIndex &) = delete;
+    LiveIndex &operator=(const LiveIndex &) = delete;
+
+    // Starts the thread: every share is rescanned and watched first.
+    bool Start();
+    // Returns once the thread has finished what it was applying.
+    void Stop();
+
+    class Loop;
+
+private:
+    const LiveOptions options_;
+    std::unique_ptr<Loop> loop_;
+    std::thread thread_;
+    int stop_fd_ = -1;
+};
+
+}  // namespace zarnd
+
+#endif  // ZARND_LIVE_INDEX_H
