@@ -7,6 +7,7 @@
 
 #include <atomic>
 
+#include "daemon_client.h"
 #include "harness.h"
 #include "json_text.h"
 #include "zarncontentsearchutils.h"
@@ -17,32 +18,10 @@ namespace {
 
 using namespace zarntest;
 using Names = std::vector<std::string>;
-using Replies = std::vector<Json::Value>;
 constexpr unsigned kStranger = 54321;  // a uid that the user database does not know
 const Names kFox = {"/docs/closed/inner.txt", "/docs/fox.txt", "/docs/private.txt", "/docs/report/notes.txt.gz"};
 const Names kStrangersFox = {"/docs/fox.txt", "/docs/report/notes.txt.gz"};
 const std::vector<ZARNQuerySorter> kByPath = {{0, "ZARNMDPath"}};
-
-// A connection to the daemon's socket; -1 when nobody answers there.
-int Connect() {
-    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address = {AF_UNIX, "/var/run/zarnelasticd.sock"};  // kDaemonSocket
-    if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) return fd;
-    close(fd);
-    return -1;
-}
-
-// Every reply packet of one request sent as the packet `text_sent`.
-Replies Ask(const std::string &text_sent) {
-    const int fd = Connect();
-    zarndaemon::io::PacketWrite(fd, text_sent);  // a refused request may be cut off mid-write
-    Replies replies(1);
-    for (std::string text; zarndaemon::io::PacketRead(fd, text); replies.emplace_back())
-        EXPECT_TRUE(zarn::json::FromString(text, &replies.back())) << text;
-    close(fd);
-    replies.pop_back();
-    return replies;
-}
 
 Json::Value Search(const std::string &query, unsigned uid = 0) {
     Json::Value request;
@@ -50,17 +29,6 @@ Json::Value Search(const std::string &query, unsigned uid = 0) {
                            std::to_string(uid) + R"(}, "filters": [{"name": "permission", "data": )" + std::to_string(uid) + "}]}}", &request);
     request["data"]["query_string"]["query"] = query;
     return request;
-}
-
-// The hits of a search, checked for the stream's shape: header, hits, end.
-Replies Hits(const Json::Value &request, int64_t *total = nullptr) {
-    const Replies replies = Ask(zarn::json::ToString(request));
-    if (replies.size() < 2 || !replies[0].isMember("total") || replies.back()["success"] != true) {
-        ADD_FAILURE() << "not a search reply: " << (replies.empty() ? "" : zarn::json::ToString(replies[0]));
-        return {};
-    }
-    if (total != nullptr) *total = replies[0]["total"].asInt64();
-    return Replies(replies.begin() + 1, replies.end() - 1);
 }
 
 Names Paths(const Json::Value &request, int64_t *total = nullptr) {  // sorted
@@ -131,7 +99,7 @@ protected:
             _exit(127);
         }
         int fd = -1;
-        for (int i = 0; i < 500 && (fd = Connect()) < 0; ++i) usleep(10000);
+        for (int i = 0; i < 500 && (fd = ConnectToDaemon()) < 0; ++i) usleep(10000);
         ASSERT_GE(fd, 0) << Log();
         close(fd);
     }
@@ -396,7 +364,7 @@ TEST_F(DaemonE2e, ManyClientsWhileTheIndexChanges) {
 
 TEST_F(DaemonE2e, SilentAndSlowClientsDoNotHoldTheOnlyWorker) {
     Start("", "--workers 1");
-    const int silent = Connect(), partial_header = Connect(), partial_body = Connect();
+    const int silent = ConnectToDaemon(), partial_header = ConnectToDaemon(), partial_body = ConnectToDaemon();
     ASSERT_EQ(2, write(partial_header, "\0\0", 2));
     ASSERT_EQ(6, write(partial_body, "\0\0\0\x20{\"", 6));
     usleep(100000);
