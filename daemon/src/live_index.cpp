@@ -212,14 +212,11 @@ private:
         share->limit_hit = true;
     }
 
-    // A folder left unwatched falls back to rescans of the whole share; one
-    // that rescanned with every folder watched resumes plain watching.
+    // A folder left unwatched falls back to rescans of the whole share (the
+    // walk that met it has just indexed it); a share that rescanned with
+    // every folder watched resumes plain watching.
     void AfterWatches(const std::string &name, LiveShare *share, bool whole) {
         if (share->limit_hit) {
-            if (!share->limited && !whole) {
-                share->whole = true;
-                Touch();
-            }
             share->limited = true;
             share->rewatch_at = Clock::now() + kRewatchPeriod;
         } else if (whole && share->limited) {

@@ -362,6 +362,10 @@ TEST_F(DaemonE2e, LiveIndexFollowsEveryKindOfChange) {
 // the share, which any change in it brings.
 TEST_F(DaemonE2e, LiveIndexRescansTheShareAtTheWatchLimit) {
     Start("", "--max-watches 2");  // /docs and closed/, walked first
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (Log().find("watch limit reached") == std::string::npos && std::chrono::steady_clock::now() < deadline)
+        usleep(20000);
+    ASSERT_NE(std::string::npos, Log().find("watch limit reached")) << "not said by the first rescan";
     // Found once the daemon's first rescan is over: logs/ stays unwatched.
     ASSERT_EQ(0, Shell("echo 'a koala' > /var/docs/koala.txt").status);
     EXPECT_EQ(Names({"/docs/koala.txt"}), PathsInTime("koala", 0, {"/docs/koala.txt"}));
