@@ -177,7 +177,10 @@ private:
         try {
             writer = OpenIndexWriter(IndexDirOfShare(name));
         } catch (const Failure &failure) {
-            if (failure.code() == kLocked) return false;
+            if (failure.code() == kLocked) {
+                ZARN_LOG(LOG_DEBUG, "share %s: another writer holds the index, its changes wait", name.c_str());
+                return false;
+            }
             ZARN_LOG(LOG_ERR, "live indexing cannot open the index of share %s: %s", name.c_str(), failure.what());
             share->changed.clear();
             share->whole = false;

@@ -7,8 +7,11 @@
 
 #include <atomic>
 
+#include "engine.h"
+#include "failure.h"
 #include "harness.h"
 #include "json_text.h"
+#include "share_index.h"
 #include "zarncontentsearchutils.h"
 #include "zarnplatform.h"
 #include "zarnsearch_run.h"
@@ -121,6 +124,13 @@ protected:
     void TearDown() override { if (daemon_ > 0) Stop(); }
     static Result Index() { return Shell(ZARNELASTICD " index"); }
     static std::string Log() { return Shell("cat /var/daemon.log").out; }
+    // Whether the daemon's log says `text` before a deadline.
+    static bool LogSays(const std::string &text) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        for (; Log().find(text) == std::string::npos; usleep(20000))
+            if (std::chrono::steady_clock::now() >= deadline) return false;
+        return true;
+    }
 
     // The daemon in the foreground; `wrapper` runs it through another program.
     void Start(const std::string &wrapper = "", const std::string &options = "") {
@@ -362,10 +372,7 @@ TEST_F(DaemonE2e, LiveIndexFollowsEveryKindOfChange) {
 // the share, which any change in it brings.
 TEST_F(DaemonE2e, LiveIndexRescansTheShareAtTheWatchLimit) {
     Start("", "--max-watches 2");  // /docs and closed/, walked first
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (Log().find("watch limit reached") == std::string::npos && std::chrono::steady_clock::now() < deadline)
-        usleep(20000);
-    ASSERT_NE(std::string::npos, Log().find("watch limit reached")) << "not said by the first rescan";
+    ASSERT_TRUE(LogSays("watch limit reached")) << "not said by the first rescan";
     // Found once the daemon's first rescan is over: logs/ stays unwatched.
     ASSERT_EQ(0, Shell("echo 'a koala' > /var/docs/koala.txt").status);
     EXPECT_EQ(Names({"/docs/koala.txt"}), PathsInTime("koala", 0, {"/docs/koala.txt"}));
@@ -375,6 +382,24 @@ TEST_F(DaemonE2e, LiveIndexRescansTheShareAtTheWatchLimit) {
     const std::string log = Log();
     const size_t first = log.find("watch limit reached");
     EXPECT_TRUE(first != std::string::npos && log.find("watch limit reached", first + 1) == std::string::npos) << log;
+}
+
+// Changes made while another writer (a run) holds the index wait for it.
+TEST_F(DaemonE2e, LiveChangesWaitForAnotherWriter) {
+    Start("", "--debug");
+    std::unique_ptr<zarnd::IndexWriter> run;
+    for (int tries = 0; !run && tries < 500; ++tries) {  // the daemon's first rescan may hold it
+        try {
+            run = zarnd::OpenIndexWriter(zarnd::IndexDirOfShare("docs"));
+        } catch (const zarnd::Failure &) {
+            usleep(20000);
+        }
+    }
+    ASSERT_TRUE(run);
+    ASSERT_EQ(0, Shell("echo 'a marmot' > /var/docs/marmot.txt").status);
+    ASSERT_TRUE(LogSays("share docs: another writer holds the index")) << Log();
+    run.reset();
+    EXPECT_EQ(Names({"/docs/marmot.txt"}), PathsInTime("marmot", 0, {"/docs/marmot.txt"}));
 }
 
 // Clients at once, while indexing runs add a batch of files and remove the
