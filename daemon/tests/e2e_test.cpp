@@ -384,6 +384,25 @@ TEST_F(DaemonE2e, LiveIndexRescansTheShareAtTheWatchLimit) {
     EXPECT_TRUE(first != std::string::npos && log.find("watch limit reached", first + 1) == std::string::npos) << log;
 }
 
+// Events made while the daemon is stopped overflow the kernel's queue: the
+// daemon says so, and a rescan of the share finds what the lost events held.
+TEST_F(DaemonE2e, LiveIndexRescansAfterTheKernelDropsEvents) {
+    const int queue = std::atoi(Shell("cat /proc/sys/fs/inotify/max_queued_events").out.c_str());
+    if (queue <= 0 || queue > 100000) GTEST_SKIP() << "a queue of " << queue << " events takes too long to fill";
+    Start();
+    ASSERT_EQ(0, Shell("mkdir /var/docs/flood").status);
+    ASSERT_EQ(Names({"/docs/flood"}), PathsInTime("ZARNMDFSName:flood", 0, {"/docs/flood"}));  // watched now
+    kill(daemon_, SIGSTOP);
+    // Four events a file (made, closed, touched, removed), the last file's
+    // among those dropped.
+    const Result flood = Shell("cd /var/docs/flood && seq " + std::to_string(queue / 2) +
+                               " | xargs touch && rm -f * && echo 'a wombat' > last.txt");
+    kill(daemon_, SIGCONT);
+    ASSERT_EQ(0, flood.status) << flood.err;
+    EXPECT_EQ(Names({"/docs/flood/last.txt"}), PathsInTime("wombat", 0, {"/docs/flood/last.txt"}));
+    EXPECT_TRUE(LogSays("inotify dropped events")) << Log();
+}
+
 // Changes made while another writer (a run) holds the index wait for it.
 TEST_F(DaemonE2e, LiveChangesWaitForAnotherWriter) {
     Start("", "--debug");
