@@ -177,7 +177,10 @@ private:
         try {
             writer = OpenIndexWriter(IndexDirOfShare(name));
         } catch (const Failure &failure) {
-            if (failure.code() == kLocked) return false;
+            if (failure.code() == kLocked) {
+                ZARN_LOG(LOG_DEBUG, "share %s: another writer holds the index, its changes wait", name.c_str());
+                return false;
+            }
             ZARN_LOG(LOG_ERR, "live indexing cannot open the index of share %s: %s", name.c_str(), failure.what());
             share->changed.clear();
             share->whole = false;
@@ -212,14 +215,11 @@ private:
         share->limit_hit = true;
     }
 
-    // A folder left unwatched falls back to rescans of the whole share; one
-    // that rescanned with every folder watched resumes plain watching.
+    // A folder left unwatched falls back to rescans of the whole share (the
+    // walk that met it has just indexed it); a share that rescanned with
+    // every folder watched resumes plain watching.
     void AfterWatches(const std::string &name, LiveShare *share, bool whole) {
         if (share->limit_hit) {
-            if (!share->limited && !whole) {
-                share->whole = true;
-                Touch();
-            }
             share->limited = true;
             share->rewatch_at = Clock::now() + kRewatchPeriod;
         } else if (whole && share->limited) {

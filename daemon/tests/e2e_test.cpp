@@ -8,8 +8,11 @@
 #include <atomic>
 
 #include "daemon_client.h"
+#include "engine.h"
+#include "failure.h"
 #include "harness.h"
 #include "json_text.h"
+#include "share_index.h"
 #include "zarncontentsearchutils.h"
 #include "zarnplatform.h"
 #include "zarnsearch_run.h"
@@ -89,6 +92,13 @@ protected:
     void TearDown() override { if (daemon_ > 0) Stop(); }
     static Result Index() { return Shell(ZARNELASTICD " index"); }
     static std::string Log() { return Shell("cat /var/daemon.log").out; }
+    // Whether the daemon's log says `text` before a deadline.
+    static bool LogSays(const std::string &text) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        for (; Log().find(text) == std::string::npos; usleep(20000))
+            if (std::chrono::steady_clock::now() >= deadline) return false;
+        return true;
+    }
 
     // The daemon in the foreground; `wrapper` runs it through another program.
     void Start(const std::string &wrapper = "", const std::string &options = "") {
@@ -330,6 +340,7 @@ TEST_F(DaemonE2e, LiveIndexFollowsEveryKindOfChange) {
 // the share, which any change in it brings.
 TEST_F(DaemonE2e, LiveIndexRescansTheShareAtTheWatchLimit) {
     Start("", "--max-watches 2");  // /docs and closed/, walked first
+    ASSERT_TRUE(LogSays("watch limit reached")) << "not said by the first rescan";
     // Found once the daemon's first rescan is over: logs/ stays unwatched.
     ASSERT_EQ(0, Shell("echo 'a koala' > /var/docs/koala.txt").status);
     EXPECT_EQ(Names({"/docs/koala.txt"}), PathsInTime("koala", 0, {"/docs/koala.txt"}));
@@ -339,6 +350,43 @@ TEST_F(DaemonE2e, LiveIndexRescansTheShareAtTheWatchLimit) {
     const std::string log = Log();
     const size_t first = log.find("watch limit reached");
     EXPECT_TRUE(first != std::string::npos && log.find("watch limit reached", first + 1) == std::string::npos) << log;
+}
+
+// Events made while the daemon is stopped overflow the kernel's queue: the
+// daemon says so, and a rescan of the share finds what the lost events held.
+TEST_F(DaemonE2e, LiveIndexRescansAfterTheKernelDropsEvents) {
+    const int queue = std::atoi(Shell("cat /proc/sys/fs/inotify/max_queued_events").out.c_str());
+    if (queue <= 0 || queue > 100000) GTEST_SKIP() << "a queue of " << queue << " events takes too long to fill";
+    Start();
+    ASSERT_EQ(0, Shell("mkdir /var/docs/flood").status);
+    ASSERT_EQ(Names({"/docs/flood"}), PathsInTime("ZARNMDFSName:flood", 0, {"/docs/flood"}));  // watched now
+    kill(daemon_, SIGSTOP);
+    // Four events a file (made, closed, touched, removed), the last file's
+    // among those dropped.
+    const Result flood = Shell("cd /var/docs/flood && seq " + std::to_string(queue / 2) +
+                               " | xargs touch && rm -f * && echo 'a wombat' > last.txt");
+    kill(daemon_, SIGCONT);
+    ASSERT_EQ(0, flood.status) << flood.err;
+    EXPECT_EQ(Names({"/docs/flood/last.txt"}), PathsInTime("wombat", 0, {"/docs/flood/last.txt"}));
+    EXPECT_TRUE(LogSays("inotify dropped events")) << Log();
+}
+
+// Changes made while another writer (a run) holds the index wait for it.
+TEST_F(DaemonE2e, LiveChangesWaitForAnotherWriter) {
+    Start("", "--debug");
+    std::unique_ptr<zarnd::IndexWriter> run;
+    for (int tries = 0; !run && tries < 500; ++tries) {  // the daemon's first rescan may hold it
+        try {
+            run = zarnd::OpenIndexWriter(zarnd::IndexDirOfShare("docs"));
+        } catch (const zarnd::Failure &) {
+            usleep(20000);
+        }
+    }
+    ASSERT_TRUE(run);
+    ASSERT_EQ(0, Shell("echo 'a marmot' > /var/docs/marmot.txt").status);
+    ASSERT_TRUE(LogSays("share docs: another writer holds the index")) << Log();
+    run.reset();
+    EXPECT_EQ(Names({"/docs/marmot.txt"}), PathsInTime("marmot", 0, {"/docs/marmot.txt"}));
 }
 
 // Clients at once, while indexing runs add a batch of files and remove the
