@@ -187,6 +187,14 @@ searches() {
 # with no indexing run.
 saved_file() {
   note=$share_root/saved-just-now.txt
+  # The daemon's first rescan at start catches up on what changed while it
+  # was down; a save made before it ends waits for it.
+  tries=0
+  until grep -q "share $share rescanned" "$daemon_log"; do
+    tries=$((tries + 1))
+    [ "$tries" -lt 600 ] || { echo "the daemon's first rescan did not end; its log:" >&2; cat "$daemon_log" >&2; exit 1; }
+    sleep 0.1
+  done
   printf '\n== Live indexing: save a file on the share, then search for it (no indexing run)\n'
   printf '$ echo "minutes of the zephyrine meeting" > %s\n' "$note"
   start=$(date +%s%N)

@@ -194,10 +194,18 @@ private:
         const ShareWalk walk{name, share->root, writer.get(),
                              [&](int fd, const std::string &path) { WatchFolder(name, share, fd, path); }};
         try {
-            if (whole) RescanShare(walk, share->folders);
+            const Clock::time_point start = Clock::now();
+            const IndexCounts counts = whole ? RescanShare(walk, share->folders) : IndexCounts();
             for (const std::string &path : changed)
                 if (!whole && !Covered(path, changed)) RescanPath(walk, path);
             writer->Finish();
+            // A whole share's rescan may take a while (at start above all):
+            // say when its index is current again.
+            if (whole)
+                ZARN_LOG(LOG_INFO, "share %s rescanned in %.2f s: %llu added, %llu updated, %llu removed",
+                         name.c_str(), std::chrono::duration<double>(Clock::now() - start).count(),
+                         static_cast<unsigned long long>(counts.added), static_cast<unsigned long long>(counts.updated),
+                         static_cast<unsigned long long>(counts.removed));
         } catch (const std::exception &e) {
             ZARN_LOG(LOG_ERR, "live indexing of share %s failed: %s", name.c_str(), e.what());
         }
