@@ -119,9 +119,9 @@ std::unique_ptr<IndexWriter> OpenIndexWriter(const std::string &dir);
 
 // Makes the index in `dir` a sharded one over `shards` (each "HOST:PORT" of
 // a xapian-tcpsrv --writable, or an absolute path), or leaves it as it is
-// when it is one already.  Ids depend on the shards and their order: an
-// index whose shards change is rebuilt by the next run.  Failure
-// kBadRequest for a shard given wrongly.
+// when it is one already.  Ids depend on the shards and their order: after
+// a change of the list the next run indexes anew, into shards that must be
+// empty.  Failure kBadRequest for a shard given wrongly.
 void SetIndexShards(const std::string &dir, const std::vector<std::string> &shards);
 
 // Time a shard served over the network may take to answer, in ms.
