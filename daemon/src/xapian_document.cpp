@@ -4,6 +4,7 @@
 #include "utf8.h"
 #include "varint.h"
 #include "xapian_layout.h"
+#include "xapian_record.h"
 
 namespace zarnd {
 namespace xap {
@@ -123,7 +124,7 @@ Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *
     doc.add_boolean_term(IdTerm(record.path));
     AddRestrictions(record.access, &doc);
     doc.add_value(kAccessSlot, record.access);
-    doc.add_value(kSignatureSlot, record.signature);
+    doc.add_value(kRecordSlot, EncodeRecordValue(record));
     doc.set_data(EncodeData(record.fields));
     return doc;
 }

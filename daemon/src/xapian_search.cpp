@@ -15,6 +15,7 @@
 #include "xapian_highlight.h"
 #include "xapian_layout.h"
 #include "xapian_query.h"
+#include "xapian_record.h"
 #include "xapian_shards.h"
 #include "xapian_sort.h"
 
@@ -160,6 +161,9 @@ struct Match {
         if (index.remote && plan.sort.size() > 1)
             throw Failure(kBadRequest, "an index with shards on other machines sorts by one key only");
         xap::SetSortOrder(plan.sort, &enquire, &maker);
+        // Ties in relevance go by the record's copy, which each hit's sort
+        // key then carries (xapian_record.h).
+        if (plan.sort.empty()) enquire.set_sort_by_relevance_then_value(xap::kRecordSlot, false);
         // Checking every document makes the count exact, not an estimate.
         // (No match time limit: Xapian 1.4.22's timer may write into a match
         // that has returned.)
@@ -190,9 +194,15 @@ public:
             if (started) throw Failure(kInternal, "index changed during the search");
             const Match match(index, plan);
             started = true;
+            const bool carried = plan.highlight.empty() && xap::CarriesAll(plan.fields);
+            std::map<Xapian::docid, std::string> records;
+            if (carried && !plan.sort.empty() && index.remote) records = RecordsOf(index, match.mset);
             on_total(match.mset.get_matches_estimated());
-            for (Xapian::MSetIterator it = match.mset.begin(); it != match.mset.end(); ++it)
-                if (!on_hit(MakeHit(index, match, it, plan))) return;
+            for (Xapian::MSetIterator it = match.mset.begin(); it != match.mset.end(); ++it) {
+                Hit hit;
+                if (!carried || !CarriedHit(plan, it, records, &hit)) hit = MakeHit(index, match, it, plan);
+                if (!on_hit(hit)) return;
+            }
         });
     }
 
@@ -243,6 +253,51 @@ private:
                 throw Failure(kInternal, e.get_description());
             }
         }
+    }
+
+    // The records of a page's hits, by id, from one match over the shards:
+    // the hits' documents would take a message each.
+    static std::map<Xapian::docid, std::string> RecordsOf(const OpenIndex &index, const Xapian::MSet &page) {
+        std::vector<std::string> terms;
+        for (Xapian::MSetIterator it = page.begin(); it != page.end(); ++it) {
+            size_t shard = 0;
+            Xapian::docid local = 0;
+            xap::SplitId(*it, index.shards.size(), &shard, &local);
+            terms.push_back(xap::DocIdTerm(local));
+        }
+        std::map<Xapian::docid, std::string> records;
+        if (terms.empty()) return records;
+        Xapian::Enquire enquire(index.db);
+        enquire.set_query(Xapian::Query(Xapian::Query::OP_OR, terms.begin(), terms.end()));
+        enquire.set_weighting_scheme(Xapian::BoolWeight());
+        enquire.set_sort_by_value(xap::kRecordSlot, false);
+        // Each shard may hold every id of the page.
+        const Xapian::MSet found = enquire.get_mset(0, static_cast<Xapian::doccount>(terms.size() * index.shards.size()));
+        for (Xapian::MSetIterator it = found.begin(); it != found.end(); ++it) records[*it] = it.get_sort_key();
+        return records;
+    }
+
+    // A hit of carried fields only, from its record; false when the record
+    // is missing or unreadable.
+    static bool CarriedHit(const SearchPlan &plan, const Xapian::MSetIterator &it,
+                           const std::map<Xapian::docid, std::string> &records, Hit *hit) {
+        std::string value;
+        if (plan.sort.empty()) {
+            value = it.get_sort_key();
+        } else if (!records.empty()) {
+            const auto record = records.find(*it);
+            if (record == records.end()) return false;
+            value = record->second;
+        } else {
+            value = it.get_document().get_value(xap::kRecordSlot);
+        }
+        Json::Value carried;
+        if (!xap::DecodeRecordValue(value, nullptr, nullptr, &carried)) return false;
+        hit->doc_id = *it;
+        hit->fields = Json::Value(Json::objectValue);
+        for (const std::string &name : plan.fields)
+            if (carried.isMember(name)) hit->fields[name] = carried[name];
+        return true;
     }
 
     static Hit MakeHit(const OpenIndex &index, const Match &match, const Xapian::MSetIterator &it,

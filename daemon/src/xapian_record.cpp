@@ -1,0 +1,98 @@
+#include "xapian_record.h"
+
+#include <algorithm>
+
+#include "schema.h"
+#include "varint.h"
+#include "xapian_document.h"
+#include "xapian_layout.h"
+
+namespace zarnd {
+namespace xap {
+
+namespace {
+
+// The fields a hit of the library's default request shows, beside the path.
+const char *const kCarried[] = {field::kFSName, field::kExtension, field::kIsDir};
+
+// The name is most often the path's last part: a flag then stands for it.
+constexpr char kNameIsLastPart = 1;
+
+std::string LastPart(const std::string &path) { return path.substr(path.rfind('/') + 1); }
+
+// Records read per match: bounds what one reply and its copy here hold.
+constexpr Xapian::doccount kRecordsPerMatch = 20000;
+
+}  // namespace
+
+std::string EncodeRecordValue(const FileRecord &record) {
+    std::string value = record.path;
+    value.push_back('\0');
+    Json::Value rest(Json::objectValue);
+    for (const char *name : kCarried)
+        if (record.fields.isMember(name)) rest[name] = record.fields[name];
+    const bool derived = rest[field::kFSName].isString() && rest[field::kFSName].asString() == LastPart(record.path);
+    if (derived) rest.removeMember(field::kFSName);
+    value.push_back(derived ? kNameIsLastPart : 0);
+    PutVarint(&value, record.signature.size());
+    value += record.signature;
+    return value + EncodeData(rest);
+}
+
+bool DecodeRecordValue(const std::string &value, std::string *path, std::string *signature, Json::Value *fields) {
+    const size_t end = value.find('\0');
+    if (end == std::string::npos || end + 1 >= value.size()) return false;
+    const char flags = value[end + 1];
+    size_t at = end + 2;
+    uint64_t length = 0;
+    if (!GetVarint(value, &at, &length) || length > value.size() - at) return false;
+    if (path != nullptr) path->assign(value, 0, end);
+    if (signature != nullptr) signature->assign(value, at, length);
+    if (fields == nullptr) return true;
+    if (!DecodeData(value.substr(at + length), fields)) return false;
+    (*fields)[field::kPath] = value.substr(0, end);
+    if (flags & kNameIsLastPart) (*fields)[field::kFSName] = LastPart(value.substr(0, end));
+    return true;
+}
+
+bool CarriesAll(const std::vector<std::string> &names) {
+    return std::all_of(names.begin(), names.end(), [](const std::string &name) {
+        return name == field::kPath || std::any_of(std::begin(kCarried), std::end(kCarried),
+                                                   [&](const char *carried) { return name == carried; });
+    });
+}
+
+std::string DocIdTerm(Xapian::docid doc_id) {
+    std::string term = kDocIdPrefix;
+    PutVarint(&term, doc_id);
+    return term;
+}
+
+std::map<std::string, std::string> ReadSignatures(const Xapian::Database &db, const Xapian::Query &filter) {
+    std::map<std::string, std::string> result;
+    Xapian::Enquire enquire(db);
+    enquire.set_weighting_scheme(Xapian::BoolWeight());
+    enquire.set_sort_by_value(kRecordSlot, false);
+    enquire.set_docid_order(Xapian::Enquire::DONT_CARE);
+    const Xapian::Query all = filter.empty() ? Xapian::Query::MatchAll : filter;
+    // Each page starts at the last value seen: values are unique (the path
+    // leads), and a page's first record is the previous one's last.
+    for (std::string last;;) {
+        Xapian::Query query = all;
+        if (!last.empty()) query = Xapian::Query(Xapian::Query::OP_FILTER, all, Xapian::Query(Xapian::Query::OP_VALUE_GE, kRecordSlot, last));
+        enquire.set_query(query);
+        const Xapian::MSet page = enquire.get_mset(0, kRecordsPerMatch);
+        Xapian::doccount fresh = 0;
+        for (Xapian::MSetIterator it = page.begin(); it != page.end(); ++it) {
+            std::string value = it.get_sort_key(), path, signature;
+            if (value == last) continue;
+            if (DecodeRecordValue(value, &path, &signature, nullptr)) result[std::move(path)] = std::move(signature);
+            last = std::move(value);
+            ++fresh;
+        }
+        if (page.size() < kRecordsPerMatch || fresh == 0) return result;
+    }
+}
+
+}  // namespace xap
+}  // namespace zarnd
