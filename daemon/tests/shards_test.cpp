@@ -133,10 +133,13 @@ struct Case {
     const char *query;  // "{share}" stands for the share's name
     std::vector<Sort> sort;
     unsigned from, size;
-    bool ordered;  // hits in one order; otherwise as a set (relevance ties)
+    bool ordered;  // hits in one order (relevance ties go by path); otherwise as a set
 };
 
-Json::Value Request(const std::string &share, const Case &c, unsigned uid) {
+// `carried`: only the fields that the library asks for by default, which
+// hits carry in the match reply; otherwise more fields and a highlight,
+// read from each hit's document.
+Json::Value Request(const std::string &share, const Case &c, unsigned uid, bool carried = false) {
     Json::Value request;
     request["command"] = "search";
     Json::Value &data = request["data"];
@@ -149,7 +152,9 @@ Json::Value Request(const std::string &share, const Case &c, unsigned uid) {
     data["filters"][0]["name"] = "permission";
     data["filters"][0]["data"] = uid;
     for (const char *field : {"ZARNMDPath", "ZARNMDFSSize", "ZARNMDFSContentChangeDate", "ZARNMDTextContent"})
-        data["fields"].append(field);
+        if (!carried) data["fields"].append(field);
+    for (const char *field : {"ZARNMDPath", "ZARNMDFSName", "ZARNMDExtension", "ZARNMDIsDir"})
+        if (carried) data["fields"].append(field);
     for (const Sort &key : c.sort) {
         Json::Value entry;
         entry["field"] = key.field;
@@ -157,6 +162,7 @@ Json::Value Request(const std::string &share, const Case &c, unsigned uid) {
         entry["nature_sort"] = key.natural;
         data["sorter"].append(entry);
     }
+    if (carried) return request;
     data["highlight"][0]["field"] = "ZARNMDTextContent";
     data["highlight"][0]["frag_length"] = 40;
     return request;
@@ -171,9 +177,9 @@ std::string Comparable(Json::Value hit, const std::string &share) {
 }
 
 // The hits in order; where they tie on their sort keys, in one fixed order.
-std::vector<std::string> Answer(const std::string &share, const Case &c, unsigned uid, int64_t *total) {
+std::vector<std::string> Answer(const std::string &share, const Case &c, unsigned uid, bool carried, int64_t *total) {
     std::vector<std::pair<std::string, std::string>> hits;  // sort values, hit
-    for (const Json::Value &hit : Hits(Request(share, c, uid), total)) {
+    for (const Json::Value &hit : Hits(Request(share, c, uid, carried), total)) {
         std::string values;
         for (const Sort &key : c.sort) values += zarn::json::ToString(hit[key.field]) + "|";
         hits.emplace_back(values, Comparable(hit, share));
@@ -194,10 +200,11 @@ TEST_F(ShardedIndex, AnswersAsOneLocalDatabase) {
         {"fox", {}, 0, 100, true},
         {"fox", {}, 7, 5, true},  // pages across the shards' documents
         {"fox", {}, 20, 13, true},
-        {"\"brown dog\"", {}, 0, 100, false},
-        {"alpha AND fox NOT w50", {}, 0, 100, false},
-        {"ZARNMDFSSize:300..420 ZARNMDExtension:txt", {}, 0, 100, false},
-        {"ZARNMDParent:/{share}/d1", {}, 0, 100, false},
+        {"\"brown dog\"", {}, 0, 100, true},
+        {"alpha AND fox NOT w50", {}, 0, 100, true},
+        {"ZARNMDFSSize:300..420 ZARNMDExtension:txt", {}, 0, 100, true},
+        {"ZARNMDParent:/{share}/d1", {}, 0, 100, true},
+        // A wildcard's weights differ between one database and several.
         {"f1*", {}, 0, 100, false},
         {"*", {{"ZARNMDPath", false, false}}, 10, 25, true},
         {"*", {{"ZARNMDPath", true, true}}, 0, 100, true},
@@ -207,13 +214,15 @@ TEST_F(ShardedIndex, AnswersAsOneLocalDatabase) {
         {"beta", {{"ZARNMDSearchFileName", false, true}}, 0, 100, true},
     };
     for (const Case &c : cases)
-        for (unsigned uid : {0u, kStranger}) {
-            int64_t local_total = -1, sharded_total = -2;
-            const auto local = Answer("local", c, uid, &local_total);
-            EXPECT_FALSE(local.empty()) << c.query;
-            EXPECT_EQ(local, Answer("sharded", c, uid, &sharded_total)) << c.query << " from " << c.from << " as " << uid;
-            EXPECT_EQ(local_total, sharded_total) << c.query << " as " << uid;
-        }
+        for (unsigned uid : {0u, kStranger})
+            for (bool carried : {false, true}) {
+                int64_t local_total = -1, sharded_total = -2;
+                const auto local = Answer("local", c, uid, carried, &local_total);
+                EXPECT_FALSE(local.empty()) << c.query;
+                EXPECT_EQ(local, Answer("sharded", c, uid, carried, &sharded_total))
+                    << c.query << " from " << c.from << " as " << uid << (carried ? ", carried fields" : "");
+                EXPECT_EQ(local_total, sharded_total) << c.query << " as " << uid;
+            }
     // Every document found by its id, as it was found by the search.
     std::map<std::string, std::string> found;
     for (const std::string share : {"local", "sharded"}) {
