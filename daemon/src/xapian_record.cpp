@@ -20,9 +20,6 @@ constexpr char kNameIsLastPart = 1;
 
 std::string LastPart(const std::string &path) { return path.substr(path.rfind('/') + 1); }
 
-// Records read per match: bounds what one reply and its copy here hold.
-constexpr Xapian::doccount kRecordsPerMatch = 20000;
-
 }  // namespace
 
 std::string EncodeRecordValue(const FileRecord &record) {
@@ -68,7 +65,9 @@ std::string DocIdTerm(Xapian::docid doc_id) {
     return term;
 }
 
-std::map<std::string, std::string> ReadSignatures(const Xapian::Database &db, const Xapian::Query &filter) {
+// A page bounds what one reply and its copy here hold.
+std::map<std::string, std::string> ReadSignatures(const Xapian::Database &db, const Xapian::Query &filter,
+                                                  Xapian::doccount page_size) {
     std::map<std::string, std::string> result;
     Xapian::Enquire enquire(db);
     enquire.set_weighting_scheme(Xapian::BoolWeight());
@@ -81,7 +80,9 @@ std::map<std::string, std::string> ReadSignatures(const Xapian::Database &db, co
         Xapian::Query query = all;
         if (!last.empty()) query = Xapian::Query(Xapian::Query::OP_FILTER, all, Xapian::Query(Xapian::Query::OP_VALUE_GE, kRecordSlot, last));
         enquire.set_query(query);
-        const Xapian::MSet page = enquire.get_mset(0, kRecordsPerMatch);
+        // One more than the page after the first: the last value comes again.
+        const Xapian::doccount wanted = last.empty() ? page_size : page_size + 1;
+        const Xapian::MSet page = enquire.get_mset(0, wanted);
         Xapian::doccount fresh = 0;
         for (Xapian::MSetIterator it = page.begin(); it != page.end(); ++it) {
             std::string value = it.get_sort_key(), path, signature;
@@ -90,7 +91,7 @@ std::map<std::string, std::string> ReadSignatures(const Xapian::Database &db, co
             last = std::move(value);
             ++fresh;
         }
-        if (page.size() < kRecordsPerMatch || fresh == 0) return result;
+        if (page.size() < wanted || fresh == 0) return result;
     }
 }
 

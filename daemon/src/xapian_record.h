@@ -36,8 +36,9 @@ std::string DocIdTerm(Xapian::docid doc_id);
 
 // Every record's path -> signature among the documents that `filter`
 // matches (all of them for an empty query), read through matches sorted by
-// the record slot, a bounded page at a time.
-std::map<std::string, std::string> ReadSignatures(const Xapian::Database &db, const Xapian::Query &filter);
+// the record slot, `page` records at a time.
+std::map<std::string, std::string> ReadSignatures(const Xapian::Database &db, const Xapian::Query &filter,
+                                                  Xapian::doccount page = 20000);
 
 }  // namespace xap
 }  // namespace zarnd

@@ -20,6 +20,7 @@
 #include "watcher.h"
 #include "xapian_document.h"
 #include "xapian_layout.h"
+#include "xapian_record.h"
 #include "xapian_shards.h"
 
 namespace zarnd {
@@ -276,5 +277,61 @@ TEST(DaemonUnits, WatcherTurnsEventsIntoStalePaths) {
     close(fd);
 }
 
+// The record copy that hits carry, and the reads of signatures that a
+// rescan of a shard makes by matches: every record once, a subtree without
+// its siblings, however the pages fall.
+TEST(DaemonUnits, RecordCopiesDecodeAndShardsReadSignaturesByMatches) {
+    struct Case {
+        const char *path, *name, *extension;
+        std::string signature;
+    };
+    const Case cases[] = {
+        {"/s/a.txt", "a.txt", "txt", std::string("sig\0nul", 7)},
+        {"/s/dir", "dir", "", ""},
+        {"/s/odd", "other name", "x", "s"},  // a name that is not the path's last part
+        {"/s/a", "a", "", "1"},
+        {"/s/a.b", "a.b", "b", "2"},
+        {"/s/a/b", "b", "", "3"},
+        {"/s/a/c/d", "d", "", "4"},
+    };
+    SetIndexShards("/var/index", {"/var/shard1", "/var/shard2"});
+    std::unique_ptr<IndexWriter> writer = OpenIndexWriter("/var/index");
+    for (const Case &c : cases) {
+        FileRecord record;
+        record.path = c.path;
+        record.signature = c.signature;
+        record.fields["ZARNMDPath"] = c.path;
+        record.fields["ZARNMDFSName"] = c.name;
+        record.fields["ZARNMDExtension"] = c.extension;
+        record.fields["ZARNMDIsDir"] = "n";
+        record.fields["ZARNMDFSSize"] = 5;  // not carried
+        const std::string value = xap::EncodeRecordValue(record);
+        std::string path, signature;
+        Json::Value fields;
+        ASSERT_TRUE(xap::DecodeRecordValue(value, &path, &signature, &fields)) << c.path;
+        EXPECT_EQ(c.path, path);
+        EXPECT_EQ(c.signature, signature) << c.path;
+        Json::Value expected = record.fields;
+        expected.removeMember("ZARNMDFSSize");
+        EXPECT_EQ(expected, fields) << c.path;
+        for (size_t cut = 0; cut <= value.find('\0') + 1 + (c.signature.empty() ? 0 : 1); ++cut)
+            EXPECT_FALSE(xap::DecodeRecordValue(value.substr(0, cut), &path, &signature, &fields)) << c.path << " cut at " << cut;
+        writer->Put(record);
+    }
+    writer->Finish();
+    EXPECT_TRUE(xap::CarriesAll({"ZARNMDPath", "ZARNMDIsDir"}));
+    EXPECT_FALSE(xap::CarriesAll({"ZARNMDPath", "ZARNMDFSSize"}));
+    const auto all = writer->Signatures();
+    ASSERT_EQ(7u, all.size());
+    for (const Case &c : cases) EXPECT_EQ(c.signature, all.at(c.path)) << c.path;
+    const std::map<std::string, std::string> under = {{"/s/a", "1"}, {"/s/a/b", "3"}, {"/s/a/c/d", "4"}};
+    EXPECT_EQ(under, writer->SignaturesUnder("/s/a"));
+    for (Xapian::doccount page : {1u, 2u, 3u, 4u, 100u})
+        EXPECT_EQ(7u, xap::ReadSignatures(Xapian::Database("/var/shard1"), Xapian::Query(), page).size() +
+                          xap::ReadSignatures(Xapian::Database("/var/shard2"), Xapian::Query(), page).size())
+            << page;
+}
+
 }  // namespace
 }  // namespace zarnd
+
