@@ -2,8 +2,10 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <chrono>
 #include <map>
 #include <memory>
+#include <set>
 
 #include <xapian.h>
 
@@ -31,6 +33,8 @@ struct OpenIndex {
     std::vector<Xapian::Database> shards;
     bool remote = false;  // a shard is served over the network
     ino_t stub = 0;       // the inode of the stub it was opened through; 0: none
+    // When a replica serves in place of its shard's first copy: since then.
+    std::chrono::steady_clock::time_point on_replica_since = {};
 
     xap::TextSource TextOf(Xapian::docid doc_id) const {
         size_t shard = 0;
@@ -59,8 +63,9 @@ void CheckShards(const OpenIndex &index, const std::vector<xap::Shard> &layout) 
     }
 }
 
-// Opens the index of `dir`, as its stub says.
-OpenIndex OpenIndexOf(const std::string &dir, ino_t stub) {
+// Opens the index of `dir`, as its stub says, each shard through the first
+// of its copies that answers, none of those in `failed`.
+OpenIndex OpenIndexOf(const std::string &dir, ino_t stub, std::set<std::string> *failed) {
     OpenIndex index;
     index.stub = stub;
     std::vector<xap::Shard> layout;
@@ -69,11 +74,9 @@ OpenIndex OpenIndexOf(const std::string &dir, ino_t stub) {
         index.shards.push_back(index.db);
     }
     for (const xap::Shard &shard : layout) {
-        try {
-            index.shards.push_back(xap::OpenShard(shard));
-        } catch (const Xapian::NetworkError &e) {
-            throw Failure(kBusy, "shard " + shard.Name() + " is unavailable: " + e.get_msg());
-        }
+        bool substitute = false;
+        index.shards.push_back(xap::OpenShardCopy(shard, failed, &substitute));
+        if (substitute) index.on_replica_since = std::chrono::steady_clock::now();
         index.db.add_database(index.shards.back());
         index.remote = index.remote || shard.remote();
     }
@@ -86,7 +89,8 @@ OpenIndex OpenIndexOf(const std::string &dir, ino_t stub) {
 // search.  Each use reopens it at the latest commit.
 class OpenDatabases {
 public:
-    static OpenIndex &Get(const std::string &dir) { return Mine().Find(dir); }
+    // `failed`: the copies of shards that failed during this search.
+    static OpenIndex &Get(const std::string &dir, std::set<std::string> *failed) { return Mine().Find(dir, failed); }
 
     // Forgets `dir` so that its next Get opens it anew.
     static void Drop(const std::string &dir) { Mine().open_.erase(dir); }
@@ -99,7 +103,7 @@ private:
 
     static constexpr size_t kMaxOpen = 16;
 
-    OpenIndex &Find(const std::string &dir) {
+    OpenIndex &Find(const std::string &dir, std::set<std::string> *failed) {
         // What the directory holds now, asked each time: an index removed
         // or rewritten since stays open through the files of its time.
         struct stat st;
@@ -111,13 +115,20 @@ private:
             throw Failure(kNotFound, "no index in " + dir);
         }
         auto it = open_.find(dir);
-        if (it != open_.end() && it->second.stub == current) {
+        if (it != open_.end() && it->second.stub == current && !BackToFirstCopies(it->second)) {
             try {
                 it->second.db.reopen();
                 return it->second;
             } catch (const Xapian::NetworkTimeoutError &e) {
-                open_.erase(it);
-                throw Unavailable(e);  // a shard that does not answer: no second wait
+                // A copy that does not answer: no second wait for it in this
+                // search; another copy of its shard may serve.
+                const std::string copy = xap::ShardOfError(e);
+                if (copy.empty()) {
+                    open_.erase(it);
+                    throw Unavailable(e);
+                }
+                failed->insert(copy);
+                xap::NoteCopyFailed(copy, e.get_msg());
             } catch (const Xapian::Error &) {
                 // A connection that a shard closed while idle: open it afresh below.
             }
@@ -125,10 +136,15 @@ private:
         if (it != open_.end()) open_.erase(it);
         if (open_.size() >= kMaxOpen) open_.erase(open_.begin());
         try {
-            return open_.emplace(dir, OpenIndexOf(dir, current)).first->second;
+            return open_.emplace(dir, OpenIndexOf(dir, current, failed)).first->second;
         } catch (const Xapian::DatabaseOpeningError &) {
             throw Failure(kNotFound, "no index in " + dir);
         }
+    }
+
+    static bool BackToFirstCopies(const OpenIndex &index) {
+        return index.on_replica_since != std::chrono::steady_clock::time_point() &&
+               std::chrono::steady_clock::now() - index.on_replica_since > std::chrono::seconds(xap::kBackToFirstCopyS);
     }
 
     std::map<std::string, OpenIndex> open_;
@@ -235,19 +251,23 @@ public:
 
 private:
     // Runs `action` on the open database, again on a fresh one when a commit
-    // or a rebuild overtook it.
+    // or a rebuild overtook it, or when a copy of a shard failed: each copy
+    // fails once at most, and another copy of its shard serves if one does.
     template <class F>
     void Retry(F action) {
-        for (int attempt = 1;; ++attempt) {
+        std::set<std::string> failed;
+        for (int attempt = 1;;) {
             try {
-                action(OpenDatabases::Get(dir_));
+                action(OpenDatabases::Get(dir_, &failed));
                 return;
             } catch (const Xapian::DatabaseModifiedError &e) {
-                if (attempt == kSearchAttempts) throw Failure(kInternal, "index changed during the search: " + e.get_msg());
+                if (attempt++ == kSearchAttempts) throw Failure(kInternal, "index changed during the search: " + e.get_msg());
                 OpenDatabases::Drop(dir_);
             } catch (const Xapian::NetworkError &e) {
                 OpenDatabases::Drop(dir_);
-                throw Unavailable(e);
+                const std::string copy = xap::ShardOfError(e);
+                if (copy.empty() || !failed.insert(copy).second) throw Unavailable(e);
+                xap::NoteCopyFailed(copy, e.get_msg());
             } catch (const Xapian::Error &e) {
                 OpenDatabases::Drop(dir_);
                 throw Failure(kInternal, e.get_description());

@@ -197,12 +197,20 @@ TEST(DaemonUnits, ShardListsAndCombinedIds) {
     const std::pair<const char *, const char *> shards[] = {
         {"10.0.0.2:7301", "10.0.0.2:7301"}, {"/srv/shard", "/srv/shard"}, {"host:65535", "host:65535"},
         {"host:0", ""}, {"host:65536", ""}, {"host:", ""}, {":7301", ""}, {"host", ""}, {"a b:1", ""}, {"rel/path", ""},
+        {"a:1+b:2+c:3", "a:1+b:2+c:3"}, {"/srv/shard+b:2", "/srv/shard+b:2"}, {"a:1+", ""}, {"+a:1", ""}, {"a:1++b:2", ""},
+        {"a:1+b", ""},
     };
     for (const auto &c : shards) {
         xap::Shard shard;
         EXPECT_EQ(*c.second != '\0', xap::ParseShard(c.first, &shard)) << c.first;
         if (*c.second) {
-            EXPECT_EQ(c.second, shard.Name());
+            EXPECT_EQ(c.second, shard.ListName());
+            // The stub keeps the copies, and still opens as Xapian's own.
+            mkdir("/var/copies", 0755);
+            xap::WriteShards("/var/copies", {shard, shard});
+            std::vector<xap::Shard> back;
+            ASSERT_TRUE(xap::ReadShards("/var/copies", &back)) << c.first;
+            EXPECT_EQ(std::vector<xap::Shard>({shard, shard}), back) << c.first;
         }
     }
     mkdir("/var/index", 0755);
