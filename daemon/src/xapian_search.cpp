@@ -205,18 +205,33 @@ public:
 
     void Search(const SearchPlan &plan, const std::function<void(uint64_t)> &on_total,
                 const std::function<bool(const Hit &)> &on_hit) override {
+        // A search that meets a failed copy of a shard after hits went out
+        // goes on with another copy, past the hits sent: the same match on
+        // the same documents, as the total and the ids sent so far show.
         bool started = false;
+        uint64_t total = 0;
+        std::vector<Xapian::docid> sent;
         Retry([&](const OpenIndex &index) {
-            if (started) throw Failure(kInternal, "index changed during the search");
             const Match match(index, plan);
-            started = true;
+            if (started && match.mset.get_matches_estimated() != total)
+                throw Failure(kInternal, "index changed during the search");
             const bool carried = plan.highlight.empty() && xap::CarriesAll(plan.fields);
             std::map<Xapian::docid, std::string> records;
             if (carried && !plan.sort.empty() && index.remote) records = RecordsOf(index, match.mset);
-            on_total(match.mset.get_matches_estimated());
-            for (Xapian::MSetIterator it = match.mset.begin(); it != match.mset.end(); ++it) {
+            if (!started) {
+                started = true;
+                total = match.mset.get_matches_estimated();
+                on_total(total);
+            }
+            size_t at = 0;
+            for (Xapian::MSetIterator it = match.mset.begin(); it != match.mset.end(); ++it, ++at) {
+                if (at < sent.size()) {
+                    if (sent[at] != *it) throw Failure(kInternal, "index changed during the search");
+                    continue;
+                }
                 Hit hit;
                 if (!carried || !CarriedHit(plan, it, records, &hit)) hit = MakeHit(index, match, it, plan);
+                sent.push_back(*it);
                 if (!on_hit(hit)) return;
             }
         });
@@ -256,6 +271,7 @@ private:
     template <class F>
     void Retry(F action) {
         std::set<std::string> failed;
+        int unnamed = 0;
         for (int attempt = 1;;) {
             try {
                 action(OpenDatabases::Get(dir_, &failed));
@@ -265,9 +281,12 @@ private:
                 OpenDatabases::Drop(dir_);
             } catch (const Xapian::NetworkError &e) {
                 OpenDatabases::Drop(dir_);
+                // An error that names no copy (a connection closed while a
+                // document was read) earns one more try: the copies that
+                // refuse then show themselves as the index opens again.
                 const std::string copy = xap::ShardOfError(e);
-                if (copy.empty() || !failed.insert(copy).second) throw Unavailable(e);
-                xap::NoteCopyFailed(copy, e.get_msg());
+                if (copy.empty() ? unnamed++ > 0 : !failed.insert(copy).second) throw Unavailable(e);
+                if (!copy.empty()) xap::NoteCopyFailed(copy, e.get_msg());
             } catch (const Xapian::Error &e) {
                 OpenDatabases::Drop(dir_);
                 throw Failure(kInternal, e.get_description());
