@@ -15,7 +15,6 @@
 
 #include "engine.h"
 
-#include "daemon_socket.h"
 #include "indexer.h"
 #include "server.h"
 
@@ -104,7 +103,6 @@ int Index(int argc, char **argv) {
 
 int Serve(int argc, char **argv) {
     zarnd::ServerOptions options;
-    options.socket_path = zarn::kDaemonSocketPath;
     bool debug = false;
     for (int i = 1; i < argc; ++i) {
         if (const int status = Request(argv[i]); status >= 0) {

@@ -22,6 +22,7 @@
 #include "log.h"
 #include "share_index.h"
 #include "utf8.h"
+#include "names.h"
 #include "zarnplatform.h"
 
 namespace zarnd {
@@ -30,7 +31,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr char kMetadataDir[] = "@eaDir";  // the platform's own data, index included
 constexpr int kMaxDepth = 256;
 // Changes are committed in batches: the engine holds a batch in memory, and
 // searches see a long first run make progress.
@@ -96,7 +96,7 @@ int OpenFileAt(int dirfd, const std::string &name) {
     return fd;
 }
 
-// The names in a folder, "." and ".." and "@eaDir" left out.
+// The names in a folder, "." and ".." and the metadata folder left out.
 std::vector<std::string> ListFolder(int dirfd) {
     std::vector<std::string> names;
     const int own = dup(dirfd);
@@ -108,7 +108,7 @@ std::vector<std::string> ListFolder(int dirfd) {
     }
     while (const dirent *entry = readdir(dir)) {
         const std::string name = entry->d_name;
-        if (name != "." && name != ".." && name != kMetadataDir) names.push_back(name);
+        if (name != "." && name != ".." && name != zarn::kMetadataDirName) names.push_back(name);
     }
     closedir(dir);
     std::sort(names.begin(), names.end());
@@ -147,7 +147,7 @@ public:
             if (name.empty()) continue;  // "//"
             Entry entry{at + "/" + name, at, name, {}, {}};
             const bool last = end == path.size();
-            const bool found = name != kMetadataDir && StatAt(fd, name.c_str(), &entry.st) &&
+            const bool found = name != zarn::kMetadataDirName && StatAt(fd, name.c_str(), &entry.st) &&
                                DeviceOf(entry.st) == device_;
             entry.access = above;
             entry.access.insert(entry.access.begin(), AccessOf(entry.st));

@@ -1,6 +1,6 @@
 // Builds and refreshes the index of every share that holds an indexed
 // folder.  A run walks the folders (no symbolic link followed, no other file
-// system entered, "@eaDir" skipped), rewrites only the records whose file
+// system entered, the metadata folder skipped), rewrites only the records whose file
 // changed and removes the records of files that are gone.
 #ifndef ZARND_INDEXER_H
 #define ZARND_INDEXER_H

@@ -7,12 +7,13 @@
 #include <string>
 
 #include "live_index.h"
+#include "names.h"
 #include "protocol.h"
 
 namespace zarnd {
 
 struct ServerOptions {
-    std::string socket_path = "/var/run/zarnelasticd.sock";
+    std::string socket_path = zarn::kDaemonSocketPath;
     bool foreground = false;
     unsigned workers = 4;
     int request_timeout_ms = 10000;  // from accept until the request is complete
