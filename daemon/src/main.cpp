@@ -20,8 +20,6 @@
 
 namespace {
 
-constexpr double kDefaultShardTimeoutS = 2;
-
 // "a,b,c" as its items; false when one is empty.
 bool SplitList(const std::string &list, std::vector<std::string> *items) {
     items->clear();
@@ -55,7 +53,7 @@ void PrintUsage(FILE *out) {
                  "                                    each HOST:PORT of a xapian-tcpsrv --writable\n"
                  "                                    or the absolute path of a local database\n"
                  "       zarnelasticd --help | --version\n",
-                 zarnd::kDefaultSearchBudgetS, kDefaultShardTimeoutS);
+                 zarnd::kDefaultSearchBudgetS, zarnd::kDefaultShardTimeoutMs / 1000.0);
 }
 
 // A wrong command line: the usage on standard error, exit 2.
@@ -127,12 +125,12 @@ int Serve(int argc, char **argv) {
             char *end = nullptr;
             const double budget = std::strtod(argv[++i], &end);
             if (end == argv[i] || *end != '\0' || !(budget >= 0 && budget <= 3600)) return Usage();
-            options.search_budget_s = budget;
+            options.limits.search_budget_s = budget;
         } else if (std::strcmp(argv[i], "--shard-timeout") == 0 && i + 1 < argc) {
             char *end = nullptr;
             const double timeout = std::strtod(argv[++i], &end);
             if (end == argv[i] || *end != '\0' || !(timeout >= 0.01 && timeout <= 600)) return Usage();
-            zarnd::SetShardTimeout(static_cast<unsigned>(timeout * 1000));
+            options.limits.engine.shard_timeout_ms = static_cast<unsigned>(timeout * 1000);
         } else {
             return Usage();
         }

@@ -6,7 +6,7 @@
 
 #include <cstdio>
 
-#include "engine.h"
+#include "path_within.h"
 #include "log.h"
 #include "names.h"
 

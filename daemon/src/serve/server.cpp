@@ -315,7 +315,7 @@ private:
             // on a client that does not read, but never for long.
             SetTimeout(connection.fd, SO_RCVTIMEO, 1000);
             SetTimeout(connection.fd, SO_SNDTIMEO, options_.send_timeout_s * 1000L);
-            ServeConnection(connection.fd, connection.peer, options_.search_budget_s);
+            ServeConnection(connection.fd, connection.peer, options_.limits);
             scheduler_.Finish(connection);
         }
     }

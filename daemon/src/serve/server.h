@@ -26,7 +26,7 @@ struct ServerOptions {
     // the workers its requests may occupy at once (at least one).
     size_t max_per_user = 64;
     unsigned UserShare() const { return workers / 2 > 0 ? workers / 2 : 1; }
-    double search_budget_s = kDefaultSearchBudgetS;
+    RequestLimits limits;  // search budget, shard time-out
     bool live = true;  // keep the indexes current as files change
     LiveOptions live_options;
 };
