@@ -27,7 +27,7 @@
 
 #include <json/value.h>
 
-#include "indexer.h"
+#include "index_run.h"
 #include "json_text.h"
 #include "protocol.h"
 #include "request.h"

@@ -15,7 +15,7 @@
 
 #include "engine.h"
 
-#include "indexer.h"
+#include "index_run.h"
 #include "server.h"
 
 namespace {
