@@ -16,7 +16,7 @@
 #include "engine.h"
 
 #include "index_run.h"
-#include "server.h"
+#include "process.h"
 
 namespace {
 
@@ -96,6 +96,7 @@ int Index(int argc, char **argv) {
     // A layout belongs to one share: two shares in one database would mix.
     if (!options.shards.empty() && options.share.empty()) return Usage();
     openlog("zarnelasticd", LOG_PID, LOG_DAEMON);
+    zarnd::RaiseDescriptorLimit();
     return zarnd::RunIndexer(options);
 }
 
@@ -138,6 +139,7 @@ int Serve(int argc, char **argv) {
     // In the foreground every log line is copied to standard error.
     openlog("zarnelasticd", LOG_PID | (options.foreground ? LOG_PERROR : 0), LOG_DAEMON);
     setlogmask(LOG_UPTO(debug ? LOG_DEBUG : LOG_INFO));
+    zarnd::RaiseDescriptorLimit();
     return zarnd::RunServer(options);
 }
 

@@ -1,9 +1,13 @@
 // The daemon's listener: one Unix stream socket, a bounded pool of workers,
 // and an event loop that hands a connection to a worker only once its whole
 // request has arrived, so that slow or silent clients never hold a worker.
+// Which request a free worker takes is the scheduler's rule (scheduler.h);
+// what a request asks, the protocol's (protocol.h).  Setting the process up
+// and live indexing are the caller's (process.h).
 #ifndef ZARND_SERVER_H
 #define ZARND_SERVER_H
 
+#include <memory>
 #include <string>
 
 #include "live_index.h"
@@ -31,9 +35,27 @@ struct ServerOptions {
     LiveOptions live_options;
 };
 
-// Serves until SIGTERM or SIGINT; returns the process exit status.  Refuses
-// to start (status 1) while another daemon answers on the socket.
-int RunServer(const ServerOptions &options);
+class Server;
+
+class Listener {
+public:
+    explicit Listener(const ServerOptions &options);
+    ~Listener();
+
+    // Takes the socket; the reason not to start, errno set, when it cannot:
+    // among others while another daemon answers there.  Null when listening.
+    const char *Open();
+    // Starts the workers.  `stop_fd` is a signalfd that becomes readable
+    // when the process is to stop; the caller closes it after Shutdown.
+    void Start(int stop_fd);
+    // Serves until `stop_fd` is readable, or poll fails.
+    void Loop();
+    // Closes the socket and every connection, and joins the workers.
+    void Shutdown();
+
+private:
+    std::unique_ptr<Server> server_;
+};
 
 }  // namespace zarnd
 
