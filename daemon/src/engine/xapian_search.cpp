@@ -16,6 +16,7 @@
 #include "xapian_document.h"
 #include "xapian_highlight.h"
 #include "xapian_layout.h"
+#include "xapian_open.h"
 #include "xapian_query.h"
 #include "xapian_record.h"
 #include "xapian_shards.h"
@@ -65,7 +66,7 @@ void CheckShards(const OpenIndex &index, const std::vector<xap::Shard> &layout) 
 
 // Opens the index of `dir`, as its stub says, each shard through the first
 // of its copies that answers, none of those in `failed`.
-OpenIndex OpenIndexOf(const std::string &dir, ino_t stub, std::set<std::string> *failed) {
+OpenIndex OpenIndexOf(const std::string &dir, ino_t stub, const EngineOptions &options, std::set<std::string> *failed) {
     OpenIndex index;
     index.stub = stub;
     std::vector<xap::Shard> layout;
@@ -75,7 +76,7 @@ OpenIndex OpenIndexOf(const std::string &dir, ino_t stub, std::set<std::string> 
     }
     for (const xap::Shard &shard : layout) {
         bool substitute = false;
-        index.shards.push_back(xap::OpenShardCopy(shard, failed, &substitute));
+        index.shards.push_back(xap::OpenShardCopy(shard, options.shard_timeout_ms, failed, &substitute));
         if (substitute) index.on_replica_since = std::chrono::steady_clock::now();
         index.db.add_database(index.shards.back());
         index.remote = index.remote || shard.remote();
@@ -90,7 +91,9 @@ OpenIndex OpenIndexOf(const std::string &dir, ino_t stub, std::set<std::string> 
 class OpenDatabases {
 public:
     // `failed`: the copies of shards that failed during this search.
-    static OpenIndex &Get(const std::string &dir, std::set<std::string> *failed) { return Mine().Find(dir, failed); }
+    static OpenIndex &Get(const std::string &dir, const EngineOptions &options, std::set<std::string> *failed) {
+        return Mine().Find(dir, options, failed);
+    }
 
     // Forgets `dir` so that its next Get opens it anew.
     static void Drop(const std::string &dir) { Mine().open_.erase(dir); }
@@ -103,7 +106,7 @@ private:
 
     static constexpr size_t kMaxOpen = 16;
 
-    OpenIndex &Find(const std::string &dir, std::set<std::string> *failed) {
+    OpenIndex &Find(const std::string &dir, const EngineOptions &options, std::set<std::string> *failed) {
         // What the directory holds now, asked each time: an index removed
         // or rewritten since stays open through the files of its time.
         struct stat st;
@@ -136,7 +139,7 @@ private:
         if (it != open_.end()) open_.erase(it);
         if (open_.size() >= kMaxOpen) open_.erase(open_.begin());
         try {
-            return open_.emplace(dir, OpenIndexOf(dir, current, failed)).first->second;
+            return open_.emplace(dir, OpenIndexOf(dir, current, options, failed)).first->second;
         } catch (const Xapian::DatabaseOpeningError &) {
             throw Failure(kNotFound, "no index in " + dir);
         }
@@ -201,7 +204,7 @@ constexpr int kSearchAttempts = 3;
 
 class XapianSearchIndex : public SearchIndex {
 public:
-    explicit XapianSearchIndex(const std::string &dir) : dir_(dir) {}
+    XapianSearchIndex(const std::string &dir, const EngineOptions &options) : dir_(dir), options_(options) {}
 
     void Search(const SearchPlan &plan, const std::function<void(uint64_t)> &on_total,
                 const std::function<bool(const Hit &)> &on_hit) override {
@@ -274,7 +277,7 @@ private:
         int unnamed = 0;
         for (int attempt = 1;;) {
             try {
-                action(OpenDatabases::Get(dir_, &failed));
+                action(OpenDatabases::Get(dir_, options_, &failed));
                 return;
             } catch (const Xapian::DatabaseModifiedError &e) {
                 if (attempt++ == kSearchAttempts) throw Failure(kInternal, "index changed during the search: " + e.get_msg());
@@ -369,12 +372,17 @@ private:
     }
 
     const std::string dir_;
+    const EngineOptions options_;
 };
 
 }  // namespace
 
-std::unique_ptr<SearchIndex> OpenSearchIndex(const std::string &dir) {
-    return std::unique_ptr<SearchIndex>(new XapianSearchIndex(dir));
+namespace xap {
+
+std::unique_ptr<SearchIndex> NewSearchIndex(const std::string &dir, const EngineOptions &options) {
+    return std::unique_ptr<SearchIndex>(new XapianSearchIndex(dir, options));
 }
+
+}  // namespace xap
 
 }  // namespace zarnd

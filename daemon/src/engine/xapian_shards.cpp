@@ -3,7 +3,6 @@
 #include <errno.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -20,8 +19,6 @@ namespace zarnd {
 namespace xap {
 
 namespace {
-std::atomic<unsigned> shard_timeout_ms{2000};
-
 using Clock = std::chrono::steady_clock;
 // A copy that failed this recently is tried after the others.
 constexpr Clock::duration kDownFor = std::chrono::seconds(kBackToFirstCopyS);
@@ -146,13 +143,12 @@ void WriteShards(const std::string &dir, const std::vector<Shard> &shards) {
     WriteStub(dir, content);
 }
 
-Xapian::Database OpenShard(const Shard &shard) {
+Xapian::Database OpenShard(const Shard &shard, unsigned timeout_ms) {
     if (!shard.remote()) return Xapian::Database(shard.path);
-    const unsigned timeout = shard_timeout_ms;
-    return Xapian::Remote::open(shard.host, shard.port, timeout, timeout);
+    return Xapian::Remote::open(shard.host, shard.port, timeout_ms, timeout_ms);
 }
 
-Xapian::Database OpenShardCopy(const Shard &shard, std::set<std::string> *failed, bool *substitute) {
+Xapian::Database OpenShardCopy(const Shard &shard, unsigned timeout_ms, std::set<std::string> *failed, bool *substitute) {
     std::vector<const Shard *> order(1, &shard);
     for (const Shard &copy : shard.copies) order.push_back(&copy);
     std::stable_partition(order.begin(), order.end(), [](const Shard *copy) { return !FailedLately(copy->Name()); });
@@ -160,7 +156,7 @@ Xapian::Database OpenShardCopy(const Shard &shard, std::set<std::string> *failed
     for (const Shard *copy : order) {
         if (failed->count(copy->Name()) != 0) continue;
         try {
-            Xapian::Database db = OpenShard(*copy);
+            Xapian::Database db = OpenShard(*copy, timeout_ms);
             *substitute = copy != &shard;
             if (*substitute)
                 ZARN_LOG(LOG_NOTICE, "shard %s served by its copy %s", shard.Name().c_str(), copy->Name().c_str());
@@ -180,9 +176,9 @@ void NoteCopyFailed(const std::string &name, const std::string &why) {
     failures[name] = Clock::now();
 }
 
-Xapian::WritableDatabase OpenShardForWriting(const Shard &shard) {
+Xapian::WritableDatabase OpenShardForWriting(const Shard &shard, unsigned timeout_ms) {
     if (!shard.remote()) return Xapian::WritableDatabase(shard.path, Xapian::DB_CREATE_OR_OPEN);
-    return Xapian::Remote::open_writable(shard.host, shard.port, kWriteTimeoutMs, shard_timeout_ms,
+    return Xapian::Remote::open_writable(shard.host, shard.port, kWriteTimeoutMs, timeout_ms,
                                          Xapian::DB_CREATE_OR_OPEN);
 }
 
@@ -215,7 +211,5 @@ std::string ShardMark(size_t shard, size_t count) {
 }
 
 }  // namespace xap
-
-void SetShardTimeout(unsigned timeout_ms) { xap::shard_timeout_ms = timeout_ms; }
 
 }  // namespace zarnd

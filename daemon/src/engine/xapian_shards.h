@@ -36,7 +36,7 @@ struct Shard {
 };
 
 // The shards that the stub of `dir` lists; false when `dir` holds a single
-// local index (or none), which the generations of xapian_writer.cpp keep.
+// local index (or none), which the generations of xapian_generations.cpp keep.
 bool ReadShards(const std::string &dir, std::vector<Shard> *shards);
 
 // Parses "HOST:PORT" or an absolute path, then its copies, each after a
@@ -50,16 +50,17 @@ void WriteStub(const std::string &dir, const std::string &content);
 // Writes the stub of `dir` to list `shards`.
 void WriteShards(const std::string &dir, const std::vector<Shard> &shards);
 
-// A remote shard is opened with the time-out of SetShardTimeout (engine.h)
-// for each answer and for the connection.
-Xapian::Database OpenShard(const Shard &shard);
+// A remote shard is opened with `timeout_ms` (EngineOptions, engine.h) for
+// each answer and for the connection.
+Xapian::Database OpenShard(const Shard &shard, unsigned timeout_ms);
 
 // Opens the first copy of `shard` that answers, copies that failed lately
 // tried last and those in `failed` (names of copies that failed during
 // this search) not at all; the log names a copy that serves in place of
 // the first.  *substitute tells whether one does.  Failure kBusy naming
 // the shard when no copy answers.
-Xapian::Database OpenShardCopy(const Shard &shard, std::set<std::string> *failed, bool *substitute);
+Xapian::Database OpenShardCopy(const Shard &shard, unsigned timeout_ms, std::set<std::string> *failed,
+                               bool *substitute);
 
 // How long a search thread keeps reading a replica in place of its shard's
 // first copy before it tries the first again: replicas lag behind.
@@ -67,8 +68,10 @@ constexpr unsigned kBackToFirstCopyS = 30;
 
 // Records that the copy named `name` failed: later opens try it last.
 void NoteCopyFailed(const std::string &name, const std::string &why);
-// Writers get a longer time-out: a commit of a batch takes a while.
-Xapian::WritableDatabase OpenShardForWriting(const Shard &shard);
+
+// Writers get a longer time-out for answers: a commit of a batch takes a
+// while.  `timeout_ms` is the one to connect.
+Xapian::WritableDatabase OpenShardForWriting(const Shard &shard, unsigned timeout_ms);
 
 // The shard of the document of `path`: stable from run to run and machine
 // to machine, so that a run finds a document again where it put it.
