@@ -194,6 +194,8 @@ Json::Value Request(const std::string &share, const Case &c, unsigned uid, bool 
     for (const char *field : {"ZARNMDPath", "ZARNMDFSName", "ZARNMDExtension", "ZARNMDIsDir"})
         if (carried) data["fields"].append(field);
     for (const Sort &key : c.sort) {
+        // Ties on the keys are compared in one order (Answer).
+        if (carried) data["fields"].append(key.field);
         Json::Value entry;
         entry["field"] = key.field;
         entry["direction"] = key.descending ? "desc" : "asc";
@@ -250,6 +252,12 @@ TEST_F(ShardedIndex, AnswersAsOneLocalDatabase) {
         {"fox", {{"ZARNMDFSSize", false, false}}, 0, 100, true},
         {"*", {{"ZARNMDFSContentChangeDate", true, false}}, 0, 100, true},
         {"beta", {{"ZARNMDSearchFileName", false, true}}, 0, 100, true},
+        // Several keys, pages that end inside a run of hits tied on the first
+        // (but not on all: the engine orders full ties by id, which differ).
+        {"fox", {{"ZARNMDFSSize", false, false}, {"ZARNMDPath", true, false}}, 0, 100, true},
+        {"*", {{"ZARNMDIsDir", true, false}, {"ZARNMDFSName", false, true}}, 5, 20, true},
+        {"*", {{"ZARNMDExtension", false, false}, {"ZARNMDFSSize", true, false}, {"ZARNMDPath", false, true}}, 30, 10, true},
+        {"green OR brown", {{"ZARNMDParent", true, false}, {"ZARNMDFSSize", false, false}, {"ZARNMDPath", false, false}}, 12, 9, true},
     };
     // From the primaries, then, every primary gone, from the replicas.
     for (const char *copies : {"primaries", "replicas"}) {
@@ -284,13 +292,6 @@ TEST_F(ShardedIndex, AnswersAsOneLocalDatabase) {
         }
     }
     EXPECT_EQ(63u, found.size());  // 60 files and 3 folders
-    // The network carries no sort function: several keys are refused, not
-    // answered in another order.
-    const Case two_keys = {"fox", {{"ZARNMDFSSize", false, false}, {"ZARNMDPath", false, false}}, 0, 10, true};
-    EXPECT_EQ(10u, Hits(Request("local", two_keys, 0)).size());
-    const Replies refused = Ask(zarn::json::ToString(Request("sharded", two_keys, 0)));
-    ASSERT_EQ(1u, refused.size());
-    EXPECT_EQ(400, refused[0]["error"]["code"].asInt()) << zarn::json::ToString(refused[0]);
     // The command-line client over the library.
     const Result cli = Zarnsearch({"count", "sharded", "fox"});
     EXPECT_EQ(0, cli.status) << cli.err;

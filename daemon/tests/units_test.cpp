@@ -339,17 +339,17 @@ TEST(DaemonUnits, WatcherTurnsEventsIntoStalePaths) {
 // its siblings, however the pages fall.
 TEST(DaemonUnits, RecordCopiesDecodeAndShardsReadSignaturesByMatches) {
     struct Case {
-        const char *path, *name, *extension;
+        const char *path, *name, *parent;
         std::string signature;
     };
     const Case cases[] = {
-        {"/s/a.txt", "a.txt", "txt", std::string("sig\0nul", 7)},
-        {"/s/dir", "dir", "", ""},
-        {"/s/odd", "other name", "x", "s"},  // a name that is not the path's last part
-        {"/s/a", "a", "", "1"},
-        {"/s/a.b", "a.b", "b", "2"},
-        {"/s/a/b", "b", "", "3"},
-        {"/s/a/c/d", "d", "", "4"},
+        {"/s/a.txt", "a.txt", "/s", std::string("sig\0nul", 7)},
+        {"/s/dir", "dir", "/s", ""},
+        {"/s/odd", "other name", "/elsewhere", "s"},  // fields that are not parts of the path
+        {"/s/a", "a", "/s", "1"},
+        {"/s/a.b", "a.b", "/s", "2"},
+        {"/s/a/b", "b", "/s/a", "3"},
+        {"/s/a/c/d", "d", "/s/a/c", "4"},
     };
     SetIndexShards("/var/index", {"/var/shard1", "/var/shard2"});
     std::unique_ptr<IndexWriter> writer = OpenIndexWriter("/var/index");
@@ -359,9 +359,10 @@ TEST(DaemonUnits, RecordCopiesDecodeAndShardsReadSignaturesByMatches) {
         record.signature = c.signature;
         record.fields["ZARNMDPath"] = c.path;
         record.fields["ZARNMDFSName"] = c.name;
-        record.fields["ZARNMDExtension"] = c.extension;
+        record.fields["ZARNMDParent"] = c.parent;
         record.fields["ZARNMDIsDir"] = "n";
-        record.fields["ZARNMDFSSize"] = 5;  // not carried
+        record.fields["ZARNMDFSSize"] = 5;
+        record.fields["ZARNMDTextContent"] = "words";  // not carried
         const std::string value = xap::EncodeRecordValue(record);
         std::string path, signature;
         Json::Value fields;
@@ -369,15 +370,15 @@ TEST(DaemonUnits, RecordCopiesDecodeAndShardsReadSignaturesByMatches) {
         EXPECT_EQ(c.path, path);
         EXPECT_EQ(c.signature, signature) << c.path;
         Json::Value expected = record.fields;
-        expected.removeMember("ZARNMDFSSize");
+        expected.removeMember("ZARNMDTextContent");
         EXPECT_EQ(expected, fields) << c.path;
         for (size_t cut = 0; cut <= value.find('\0') + 1 + (c.signature.empty() ? 0 : 1); ++cut)
             EXPECT_FALSE(xap::DecodeRecordValue(value.substr(0, cut), &path, &signature, &fields)) << c.path << " cut at " << cut;
         writer->Put(record);
     }
     writer->Finish();
-    EXPECT_TRUE(xap::CarriesAll({"ZARNMDPath", "ZARNMDIsDir"}));
-    EXPECT_FALSE(xap::CarriesAll({"ZARNMDPath", "ZARNMDFSSize"}));
+    EXPECT_TRUE(xap::CarriesAll({"ZARNMDPath", "ZARNMDIsDir", "ZARNMDFSSize"}));
+    EXPECT_FALSE(xap::CarriesAll({"ZARNMDPath", "ZARNMDTextContent"}));
     const auto all = writer->Signatures();
     ASSERT_EQ(7u, all.size());
     for (const Case &c : cases) EXPECT_EQ(c.signature, all.at(c.path)) << c.path;

@@ -24,6 +24,10 @@ constexpr unsigned kTermFlags = Xapian::TermGenerator::FLAG_CJK_NGRAM;
 Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *generator, ChunkPacker *packer,
                                std::vector<std::string> *text_chunks);
 
+// A document holding nothing but the sort slots of `fields`, as
+// BuildDocument fills them: what a key maker sorts by.
+Xapian::Document SortValues(const Json::Value &fields);
+
 // The fields of a record (integers and strings of the layout's fields, the
 // text content left out) as a document's data, and back; false for data
 // that EncodeData did not make.

@@ -12,13 +12,16 @@ namespace xap {
 
 namespace {
 
-// The fields a hit of the library's default request shows, beside the path.
-const char *const kCarried[] = {field::kFSName, field::kExtension, field::kIsDir};
-
-// The name is most often the path's last part: a flag then stands for it.
+// Two fields are most often parts of the path: a flag then stands for each.
 constexpr char kNameIsLastPart = 1;
+constexpr char kParentIsFolder = 2;
 
 std::string LastPart(const std::string &path) { return path.substr(path.rfind('/') + 1); }
+std::string Folder(const std::string &path) { return path.substr(0, path.rfind('/')); }
+
+// Whether `field` is carried: every field kept for sorting, so that a sort
+// on several keys can be finished here (MergeSortedPages).
+bool Carried(const FieldLayout &layout) { return layout.slot != Xapian::BAD_VALUENO; }
 
 }  // namespace
 
@@ -26,11 +29,21 @@ std::string EncodeRecordValue(const FileRecord &record) {
     std::string value = record.path;
     value.push_back('\0');
     Json::Value rest(Json::objectValue);
-    for (const char *name : kCarried)
-        if (record.fields.isMember(name)) rest[name] = record.fields[name];
-    const bool derived = rest[field::kFSName].isString() && rest[field::kFSName].asString() == LastPart(record.path);
-    if (derived) rest.removeMember(field::kFSName);
-    value.push_back(derived ? kNameIsLastPart : 0);
+    size_t count = 0;
+    const FieldLayout *layouts = FieldLayouts(&count);
+    for (size_t i = 0; i < count; ++i)
+        if (Carried(layouts[i]) && layouts[i].field != std::string(field::kPath) && record.fields.isMember(layouts[i].field))
+            rest[layouts[i].field] = record.fields[layouts[i].field];
+    char flags = 0;
+    const auto derive = [&](const char *name, const std::string &derived, char flag) {
+        if (rest[name].isString() && rest[name].asString() == derived) {
+            rest.removeMember(name);
+            flags |= flag;
+        }
+    };
+    derive(field::kFSName, LastPart(record.path), kNameIsLastPart);
+    derive(field::kParent, Folder(record.path), kParentIsFolder);
+    value.push_back(flags);
     PutVarint(&value, record.signature.size());
     value += record.signature;
     return value + EncodeData(rest);
@@ -47,15 +60,17 @@ bool DecodeRecordValue(const std::string &value, std::string *path, std::string 
     if (signature != nullptr) signature->assign(value, at, length);
     if (fields == nullptr) return true;
     if (!DecodeData(value.substr(at + length), fields)) return false;
-    (*fields)[field::kPath] = value.substr(0, end);
-    if (flags & kNameIsLastPart) (*fields)[field::kFSName] = LastPart(value.substr(0, end));
+    const std::string own_path = value.substr(0, end);
+    (*fields)[field::kPath] = own_path;
+    if (flags & kNameIsLastPart) (*fields)[field::kFSName] = LastPart(own_path);
+    if (flags & kParentIsFolder) (*fields)[field::kParent] = Folder(own_path);
     return true;
 }
 
 bool CarriesAll(const std::vector<std::string> &names) {
     return std::all_of(names.begin(), names.end(), [](const std::string &name) {
-        return name == field::kPath || std::any_of(std::begin(kCarried), std::end(kCarried),
-                                                   [&](const char *carried) { return name == carried; });
+        const FieldLayout *layout = FindLayout(name);
+        return layout != nullptr && Carried(*layout);
     });
 }
 
@@ -65,7 +80,6 @@ std::string DocIdTerm(Xapian::docid doc_id) {
     return term;
 }
 
-// A page bounds what one reply and its copy here hold.
 std::map<std::string, std::string> ReadSignatures(const Xapian::Database &db, const Xapian::Query &filter,
                                                   Xapian::doccount page_size) {
     std::map<std::string, std::string> result;

@@ -1,6 +1,7 @@
 // A compact copy of what a hit needs, kept in one value slot: the path, the
-// indexer's signature, and the fields that the library asks for by default
-// (name, extension, folder or not).  A match sorted by that slot hands the
+// indexer's signature, and every field kept for sorting, those that the
+// library asks for by default (name, extension, folder or not) among them;
+// the text content is left out.  A match sorted by that slot hands the
 // copy back as each hit's sort key, which Xapian's network protocol carries
 // in the match reply itself: a page of hits and the records of a rescan
 // come back in one exchange, without a message per document.

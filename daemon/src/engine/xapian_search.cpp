@@ -17,6 +17,7 @@
 #include "xapian_highlight.h"
 #include "xapian_layout.h"
 #include "xapian_open.h"
+#include "xapian_page.h"
 #include "xapian_query.h"
 #include "xapian_record.h"
 #include "xapian_shards.h"
@@ -153,50 +154,6 @@ private:
     std::map<std::string, OpenIndex> open_;
 };
 
-// The documents that `user` may not read: those holding a restriction term
-// that the user does not pass.  Restrictions are few (owners, groups and
-// modes in use), so the filter is a short list of terms whose posting lists
-// do the work.  An empty query when nothing is hidden.
-Xapian::Query HiddenFrom(const Xapian::Database &db, const Credentials &user) {
-    std::vector<std::string> hidden;
-    Restriction restriction;
-    for (Xapian::TermIterator t = db.allterms_begin(xap::kRestrictionPrefix);
-         t != db.allterms_end(xap::kRestrictionPrefix); ++t)
-        if (!xap::ParseRestrictionTerm(*t, &restriction) || !Passes(user, restriction)) hidden.push_back(*t);
-    return Xapian::Query(Xapian::Query::OP_OR, hidden.begin(), hidden.end());
-}
-
-// The match of a plan: the page of hits and the exact total.
-struct Match {
-    Match(const OpenIndex &index, const SearchPlan &plan) : enquire(index.db) {
-        const Xapian::Database &db = index.db;
-        query = xap::ParseQuery(plan.query, db);
-        if (plan.reader != nullptr && plan.reader->uid != 0) {
-            const Xapian::Query hidden = HiddenFrom(db, *plan.reader);
-            if (!hidden.empty()) query = Xapian::Query(Xapian::Query::OP_AND_NOT, query, hidden);
-        }
-        enquire.set_query(query);
-        // The network protocol carries no sort function, only a slot.
-        if (index.remote && plan.sort.size() > 1)
-            throw Failure(kBadRequest, "an index with shards on other machines sorts by one key only");
-        xap::SetSortOrder(plan.sort, &enquire, &maker);
-        // Ties in relevance go by the record's copy, which each hit's sort
-        // key then carries (xapian_record.h).
-        if (plan.sort.empty()) enquire.set_sort_by_relevance_then_value(xap::kRecordSlot, false);
-        // Checking every document makes the count exact, not an estimate.
-        // (No match time limit: Xapian 1.4.22's timer may write into a match
-        // that has returned.)
-        mset = enquire.get_mset(plan.from, plan.size, db.get_doccount());
-        if (mset.get_matches_lower_bound() != mset.get_matches_upper_bound())
-            throw Failure(kInternal, "the engine counted the matches inexactly");
-    }
-
-    Xapian::Enquire enquire;
-    Xapian::Query query;
-    std::unique_ptr<Xapian::MultiValueKeyMaker> maker;
-    Xapian::MSet mset;
-};
-
 // A writer may commit while a search reads; the reader then reopens and runs
 // the search again, as long as nothing has been handed out yet.  Hits are
 // read one at a time as they go out, so memory stays at one document.
@@ -214,27 +171,24 @@ public:
         bool started = false;
         uint64_t total = 0;
         std::vector<Xapian::docid> sent;
+        const bool carried = plan.highlight.empty() && xap::CarriesAll(plan.fields);
         Retry([&](const OpenIndex &index) {
-            const Match match(index, plan);
-            if (started && match.mset.get_matches_estimated() != total)
-                throw Failure(kInternal, "index changed during the search");
-            const bool carried = plan.highlight.empty() && xap::CarriesAll(plan.fields);
-            std::map<Xapian::docid, std::string> records;
-            if (carried && !plan.sort.empty() && index.remote) records = RecordsOf(index, match.mset);
+            const xap::Page page(index.db, index.shards.size(), index.remote, plan, carried);
+            if (started && page.total != total) throw Failure(kInternal, "index changed during the search");
             if (!started) {
                 started = true;
-                total = match.mset.get_matches_estimated();
+                total = page.total;
                 on_total(total);
             }
-            size_t at = 0;
-            for (Xapian::MSetIterator it = match.mset.begin(); it != match.mset.end(); ++it, ++at) {
+            for (size_t at = 0; at < page.hits.size(); ++at) {
+                const xap::PageHit &item = page.hits[at];
                 if (at < sent.size()) {
-                    if (sent[at] != *it) throw Failure(kInternal, "index changed during the search");
+                    if (sent[at] != item.id) throw Failure(kInternal, "index changed during the search");
                     continue;
                 }
                 Hit hit;
-                if (!carried || !CarriedHit(plan, it, records, &hit)) hit = MakeHit(index, match, it, plan);
-                sent.push_back(*it);
+                if (!carried || !CarriedHit(index, plan, item, &hit)) hit = MakeHit(index, page, item.id, plan);
+                sent.push_back(item.id);
                 if (!on_hit(hit)) return;
             }
         });
@@ -243,9 +197,10 @@ public:
     uint64_t PageIds(const SearchPlan &plan, std::vector<uint32_t> *ids) override {
         uint64_t total = 0;
         Retry([&](const OpenIndex &index) {
-            const Match match(index, plan);
-            ids->assign(match.mset.begin(), match.mset.end());
-            total = match.mset.get_matches_estimated();
+            const xap::Page page(index.db, index.shards.size(), index.remote, plan, false);
+            ids->clear();
+            for (const xap::PageHit &hit : page.hits) ids->push_back(hit.id);
+            total = page.total;
         });
         return total;
     }
@@ -257,7 +212,7 @@ public:
             try {
                 const Xapian::Document doc = index.db.get_document(doc_id);
                 *access = doc.get_value(xap::kAccessSlot);
-                found = xap::DecodeData(doc.get_data(), fields);
+                found = xap::DecodeRecordValue(doc.get_value(xap::kRecordSlot), nullptr, nullptr, fields);
                 std::string text;
                 if (found && xap::ReadTextStart(index.TextOf(doc_id), doc, &text)) (*fields)[field::kTextContent] = text;
             } catch (const Xapian::DocNotFoundError &) {
@@ -297,58 +252,27 @@ private:
         }
     }
 
-    // The records of a page's hits, by id, from one match over the shards:
-    // the hits' documents would take a message each.
-    static std::map<Xapian::docid, std::string> RecordsOf(const OpenIndex &index, const Xapian::MSet &page) {
-        std::vector<std::string> terms;
-        for (Xapian::MSetIterator it = page.begin(); it != page.end(); ++it) {
-            size_t shard = 0;
-            Xapian::docid local = 0;
-            xap::SplitId(*it, index.shards.size(), &shard, &local);
-            terms.push_back(xap::DocIdTerm(local));
-        }
-        std::map<Xapian::docid, std::string> records;
-        if (terms.empty()) return records;
-        Xapian::Enquire enquire(index.db);
-        enquire.set_query(Xapian::Query(Xapian::Query::OP_OR, terms.begin(), terms.end()));
-        enquire.set_weighting_scheme(Xapian::BoolWeight());
-        enquire.set_sort_by_value(xap::kRecordSlot, false);
-        // Each shard may hold every id of the page.
-        const Xapian::MSet found = enquire.get_mset(0, static_cast<Xapian::doccount>(terms.size() * index.shards.size()));
-        for (Xapian::MSetIterator it = found.begin(); it != found.end(); ++it) records[*it] = it.get_sort_key();
-        return records;
-    }
-
     // A hit of carried fields only, from its record; false when the record
-    // is missing or unreadable.
-    static bool CarriedHit(const SearchPlan &plan, const Xapian::MSetIterator &it,
-                           const std::map<Xapian::docid, std::string> &records, Hit *hit) {
-        std::string value;
-        if (plan.sort.empty()) {
-            value = it.get_sort_key();
-        } else if (!records.empty()) {
-            const auto record = records.find(*it);
-            if (record == records.end()) return false;
-            value = record->second;
-        } else {
-            value = it.get_document().get_value(xap::kRecordSlot);
-        }
+    // is unreadable.
+    static bool CarriedHit(const OpenIndex &index, const SearchPlan &plan, const xap::PageHit &item, Hit *hit) {
+        const std::string value =
+            item.record.empty() ? index.db.get_document(item.id).get_value(xap::kRecordSlot) : item.record;
         Json::Value carried;
         if (!xap::DecodeRecordValue(value, nullptr, nullptr, &carried)) return false;
-        hit->doc_id = *it;
+        hit->doc_id = item.id;
         hit->fields = Json::Value(Json::objectValue);
         for (const std::string &name : plan.fields)
             if (carried.isMember(name)) hit->fields[name] = carried[name];
         return true;
     }
 
-    static Hit MakeHit(const OpenIndex &index, const Match &match, const Xapian::MSetIterator &it,
-                       const SearchPlan &plan) {
+    static Hit MakeHit(const OpenIndex &index, const xap::Page &page, Xapian::docid id, const SearchPlan &plan) {
         Hit hit;
-        hit.doc_id = *it;
-        const Xapian::Document doc = it.get_document();
+        hit.doc_id = id;
+        const Xapian::Document doc = index.db.get_document(id);
         Json::Value stored;
-        if (!xap::DecodeData(doc.get_data(), &stored)) stored = Json::Value(Json::objectValue);
+        if (!xap::DecodeRecordValue(doc.get_value(xap::kRecordSlot), nullptr, nullptr, &stored))
+            stored = Json::Value(Json::objectValue);
         hit.fields = Json::Value(Json::objectValue);
         for (const std::string &name : plan.fields) {
             std::string text;
@@ -361,10 +285,10 @@ private:
         for (const HighlightRequest &request : plan.highlight) {
             std::string fragment;
             if (request.field == field::kTextContent)
-                fragment = xap::HighlightText(match.mset, index.db, hit.doc_id, doc, index.TextOf(hit.doc_id), match.query,
+                fragment = xap::HighlightText(page.mset, index.db, hit.doc_id, doc, index.TextOf(hit.doc_id), page.query,
                                              request.frag_length);
             else if (stored[request.field].isString())
-                fragment = xap::HighlightField(match.mset, stored[request.field].asString(), request.frag_length);
+                fragment = xap::HighlightField(page.mset, stored[request.field].asString(), request.frag_length);
             fragment = CutFragment(fragment, request.frag_length);
             if (!fragment.empty()) hit.highlight[request.field] = fragment;
         }
