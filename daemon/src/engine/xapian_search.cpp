@@ -1,7 +1,6 @@
 // SearchIndex on a Xapian database.
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <chrono>
 #include <map>
 #include <memory>
@@ -18,10 +17,8 @@
 #include "xapian_layout.h"
 #include "xapian_open.h"
 #include "xapian_page.h"
-#include "xapian_query.h"
 #include "xapian_record.h"
 #include "xapian_shards.h"
-#include "xapian_sort.h"
 
 namespace zarnd {
 
