@@ -17,6 +17,9 @@ namespace {
 constexpr size_t kMaxQueued = 256;
 constexpr size_t kMaxQueuedBytes = 64u << 20;
 
+// Id terms that a subtree's lookup expands to at most.
+constexpr Xapian::termcount kMaxSubtreeTerms = 100000;
+
 }  // namespace
 
 DatabaseWriter::DatabaseWriter(Xapian::WritableDatabase db, const std::string &name, Xapian::docid max_id, bool shard)
@@ -64,19 +67,27 @@ std::map<std::string, std::string> DatabaseWriter::Signatures() {
     return result;
 }
 
-// The records whose value lies between the path's own and the values of
-// paths that continue it with '/' ('0' follows it): that range holds the
-// subtree, and a few siblings ("dir.txt" beside "dir") left out below.
+// Through the id terms that begin with the path, in one match: the cost
+// follows the subtree, not the index.  A subtree of more than
+// kMaxSubtreeTerms records is read from the range of record values between
+// the path's own and those of paths that continue it with '/' ('0' follows
+// it), a walk over the whole slot.  Both hold a few siblings too ("dir.txt"
+// beside "dir"), left out below.
 std::map<std::string, std::string> DatabaseWriter::SignaturesUnder(const std::string &path) {
     Drain();
-    std::map<std::string, std::string> result;
+    std::map<std::string, std::string> result, found;
     Guard([&] {
-        const Xapian::Query range(Xapian::Query::OP_AND_NOT,
-                                  Xapian::Query(Xapian::Query::OP_VALUE_GE, kRecordSlot, path + '\0'),
-                                  Xapian::Query(Xapian::Query::OP_VALUE_GE, kRecordSlot, path + '0'));
-        for (auto &record : ReadSignatures(db_, range))
-            if (PathWithin(record.first, path)) result.insert(std::move(record));
+        try {
+            found = ReadSignatures(db_, Xapian::Query(Xapian::Query::OP_WILDCARD, BoundedTermStart(kIdPrefix, path),
+                                                      kMaxSubtreeTerms, Xapian::Query::WILDCARD_LIMIT_ERROR));
+        } catch (const Xapian::WildcardError &) {
+            found = ReadSignatures(db_, Xapian::Query(Xapian::Query::OP_AND_NOT,
+                                                      Xapian::Query(Xapian::Query::OP_VALUE_GE, kRecordSlot, path + '\0'),
+                                                      Xapian::Query(Xapian::Query::OP_VALUE_GE, kRecordSlot, path + '0')));
+        }
     });
+    for (auto &record : found)
+        if (PathWithin(record.first, path)) result.insert(std::move(record));
     return result;
 }
 
