@@ -347,7 +347,7 @@ TEST_F(ShardedIndex, ACopyServesWhileAnotherIsDownOrStuckAndA503NamesAShardWithN
     EXPECT_EQ(0u, wrong) << "of " << during.size() << " searches";
     std::printf("%zu searches while copies failed: p99 %.3f s, max %.3f s (shard time-out 1 s)\n", during.size(),
                 P99(during), *std::max_element(during.begin(), during.end()));
-    EXPECT_LT(*std::max_element(during.begin(), during.end()), 3.0);
+    EXPECT_LT(*std::max_element(during.begin(), during.end()), 4.0);  // one time-out, once, and slack for a loaded machine
     const std::string log = Shell("cat /var/daemon.log").out;
     for (int k : {1, 2}) EXPECT_NE(std::string::npos, log.find("served by its copy " + Name(k, 1))) << log;
     // Shard 1 with no copy left: its replica hangs, then dies, its primary

@@ -32,8 +32,9 @@ struct OpenIndex {
     std::vector<Xapian::Database> shards;
     bool remote = false;  // a shard is served over the network
     ino_t stub = 0;       // the inode of the stub it was opened through; 0: none
-    // When a replica serves in place of its shard's first copy: since then.
-    std::chrono::steady_clock::time_point on_replica_since = {};
+    std::vector<std::string> copies;  // the copies of shards that serve it
+    std::chrono::steady_clock::time_point opened = std::chrono::steady_clock::now();
+    bool on_replica = false;  // a replica serves in place of its shard's first copy
 
     xap::TextSource TextOf(Xapian::docid doc_id) const {
         size_t shard = 0;
@@ -73,9 +74,10 @@ OpenIndex OpenIndexOf(const std::string &dir, ino_t stub, const EngineOptions &o
         index.shards.push_back(index.db);
     }
     for (const xap::Shard &shard : layout) {
-        bool substitute = false;
-        index.shards.push_back(xap::OpenShardCopy(shard, options.shard_timeout_ms, failed, &substitute));
-        if (substitute) index.on_replica_since = std::chrono::steady_clock::now();
+        std::string served;
+        index.shards.push_back(xap::OpenShardCopy(shard, options.shard_timeout_ms, failed, &served));
+        index.copies.push_back(served);
+        index.on_replica = index.on_replica || served != shard.Name();
         index.db.add_database(index.shards.back());
         index.remote = index.remote || shard.remote();
     }
@@ -116,7 +118,7 @@ private:
             throw Failure(kNotFound, "no index in " + dir);
         }
         auto it = open_.find(dir);
-        if (it != open_.end() && it->second.stub == current && !BackToFirstCopies(it->second)) {
+        if (it != open_.end() && it->second.stub == current && !Stale(it->second)) {
             try {
                 it->second.db.reopen();
                 return it->second;
@@ -143,9 +145,13 @@ private:
         }
     }
 
-    static bool BackToFirstCopies(const OpenIndex &index) {
-        return index.on_replica_since != std::chrono::steady_clock::time_point() &&
-               std::chrono::steady_clock::now() - index.on_replica_since > std::chrono::seconds(xap::kBackToFirstCopyS);
+    // An index opened on a copy that failed since (found by another thread:
+    // this one need not wait for it too), or on a replica for a while
+    // (replicas lag: the first copy may be back).
+    static bool Stale(const OpenIndex &index) {
+        const auto now = std::chrono::steady_clock::now();
+        return xap::FailedSince(index.copies, index.opened) ||
+               (index.on_replica && now - index.opened > std::chrono::seconds(xap::kBackToFirstCopyS));
     }
 
     std::map<std::string, OpenIndex> open_;

@@ -148,7 +148,8 @@ Xapian::Database OpenShard(const Shard &shard, unsigned timeout_ms) {
     return Xapian::Remote::open(shard.host, shard.port, timeout_ms, timeout_ms);
 }
 
-Xapian::Database OpenShardCopy(const Shard &shard, unsigned timeout_ms, std::set<std::string> *failed, bool *substitute) {
+Xapian::Database OpenShardCopy(const Shard &shard, unsigned timeout_ms, std::set<std::string> *failed,
+                               std::string *served) {
     std::vector<const Shard *> order(1, &shard);
     for (const Shard &copy : shard.copies) order.push_back(&copy);
     std::stable_partition(order.begin(), order.end(), [](const Shard *copy) { return !FailedLately(copy->Name()); });
@@ -157,8 +158,8 @@ Xapian::Database OpenShardCopy(const Shard &shard, unsigned timeout_ms, std::set
         if (failed->count(copy->Name()) != 0) continue;
         try {
             Xapian::Database db = OpenShard(*copy, timeout_ms);
-            *substitute = copy != &shard;
-            if (*substitute)
+            *served = copy->Name();
+            if (copy != &shard)
                 ZARN_LOG(LOG_NOTICE, "shard %s served by its copy %s", shard.Name().c_str(), copy->Name().c_str());
             return db;
         } catch (const Xapian::NetworkError &e) {
@@ -168,6 +169,14 @@ Xapian::Database OpenShardCopy(const Shard &shard, unsigned timeout_ms, std::set
         }
     }
     throw Failure(kBusy, "shard " + shard.ListName() + " is unavailable: " + why);
+}
+
+bool FailedSince(const std::vector<std::string> &names, Clock::time_point since) {
+    std::lock_guard<std::mutex> lock(failures_mutex);
+    return std::any_of(names.begin(), names.end(), [&](const std::string &name) {
+        const auto failure = failures.find(name);
+        return failure != failures.end() && failure->second > since;
+    });
 }
 
 void NoteCopyFailed(const std::string &name, const std::string &why) {

@@ -10,6 +10,7 @@
 #ifndef ZARND_XAPIAN_SHARDS_H
 #define ZARND_XAPIAN_SHARDS_H
 
+#include <chrono>
 #include <set>
 #include <string>
 #include <vector>
@@ -57,10 +58,14 @@ Xapian::Database OpenShard(const Shard &shard, unsigned timeout_ms);
 // Opens the first copy of `shard` that answers, copies that failed lately
 // tried last and those in `failed` (names of copies that failed during
 // this search) not at all; the log names a copy that serves in place of
-// the first.  *substitute tells whether one does.  Failure kBusy naming
-// the shard when no copy answers.
+// the first.  *served names the copy that does.  Failure kBusy naming the
+// shard when no copy answers.
 Xapian::Database OpenShardCopy(const Shard &shard, unsigned timeout_ms, std::set<std::string> *failed,
-                               bool *substitute);
+                               std::string *served);
+
+// Whether one of the copies named failed after `since`: a search thread
+// then opens its index anew rather than wait for that copy in its turn.
+bool FailedSince(const std::vector<std::string> &names, std::chrono::steady_clock::time_point since);
 
 // How long a search thread keeps reading a replica in place of its shard's
 // first copy before it tries the first again: replicas lag behind.
