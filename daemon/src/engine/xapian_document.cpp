@@ -66,7 +66,7 @@ void AddRestrictions(const std::string &access, Xapian::Document *doc) {
 
 }  // namespace
 
-// A document's data: for each stored field, in layout order, its index
+// Compact fields: for each stored field, in layout order, its index
 // (with the top bit set for an integer) and its value, a zigzag varint or a
 // varint length and the bytes.  Hits decode it without a JSON parse.
 std::string EncodeData(const Json::Value &fields) {
