@@ -106,7 +106,7 @@ const Row kRows[] = {
     {"restored_folder",
      "mkdir work && echo needle > work/a.txt && cp -a work /var/work.bak && echo needle > /var/work.bak/b.txt",
      {"/docs/work"},
-     {{"rm -rf /var/docs/work && mv /var/work.bak /var/docs/work"}, {"echo needle > /var/docs/work/later.txt"}}},
+     {{"rm -rf /var/docs/work && sleep 0.3 && mv /var/work.bak /var/docs/work"}, {"echo needle > /var/docs/work/later.txt"}}},
     // Another file system mounted over an indexed folder, then taken away.
     {"mounted_over",
      "mkdir work && echo needle > work/a.txt",
