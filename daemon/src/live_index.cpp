@@ -9,6 +9,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
+#include <cstring>
 #include <map>
 #include <set>
 #include <vector>
@@ -314,12 +316,18 @@ private:
     // A folder left unwatched (errno says why): the share falls back to
     // whole rescans.
     void Unwatched(const std::string &name, LiveShare *share, const std::string &path) {
-        if (!share->limited && !share->limit_hit)
+        if (!share->limited && !share->limit_hit) {
+            char why[128];
+            if (errno == ENOSPC)
+                std::snprintf(why, sizeof why, "watch limit reached at %zu watches (fs.inotify.max_user_watches)",
+                              watcher_.size());
+            else
+                std::snprintf(why, sizeof why, "%s", std::strerror(errno));
             ZARN_LOG(LOG_WARNING,
-                     "cannot watch %s (%m; %zu watches, fs.inotify.max_user_watches): share %s is rescanned "
-                     "on each change and every %lld s until all its folders are watched",
-                     path.c_str(), watcher_.size(), name.c_str(),
-                     static_cast<long long>(options_.rewatch_period.count() / 1000));
+                     "cannot watch %s: %s: share %s is rescanned on each change and every %.1f s until all its "
+                     "folders are watched",
+                     path.c_str(), why, name.c_str(), options_.rewatch_period.count() / 1000.0);
+        }
         share->limit_hit = true;
     }
 

@@ -38,7 +38,7 @@ Watcher::~Watcher() {
 }
 
 bool Watcher::Full(const std::string &path) const {
-    if (fd_ < 0 || (max_watches_ > 0 && size() >= max_watches_ && by_path_.count(path) == 0)) {
+    if (fd_ < 0 || (max_watches_ > 0 && by_wd_.size() >= max_watches_ && by_path_.count(path) == 0)) {
         errno = fd_ < 0 ? EBADF : ENOSPC;
         return true;
     }
@@ -66,7 +66,7 @@ bool Watcher::Watch(int dirfd, const std::string &share, const std::string &path
 
 bool Watcher::WatchParent(const std::string &share, const std::string &path, const std::string &abs_path) {
     const size_t slash = abs_path.rfind('/');
-    if (slash == std::string::npos || Full(std::string())) return false;
+    if (slash == std::string::npos || fd_ < 0) return false;
     const int wd = inotify_add_watch(fd_, slash == 0 ? "/" : abs_path.substr(0, slash).c_str(), kParentEvents);
     if (wd < 0) return false;
     std::vector<Child> &children = parents_[wd];

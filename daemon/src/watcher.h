@@ -26,8 +26,9 @@ struct WatchEvent {
 
 class Watcher {
 public:
-    // `max_watches` caps the watches below what the kernel allows (0: no
-    // cap of its own).
+    // `max_watches` caps the folders' watches below what the kernel allows
+    // (0: no cap of its own); the watches of indexed folders' parents are
+    // not counted.
     explicit Watcher(size_t max_watches);
     ~Watcher();
     Watcher(const Watcher &) = delete;
