@@ -69,7 +69,8 @@ struct LiveShare {
     bool limit_hit = false;          // during the rescan under way
     Clock::time_point rewatch_at = Clock::time_point::max();
     Clock::time_point retry_at;      // its changes wait until then
-    milliseconds backoff{0};         // 0 while the last attempt succeeded
+    milliseconds backoff{0};         // the last pause before retry_at
+    bool failing = false;            // its last attempt failed, and said so
     std::map<std::string, Identity> seen;  // listed folder -> what the last walk met
 
     bool Waiting() const { return whole || !changed.empty(); }
@@ -229,13 +230,7 @@ private:
             LiveShare &share = entry.second;
             if (stopping_->load()) return;
             if (!share.Waiting() || now < share.retry_at) continue;
-            if (ApplyShare(entry.first, &share)) {
-                share.backoff = milliseconds(0);
-            } else {
-                // One share's failure leaves the others to their batches.
-                share.backoff = std::min(kLongestRetry, share.backoff.count() == 0 ? kFirstRetry : share.backoff * 2);
-                share.retry_at = Clock::now() + share.backoff;
-            }
+            ApplyShare(entry.first, &share);  // one share's failure leaves the others to their batches
         }
         bool waiting = false;
         for (const auto &share : shares_) waiting = waiting || share.second.Waiting();
@@ -246,12 +241,15 @@ private:
         }
     }
 
-    // Rescans what waits in the share and commits.  False when it could not
-    // (another writer holds the index, it cannot be opened or written, the
-    // walk was stopped): what waited stays, to be done again in full.
-    bool ApplyShare(const std::string &name, LiveShare *share) {
+    // Rescans what waits in the share and commits.  When it cannot (another
+    // writer holds the index, it cannot be opened or written, the walk was
+    // stopped), what waited stays, to be done again in full after a pause.
+    void ApplyShare(const std::string &name, LiveShare *share) {
+        if (!TryShare(name, share)) share->retry_at = Clock::now() + share->backoff;
+    }
+
+    bool TryShare(const std::string &name, LiveShare *share) {
         const bool whole = share->whole;
-        const bool logged = share->backoff.count() > 0;  // once per run of failures
         share->limit_hit = false;
         try {
             std::unique_ptr<IndexWriter> writer = OpenIndexWriter(IndexDirOfShare(name));
@@ -270,7 +268,7 @@ private:
             if (whole) counts = RescanShare(walk, share->folders);
             for (const std::string &path : share->changed)
                 if (!whole && !counts.stopped && !Covered(path, share->changed)) counts.stopped = RescanPath(walk, path).stopped;
-            if (!whole)
+            if (!whole && !counts.stopped)
                 for (const std::string &folder : Parents(name, *share))
                     RescanFolderRecord(walk, folder);
             if (counts.stopped) {
@@ -286,20 +284,28 @@ private:
                          static_cast<unsigned long long>(counts.added), static_cast<unsigned long long>(counts.updated),
                          static_cast<unsigned long long>(counts.removed));
         } catch (const Failure &failure) {
-            if (failure.code() == kLocked)
-                ZARN_LOG(LOG_DEBUG, "share %s: another writer holds the index, its changes wait", name.c_str());
-            else if (!logged)
-                ZARN_LOG(LOG_ERR, "live indexing of share %s failed, its changes wait: %s", name.c_str(), failure.what());
+            if (failure.code() != kLocked) return Failed(name, share, failure.what());
+            // A batch run: it ends by itself, so the share looks often.
+            ZARN_LOG(LOG_DEBUG, "share %s: another writer holds the index, its changes wait", name.c_str());
+            share->backoff = kFirstRetry;
             return false;
         } catch (const std::exception &e) {
-            if (!logged) ZARN_LOG(LOG_ERR, "live indexing of share %s failed, its changes wait: %s", name.c_str(), e.what());
-            return false;
+            return Failed(name, share, e.what());
         }
-        if (logged) ZARN_LOG(LOG_INFO, "live indexing of share %s: its waiting changes are applied", name.c_str());
+        if (share->failing) ZARN_LOG(LOG_INFO, "live indexing of share %s: its waiting changes are applied", name.c_str());
+        share->failing = false;
         share->whole = false;
         share->changed.clear();
         AfterWatches(name, share, whole);
         return true;
+    }
+
+    // Said once for a run of failures; each waits twice as long as the last.
+    bool Failed(const std::string &name, LiveShare *share, const char *why) {
+        if (!share->failing) ZARN_LOG(LOG_ERR, "live indexing of share %s failed, its changes wait: %s", name.c_str(), why);
+        share->backoff = share->failing ? std::min(kLongestRetry, share->backoff * 2) : kFirstRetry;
+        share->failing = true;
+        return false;
     }
 
     void WatchParent(const std::string &name, LiveShare *share, const std::string &folder) {
