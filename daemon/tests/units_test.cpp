@@ -12,6 +12,8 @@
 
 #include "harness.h"
 #include "failure.h"
+#include "name_text.h"
+#include "utf8.h"
 #include "file_record.h"
 #include "folders.h"
 #include "fragment.h"
@@ -232,6 +234,28 @@ TEST(DaemonUnits, ShardListsAndCombinedIds) {
 
 // Real kernel events on watched folders /w/a and /w/a/sub, each change
 // giving the paths it makes stale, once per event (kConfig as "config").
+// A name's text form is valid UTF-8, gives back its bytes, and no two names
+// share one.
+TEST(DaemonUnits, NamesAreEscapedReversiblyAndUnambiguously) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"caf\xC3\xA9.txt", "caf\xC3\xA9.txt"},
+        {"caf\xE9.txt", "caf\\xE9.txt"},
+        {"caf\xE8.txt", "caf\\xE8.txt"},
+        {"caf\\xE9.txt", "caf\\\\xE9.txt"},  // a real backslash, then "xE9"
+        {"a\\\\b", "a\\\\\\\\b"},
+        {"\xC0\xAF\xED\xA0\x80\xF4\x90\x80\x80/x\xE2\x82", "\\xC0\\xAF\\xED\\xA0\\x80\\xF4\\x90\\x80\\x80/x\\xE2\\x82"},
+        {"\x80\xFF", "\\x80\\xFF"},
+    };
+    std::set<std::string> forms;
+    for (const auto &c : cases) {
+        const std::string form = EscapeName(c.first);
+        EXPECT_EQ(c.second, form);
+        EXPECT_EQ(form, RepairUtf8(form.data(), form.size()));
+        EXPECT_EQ(c.first, zarn::UnescapeName(form));
+        EXPECT_TRUE(forms.insert(form).second) << form;
+    }
+}
+
 TEST(DaemonUnits, WatcherTurnsEventsIntoStalePaths) {
     ASSERT_EQ(0, std::system("mkdir -p /var/w/a/sub /var/w/a/@eaDir /var/w/etc && echo 1 > /var/w/a/old.txt"));
     Watcher watcher(3);
