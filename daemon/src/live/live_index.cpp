@@ -255,7 +255,7 @@ private:
             std::unique_ptr<IndexWriter> writer = OpenIndexWriter(IndexDirOfShare(name));
             const ShareWalk walk{name, share->root, writer.get(),
                                  [&](int fd, const std::string &path) { WatchFolder(name, share, fd, path); },
-                                 stopping_};
+                                 nullptr, stopping_};
             const Clock::time_point start = Clock::now();
             // A listed folder walked again: its name watched in its parent,
             // what it is now noted by the walk.

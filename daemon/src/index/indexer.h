@@ -1,7 +1,7 @@
-// Builds and refreshes the index of every share that holds an indexed
-// folder.  A run walks the folders (no symbolic link followed, no other file
-// system entered, "@eaDir" skipped), rewrites only the records whose file
-// changed and removes the records of files that are gone.
+// The walk of a share's indexed folders, shared by the batch run
+// (index_run.h) and live indexing: no symbolic link followed, no other file
+// system entered, the metadata folder skipped; only the records whose file
+// changed are rewritten, and the records of files that are gone removed.
 #ifndef ZARND_INDEXER_H
 #define ZARND_INDEXER_H
 
@@ -13,18 +13,8 @@
 #include <vector>
 
 #include "engine.h"
-#include "folders.h"
 
 namespace zarnd {
-
-struct IndexOptions {
-    std::string config_path = kFolderConfigPath;
-    bool progress = false;  // a progress line on standard error
-    std::string share;      // only this share; "" for every share
-    // The shards to spread the share's index over ("HOST:PORT" or a path
-    // each), kept for later runs; empty: as the index is now.
-    std::vector<std::string> shards;
-};
 
 struct IndexCounts {
     uint64_t added = 0;
@@ -41,12 +31,16 @@ struct IndexCounts {
 // share-relative path.
 using FolderHook = std::function<void(int fd, const std::string &path)>;
 
+// Called with the counts so far after each entry that a walk examines.
+using ProgressHook = std::function<void(const IndexCounts &counts)>;
+
 // One share as a walk sees it: its name, its directory and its index.
 struct ShareWalk {
     std::string share;
     std::string root;
     IndexWriter *writer;
     FolderHook on_folder;  // may be empty
+    ProgressHook on_progress = nullptr;  // may be empty
     // Once set, a walk stops at its next entry, keeps what it wrote and
     // removes nothing; may be null.
     const std::atomic<bool> *stop = nullptr;
@@ -68,11 +62,6 @@ IndexCounts RescanPath(const ShareWalk &walk, const std::string &path);
 // The record of folder `path` alone, not what it holds: a name made or
 // removed in it changed its times.
 IndexCounts RescanFolderRecord(const ShareWalk &walk, const std::string &path);
-
-// Indexes every share; prints one summary line per share to standard
-// output.  Returns the process exit status: 0, or 1 when a share could not
-// be indexed.  *total receives the sum over the shares when not null.
-int RunIndexer(const IndexOptions &options, IndexCounts *total = nullptr);
 
 }  // namespace zarnd
 
