@@ -6,15 +6,14 @@
 // as the real programs.
 #include <dirent.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <fstream>
 
+#include "daemon_client.h"
 #include "engine.h"
 #include "harness.h"
 #include "live_index.h"
@@ -235,18 +234,6 @@ bool LoggedInTime(const std::string &text) {
     for (int i = 0; i < 300; ++i, usleep(50000))
         if (!LogsMatching(text).empty()) return true;
     return false;
-}
-
-unsigned FreePort() {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
-    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
-    close(fd);
-    return ntohs(address.sin_port);
 }
 
 class LiveTable : public ::testing::TestWithParam<Row> {
