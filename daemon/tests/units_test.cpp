@@ -3,6 +3,7 @@
 // the last document id, the kernel events that the watcher reads and the
 // order in which the scheduler hands requests to the workers.
 #include <fcntl.h>
+#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 
@@ -301,6 +302,13 @@ TEST(DaemonUnits, SchedulerServesAUidUnderItsShareFirstAndNeverMoreThanItsShare)
     EXPECT_TRUE(capped.Admit(0));
     EXPECT_TRUE(capped.Admit(0));
     EXPECT_TRUE(capped.Admit(0));  // root is never capped
+    // Stopped, it closes what waits unserved: a daemon never keeps a
+    // connection's descriptor.
+    Scheduler stopped(16, 16, 1);
+    const int fd = eventfd(0, EFD_CLOEXEC);
+    ASSERT_TRUE(stopped.Admit(1000) && stopped.Push({fd, {1000, 1}, Clock::now(), false}));
+    stopped.Stop();
+    EXPECT_EQ(-1, fcntl(fd, F_GETFD));
 }
 
 // Real kernel events on watched folders /w/a and /w/a/sub, each change
