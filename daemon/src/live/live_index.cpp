@@ -38,7 +38,7 @@ constexpr milliseconds kMaxDelay{400};
 // index, a shard is down, the disk is full) tries again after this pause,
 // doubled at each failure up to the longest.
 constexpr milliseconds kFirstRetry{250};
-constexpr milliseconds kLongestRetry{8000};
+constexpr milliseconds kLongestRetry{4000};
 // Above this many changed paths in one share, they give way to one rescan of
 // the share, so that what waits stays bounded (at most some 80 MB of paths).
 constexpr size_t kMaxPendingPaths = 20000;
