@@ -59,11 +59,11 @@ struct Row {
     bool shards = false;  // the index over two shards served by xapian-tcpsrv
 };
 
-// The daemon stopped by SIGTERM during its first rescan of 4,000 files, once
+// The daemon stopped by SIGTERM during its first rescan of 3,000 files, once
 // its first batch is searchable: gone within 2 s, its rescan unfinished but
 // what it did committed; the next start completes it.
 constexpr char kSigterm[] = R"sh(mkdir -p /var/docs/bulk && cd /var/docs/bulk || exit 1
-    for i in $(seq 4000); do echo "needle $i" > f$i.txt; done
+    for i in $(seq 3000); do echo "needle $i" > f$i.txt; done
     $D --foreground 2>/var/d1.log &
     pid=$!
     for i in $(seq 1000); do [ "$($Z count docs '*' 2>/dev/null || echo 0)" -gt 1 ] && break; sleep 0.01; done
@@ -78,7 +78,7 @@ constexpr char kSigterm[] = R"sh(mkdir -p /var/docs/bulk && cd /var/docs/bulk ||
     kill -TERM $pid && wait $pid || exit 1
     added=$(sed -n 's/.*share docs rescanned.*: \([0-9]*\) added.*/\1/p' /var/d2.log)
     echo "the next start added $added"
-    [ -n "$added" ] && [ "$added" -lt 4001 ])sh";
+    [ -n "$added" ] && [ "$added" -lt 3001 ])sh";
 
 const Row kRows[] = {
     // Names that differ only in bytes that are not UTF-8, and a literal
@@ -139,7 +139,7 @@ const Row kRows[] = {
       {"rm -rf /var/docs/sub && echo needle > /var/docs/sub"}}},
     // Permissions taken away while a whole rescan runs.
     {"chmod_in_rescan",
-     "mkdir -p many/open && for i in $(seq 1500); do echo needle $i > many/f$i.txt; done && echo needle > many/open/x.txt",
+     "mkdir -p many/open && for i in $(seq 600); do echo needle $i > many/f$i.txt; done && echo needle > many/open/x.txt",
      {"/docs"},
      {{"touch $CONFIG && sleep 0.05 && chmod 700 /var/docs/many/open && chmod 600 /var/docs/many/f1.txt"}}},
     {"sigterm_in_rescan", "echo needle > a.txt", {"/docs"}, {{kSigterm}}, 1, false},
