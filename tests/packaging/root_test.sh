@@ -1,0 +1,51 @@
+#!/bin/sh
+# Installs the Debian packages into a throwaway root, uses them, purges them
+# and checks that they left nothing behind, leaving the machine as it was.
+#
+# The root is an overlay over / whose writes land in a tmpfs, in private
+# mount, pid and network namespaces: it goes with them.  It has its own /run,
+# so no systemd is seen running there and the maintainer scripts take the
+# path of a machine without it.  Root only (dpkg); skips elsewhere.
+# Usage: root_test.sh DEB_DIR
+set -eu
+here=$(cd "$(dirname "$0")" && pwd)
+if [ "${1:-}" != --inside ]; then
+  [ "$(id -u)" = 0 ] || { echo "root_test: skipped, needs root"; exit 0; }
+  debs=$(cd "$1" && pwd)
+  top=$(mktemp -d /tmp/zarn-root.XXXXXX)
+  status=0
+  unshare --mount --pid --fork --net --propagation private \
+    sh "$here/root_test.sh" --inside "$debs" "$top" || status=$?
+  rmdir "$top"
+  exit $status
+fi
+
+debs=$2 top=$3
+src=$(cd "$here/../.." && pwd)
+multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
+mount -t tmpfs tmpfs "$top"
+mkdir "$top/upper" "$top/work" "$top/root" "$top/lower"
+mount --bind / "$top/lower"  # the machine's files, to compare with
+mount -t overlay overlay -o "lowerdir=/,upperdir=$top/upper,workdir=$top/work" "$top/root"
+root=$top/root
+mount -t proc proc "$root/proc"
+mount -t tmpfs tmpfs "$root/run"
+mount -t tmpfs tmpfs "$root/tmp"
+mount -t tmpfs -o mode=0755 tmpfs "$root/dev"
+for node in null zero full random urandom; do
+  : >"$root/dev/$node"
+  mount --bind "/dev/$node" "$root/dev/$node"
+done
+ln -s /proc/self/fd "$root/dev/fd"
+mkdir "$root/run/lower" "$root/run/upper"
+mount --rbind "$top/lower" "$root/run/lower"
+mount --bind "$top/upper" "$root/run/upper"
+cp "$here/in_root.sh" "$root/run/in_root.sh"
+# pivot_root, not chroot: the test sandbox makes user namespaces, which a
+# chrooted process may not.
+cd "$root"
+pivot_root . .
+umount -l .
+cd /
+env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/tmp LANG=C.UTF-8 \
+  sh /run/in_root.sh "$debs" "$src" "$multiarch"
