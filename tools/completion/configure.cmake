@@ -1,12 +1,16 @@
-# cmake -DWORDS=PROGRAM -DTEMPLATE=IN -DOUTPUT=OUT -P configure.cmake
-# Fills the completion's template with what completion_words prints.
-execute_process(COMMAND ${WORDS} OUTPUT_VARIABLE _words RESULT_VARIABLE _status)
+# cmake -DNAMES=PROGRAM -DTEMPLATE=IN -DOUTPUT=OUT -P configure.cmake
+# Fills the completion's template with what zarn_names prints.
+execute_process(COMMAND ${NAMES} OUTPUT_VARIABLE _lines RESULT_VARIABLE _status)
 if(NOT _status EQUAL 0)
-  message(FATAL_ERROR "${WORDS} failed: ${_status}")
+  message(FATAL_ERROR "${NAMES} failed: ${_status}")
 endif()
-string(STRIP "${_words}" _words)
-string(REPLACE "\n" ";" _words "${_words}")
-list(POP_FRONT _words ZARN_FOLDER_LIST)
-list(JOIN _words " " ZARN_FIELDS)
+string(REGEX MATCH "folder-list ([^\n]*)" _ "${_lines}")
+set(ZARN_FOLDER_LIST "${CMAKE_MATCH_1}")
+string(REGEX MATCHALL "field [^\n]*" _fields "${_lines}")
+list(TRANSFORM _fields REPLACE "^field " "")
+list(JOIN _fields " " ZARN_FIELDS)
+if(NOT ZARN_FOLDER_LIST OR NOT ZARN_FIELDS)
+  message(FATAL_ERROR "${NAMES} printed no folder list or no field")
+endif()
 configure_file(${TEMPLATE} ${OUTPUT}.tmp @ONLY)
 file(RENAME ${OUTPUT}.tmp ${OUTPUT})
