@@ -1,5 +1,6 @@
 #!/bin/sh
 # Installs the Debian packages the build and the tests need, when missing.
+# A library the product links belongs in debian/control's Build-Depends too.
 set -eu
 packages="cmake g++ make pkg-config libjsoncpp-dev libgtest-dev libgmock-dev util-linux valgrind clang libclang-rt-14-dev abigail-tools libxapian-dev xapian-tools zlib1g-dev scdoc bash-completion procps debhelper dpkg-dev lintian"
 missing=""

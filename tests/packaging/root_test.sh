@@ -12,6 +12,9 @@ here=$(cd "$(dirname "$0")" && pwd)
 if [ "${1:-}" != --inside ]; then
   [ "$(id -u)" = 0 ] || { echo "root_test: skipped, needs root"; exit 0; }
   debs=$(cd "$1" && pwd)
+  # The root starts as a copy of the machine's dpkg database: not one that
+  # the machine's own dpkg is halfway through writing.
+  for _ in $(seq 120); do pgrep -x 'dpkg|apt-get|apt' >/dev/null || break; sleep 5; done
   top=$(mktemp -d /tmp/zarn-root.XXXXXX)
   status=0
   unshare --mount --pid --fork --net --propagation private \
