@@ -11,7 +11,7 @@ deb() { for p in "$@"; do echo "$debs/${p}_"*"_$(dpkg --print-architecture).deb"
 step() { echo "== $*"; }
 
 step "install"
-# shellcheck disable=SC2046
+# shellcheck disable=SC2046,SC2086  # package names and file names have no blanks
 dpkg -i $(deb $packages) >/dev/null
 [ "$(zarnsearch --version)" = "zarnsearch $(dpkg-query -W -f '${Version}' zarnsearch)" ] ||
   fail "zarnsearch --version: $(zarnsearch --version)"
@@ -40,9 +40,10 @@ index=$share/@eaDir/ZARN@.fileindexdb
 # shellcheck disable=SC2086
 dpkg --purge $packages >/dev/null
 [ -d "$index" ] || fail "a purge removed a share's index without being asked"
+# shellcheck disable=SC2046
 dpkg -i $(deb libzarncontentsearchutils7 libzarnplatform1 zarnelasticd) >/dev/null
 ZARNELASTICD_PURGE_INDEXES=yes dpkg --purge zarnelasticd libzarncontentsearchutils7 libzarnplatform1 >/dev/null
-[ ! -e "$index" ] && [ ! -e "$share/@eaDir" ] || fail "an asked purge left the index"
+if [ -e "$index" ] || [ -e "$share/@eaDir" ]; then fail "an asked purge left the index"; fi
 rm -rf "$share" /etc/zarnplatform /var/packages
 
 step "nothing left behind"

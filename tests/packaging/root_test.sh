@@ -14,7 +14,10 @@ if [ "${1:-}" != --inside ]; then
   debs=$(cd "$1" && pwd)
   # The root starts as a copy of the machine's dpkg database: not one that
   # the machine's own dpkg is halfway through writing.
-  for _ in $(seq 120); do pgrep -x 'dpkg|apt-get|apt' >/dev/null || break; sleep 5; done
+  for _ in $(seq 120); do
+    pgrep -x dpkg >/dev/null || pgrep -x apt-get >/dev/null || pgrep -x apt >/dev/null || break
+    sleep 5
+  done
   top=$(mktemp -d /tmp/zarn-root.XXXXXX)
   status=0
   unshare --mount --pid --fork --net --propagation private \
@@ -40,10 +43,13 @@ for node in null zero full random urandom; do
   mount --bind "/dev/$node" "$root/dev/$node"
 done
 ln -s /proc/self/fd "$root/dev/fd"
-mkdir "$root/run/lower" "$root/run/upper"
-mount --rbind "$top/lower" "$root/run/lower"
+# The packages and the tree (for the consumer test) at fixed places: the
+# root's own /tmp hides the machine's.
+mkdir "$root/run/lower" "$root/run/upper" "$root/run/src" "$root/run/debs"
+mount --bind "$top/lower" "$root/run/lower"
 mount --bind "$top/upper" "$root/run/upper"
-cp "$here/in_root.sh" "$root/run/in_root.sh"
+mount --bind -o ro "$src" "$root/run/src"
+cp "$debs"/*.deb "$root/run/debs/"
 # pivot_root, not chroot: the test sandbox makes user namespaces, which a
 # chrooted process may not.
 cd "$root"
@@ -51,4 +57,4 @@ pivot_root . .
 umount -l .
 cd /
 env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/tmp LANG=C.UTF-8 \
-  sh /run/in_root.sh "$debs" "$src" "$multiarch"
+  sh /run/src/tests/packaging/in_root.sh /run/debs /run/src "$multiarch"
