@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <mutex>
 
 #include <xapian.h>
 
@@ -13,6 +14,7 @@
 #include "schema.h"
 #include "xapian_document.h"
 #include "xapian_highlight.h"
+#include "xapian_index_lock.h"
 #include "xapian_layout.h"
 #include "xapian_query.h"
 #include "xapian_shards.h"
@@ -22,20 +24,50 @@ namespace zarnd {
 
 namespace {
 
+// What identifies a stub file: a new stub is a new file.  The change time
+// tells apart two stubs that had the same inode in turn.
+struct StubId {
+    dev_t dev = 0;
+    ino_t ino = 0;
+    struct timespec changed = {0, 0};
+
+    bool operator==(const StubId &other) const {
+        return dev == other.dev && ino == other.ino && changed.tv_sec == other.changed.tv_sec &&
+               changed.tv_nsec == other.changed.tv_nsec;
+    }
+};
+
+// The stub of `dir` as it is now; false when `dir` holds no stub.
+bool ReadStubId(const std::string &dir, StubId *id) {
+    struct stat st;
+    if (stat((dir + "/" + xap::kStubFile).c_str(), &st) != 0) return false;
+    *id = {st.st_dev, st.st_ino, st.st_ctim};
+    return true;
+}
+
 // A share's index as open for searching: the database that a match runs
 // on, and each shard's own (the same one when the index has no shards),
 // where the documents' text is read.
 struct OpenIndex {
+    std::string dir;
     Xapian::Database db;
     std::vector<Xapian::Database> shards;
     bool remote = false;  // a shard is served over the network
-    ino_t stub = 0;       // the inode of the stub it was opened through; 0: none
+    bool has_stub = false;
+    StubId stub;  // of the stub it was opened through
 
     xap::TextSource TextOf(Xapian::docid doc_id) const {
         size_t shard = 0;
         Xapian::docid local = doc_id;
         xap::SplitId(doc_id, shards.size(), &shard, &local);
         return {&shards[shard], local};
+    }
+
+    // Whether the stub still names what this was opened from.
+    bool Current() const {
+        StubId now;
+        const bool stub_now = ReadStubId(dir, &now);
+        return stub_now == has_stub && (!stub_now || now == stub);
     }
 };
 
@@ -59,78 +91,109 @@ void CheckShards(const OpenIndex &index, const std::vector<xap::Shard> &layout) 
 }
 
 // Opens the index of `dir`, as its stub says.
-OpenIndex OpenIndexOf(const std::string &dir, ino_t stub) {
-    OpenIndex index;
-    index.stub = stub;
+std::unique_ptr<OpenIndex> OpenIndexOf(const std::string &dir) {
+    std::unique_ptr<OpenIndex> index(new OpenIndex);
+    index->dir = dir;
     std::vector<xap::Shard> layout;
-    if (!xap::ReadShards(dir, &layout)) {
-        index.db = Xapian::Database(dir);
-        index.shards.push_back(index.db);
+    {
+        // From reading the stub until the files it names are open, no writer
+        // removes them; the id read first may be older than the stub that
+        // the engine reads, which costs one more opening later, never a
+        // stale index.
+        xap::OpeningLock opening(dir);
+        index->has_stub = ReadStubId(dir, &index->stub);
+        struct stat st;
+        if (!index->has_stub && stat((dir + "/" + xap::kPlainDatabaseFile).c_str(), &st) != 0)
+            throw Failure(kNotFound, "no index in " + dir);
+        if (!xap::ReadShards(dir, &layout)) {
+            try {
+                index->db = Xapian::Database(dir);
+            } catch (const Xapian::DatabaseOpeningError &) {
+                throw Failure(kNotFound, "no index in " + dir);
+            }
+            index->shards.push_back(index->db);
+        }
     }
     for (const xap::Shard &shard : layout) {
         try {
-            index.shards.push_back(xap::OpenShard(shard));
+            index->shards.push_back(xap::OpenShard(shard));
         } catch (const Xapian::NetworkError &e) {
             throw Failure(kBusy, "shard " + shard.Name() + " is unavailable: " + e.get_msg());
         }
-        index.db.add_database(index.shards.back());
-        index.remote = index.remote || shard.remote();
+        index->db.add_database(index->shards.back());
+        index->remote = index->remote || shard.remote();
     }
-    CheckShards(index, layout);
+    CheckShards(*index, layout);
     return index;
 }
 
-// Open indexes by directory, kept per thread: a Xapian::Database must not
-// be shared between threads, and opening one costs more than a small
-// search.  Each use reopens it at the latest commit.
+// Open indexes, shared by the worker threads: a search takes one for its
+// own use (a Xapian::Database must not be used by two threads at once) and
+// gives it back, for opening one costs more than a small search.  One whose
+// stub has changed is closed instead of used, and Release closes those that
+// wait unused, so that no idle worker keeps a retired generation's files.
 class OpenDatabases {
 public:
-    static OpenIndex &Get(const std::string &dir) { return Mine().Find(dir); }
-
-    // Forgets `dir` so that its next Get opens it anew.
-    static void Drop(const std::string &dir) { Mine().open_.erase(dir); }
-
-private:
-    static OpenDatabases &Mine() {
-        thread_local OpenDatabases cache;
-        return cache;
+    static OpenDatabases &Shared() {
+        static OpenDatabases *const shared = new OpenDatabases;  // used until the very end
+        return *shared;
     }
 
-    static constexpr size_t kMaxOpen = 16;
-
-    OpenIndex &Find(const std::string &dir) {
-        // What the directory holds now, asked each time: an index removed
-        // or rewritten since stays open through the files of its time.
-        struct stat st;
-        ino_t current = 0;
-        if (stat((dir + "/" + xap::kStubFile).c_str(), &st) == 0)
-            current = st.st_ino;
-        else if (stat((dir + "/" + xap::kPlainDatabaseFile).c_str(), &st) != 0) {
-            open_.erase(dir);
-            throw Failure(kNotFound, "no index in " + dir);
-        }
-        auto it = open_.find(dir);
-        if (it != open_.end() && it->second.stub == current) {
-            try {
-                it->second.db.reopen();
-                return it->second;
-            } catch (const Xapian::NetworkTimeoutError &e) {
-                open_.erase(it);
-                throw Unavailable(e);  // a shard that does not answer: no second wait
-            } catch (const Xapian::Error &) {
-                // A connection that a shard closed while idle: open it afresh below.
+    // An index of `dir`, at its latest commit.
+    std::unique_ptr<OpenIndex> Take(const std::string &dir) {
+        std::unique_ptr<OpenIndex> index;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            auto it = idle_.find(dir);
+            if (it != idle_.end()) {
+                index = std::move(it->second);
+                idle_.erase(it);
             }
         }
-        if (it != open_.end()) open_.erase(it);
-        if (open_.size() >= kMaxOpen) open_.erase(open_.begin());
-        try {
-            return open_.emplace(dir, OpenIndexOf(dir, current)).first->second;
-        } catch (const Xapian::DatabaseOpeningError &) {
-            throw Failure(kNotFound, "no index in " + dir);
+        if (index && index->Current()) {
+            try {
+                index->db.reopen();
+                return index;
+            } catch (const Xapian::NetworkTimeoutError &e) {
+                throw Unavailable(e);  // a shard that does not answer: no second wait
+            } catch (const Xapian::Error &) {
+                // A connection that a shard closed while idle, or a generation
+                // retired meanwhile: open it afresh below.
+            }
+        }
+        index.reset();
+        return OpenIndexOf(dir);
+    }
+
+    void Give(std::unique_ptr<OpenIndex> index) {
+        std::unique_ptr<OpenIndex> dropped;  // closed outside the lock
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (idle_.size() >= kMaxIdle) {
+            dropped = std::move(idle_.begin()->second);
+            idle_.erase(idle_.begin());
+        }
+        idle_.emplace(index->dir, std::move(index));
+    }
+
+    void Release() {
+        std::vector<std::unique_ptr<OpenIndex>> dropped;
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (auto it = idle_.begin(); it != idle_.end();) {
+            if (it->second->Current()) {
+                ++it;
+            } else {
+                dropped.push_back(std::move(it->second));
+                it = idle_.erase(it);
+            }
         }
     }
 
-    std::map<std::string, OpenIndex> open_;
+private:
+    // Enough for each worker to keep an index of each of a few shares.
+    static constexpr size_t kMaxIdle = 64;
+
+    std::mutex mutex_;
+    std::multimap<std::string, std::unique_ptr<OpenIndex>> idle_;
 };
 
 // The documents that `user` may not read: those holding a restriction term
@@ -229,18 +292,20 @@ private:
     template <class F>
     void Retry(F action) {
         for (int attempt = 1;; ++attempt) {
+            std::unique_ptr<OpenIndex> index = OpenDatabases::Shared().Take(dir_);
             try {
-                action(OpenDatabases::Get(dir_));
+                action(*index);
+                OpenDatabases::Shared().Give(std::move(index));
                 return;
             } catch (const Xapian::DatabaseModifiedError &e) {
                 if (attempt == kSearchAttempts) throw Failure(kInternal, "index changed during the search: " + e.get_msg());
-                OpenDatabases::Drop(dir_);
             } catch (const Xapian::NetworkError &e) {
-                OpenDatabases::Drop(dir_);
                 throw Unavailable(e);
             } catch (const Xapian::Error &e) {
-                OpenDatabases::Drop(dir_);
                 throw Failure(kInternal, e.get_description());
+            } catch (const Failure &) {
+                OpenDatabases::Shared().Give(std::move(index));  // the search's own fault, not the index's
+                throw;
             }
         }
     }
@@ -282,5 +347,7 @@ private:
 std::unique_ptr<SearchIndex> OpenSearchIndex(const std::string &dir) {
     return std::unique_ptr<SearchIndex>(new XapianSearchIndex(dir));
 }
+
+void ReleaseRetiredIndexes() { OpenDatabases::Shared().Release(); }
 
 }  // namespace zarnd

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "failpoint.h"
 #include "schema.h"
 #include "xapian_document.h"
 #include "xapian_layout.h"
@@ -18,8 +19,9 @@ constexpr size_t kMaxQueuedBytes = 64u << 20;
 
 }  // namespace
 
-DatabaseWriter::DatabaseWriter(Xapian::WritableDatabase db, const std::string &name, Xapian::docid max_id)
-    : db_(std::move(db)), name_(name), max_id_(max_id) {
+DatabaseWriter::DatabaseWriter(Xapian::WritableDatabase db, const std::string &name, Xapian::docid max_id,
+                               const std::string &dir)
+    : db_(std::move(db)), name_(name), max_id_(max_id), dir_(dir) {
     generator_.set_flags(kTermFlags);
     generator_.set_max_word_length(64);  // longer "words" are noise (hashes, base64)
     Guard([&] { documents_at_open_ = db_.get_doccount(); });
@@ -133,10 +135,17 @@ void DatabaseWriter::Write() {
         busy_ = true;
         lock.unlock();
         std::unique_ptr<Failure> failure;
+        // Nothing the engine throws may end the process: a full disk or an
+        // I/O error in a commit ends this writer's work, and the caller hears
+        // of it; the last commit stays what searches see.
         try {
             Guard([&] { Apply(change); });
         } catch (const Failure &f) {
             failure.reset(new Failure(f.code(), name_ + ": " + f.what()));
+        } catch (const std::exception &e) {
+            failure.reset(new Failure(kInternal, name_ + ": " + e.what()));
+        } catch (...) {
+            failure.reset(new Failure(kInternal, name_ + ": unknown error"));
         }
         const size_t bytes = change.bytes;
         change = Change();  // its document goes on this thread
@@ -152,6 +161,7 @@ void DatabaseWriter::Write() {
 void DatabaseWriter::Apply(const Change &change) {
     switch (change.kind) {
     case Change::kCommit:
+        FailPoint(failpoint::kCommitting, dir_);
         db_.commit();
         return;
     case Change::kRemove: {
@@ -165,6 +175,7 @@ void DatabaseWriter::Apply(const Change &change) {
     case Change::kAdd:
     case Change::kReplace: {
         // A replaced record keeps its id; only a new one takes the next.
+        FailPoint(failpoint::kAdding, dir_);
         const Xapian::docid old_id = change.kind == Change::kAdd ? 0 : DocIdOf(change.id_term);
         if (old_id == 0 && db_.get_lastdocid() >= max_id_)
             throw Failure(kInternal, "no document id left for " + change.path + ": remove the index to rebuild it");

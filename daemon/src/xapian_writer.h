@@ -16,6 +16,8 @@
 #include "engine.h"
 #include "failure.h"
 #include "stored_text.h"
+#include "xapian_index_lock.h"
+#include "xapian_shards.h"
 
 namespace zarnd {
 namespace xap {
@@ -27,8 +29,9 @@ namespace xap {
 class DatabaseWriter : public IndexWriter {
 public:
     // `name` names the database in messages; new documents take ids up to
-    // `max_id`.
-    DatabaseWriter(Xapian::WritableDatabase db, const std::string &name, Xapian::docid max_id);
+    // `max_id`; `dir` is where it lies ("" when on another machine), for
+    // the tests' failpoints.
+    DatabaseWriter(Xapian::WritableDatabase db, const std::string &name, Xapian::docid max_id, const std::string &dir);
     ~DatabaseWriter() override;
 
     void Put(const FileRecord &record) override;
@@ -78,6 +81,7 @@ private:
     Xapian::WritableDatabase db_;  // the writing thread's, but while it is idle
     const std::string name_;
     const Xapian::docid max_id_;
+    const std::string dir_;
     Xapian::doccount documents_at_open_ = 0;
     uint64_t changes_ = 0;
     Xapian::TermGenerator generator_;
@@ -94,12 +98,8 @@ private:
     std::thread writing_;
 };
 
-// Removes the single local index of `dir`, its stub left alone: the index
-// is sharded from now on.
-void RemoveLocalIndex(const std::string &dir);
-
-// The writer of a sharded index in `dir` (xapian_shards.h).
-std::unique_ptr<IndexWriter> OpenShardedWriter(const std::string &dir);
+// The writer of the sharded index whose stub lists `shards`; it holds `lock`.
+std::unique_ptr<IndexWriter> OpenShardedWriter(const std::vector<Shard> &shards, std::unique_ptr<WriterLock> lock);
 
 }  // namespace xap
 }  // namespace zarnd
