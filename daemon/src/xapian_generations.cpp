@@ -135,6 +135,21 @@ Xapian::WritableDatabase OpenGeneration(const std::string &dir, unsigned generat
 
 // Documents changed, above which a run's end rewrites the index.
 constexpr double kCompactShare = 0.25;
+// Free space that a rewrite asks for beyond the size of what it rewrites.
+constexpr uint64_t kCompactMargin = 8u << 20;
+
+// The bytes of the files in directory `dir`.
+uint64_t FilesBytes(const std::string &dir) {
+    uint64_t bytes = 0;
+    if (DIR *d = opendir(dir.c_str())) {
+        struct stat st;
+        while (const dirent *entry = readdir(d))
+            if (stat((dir + "/" + entry->d_name).c_str(), &st) == 0 && S_ISREG(st.st_mode))
+                bytes += static_cast<uint64_t>(st.st_size);
+        closedir(d);
+    }
+    return bytes;
+}
 
 // Reports how far a rewrite has come: the tests' crash point inside one.
 class CompactionProgress : public Xapian::Compactor {
@@ -174,6 +189,7 @@ public:
         const unsigned next = generation_ + 1;
         bool durable = false;
         try {
+            xap::RequireSpace(dir_, kCompactMargin + FilesBytes(GenerationDir(dir_, generation_)), "a rewrite of the index");
             xap::DatabaseWriter::Guard([&] {
                 CompactionProgress progress(dir_);
                 // Ids stay: clients hold them, and the text chunks are kept under them.

@@ -1,8 +1,13 @@
 #include "xapian_writer.h"
 
+#include <errno.h>
+#include <sys/statvfs.h>
+
 #include <algorithm>
+#include <cstring>
 
 #include "failpoint.h"
+#include "log.h"
 #include "schema.h"
 #include "xapian_document.h"
 #include "xapian_layout.h"
@@ -16,15 +21,33 @@ namespace {
 // enough to bound memory whatever the files hold.
 constexpr size_t kMaxQueued = 256;
 constexpr size_t kMaxQueuedBytes = 64u << 20;
+// Free space that any commit asks for beyond its own changes.
+constexpr uint64_t kCommitMargin = 8u << 20;
 
 }  // namespace
+
+void RequireSpace(const std::string &dir, uint64_t bytes, const std::string &what) {
+    struct statvfs fs;
+    if (dir.empty() || statvfs(dir.c_str(), &fs) != 0) return;  // the write itself will tell
+    const uint64_t free = static_cast<uint64_t>(fs.f_bavail) * fs.f_frsize;
+    if (free >= bytes) return;
+    throw Failure(kInternal, "not enough free space for " + what + " in " + dir + ": " + std::to_string(free >> 20) +
+                                 " MB free, " + std::to_string((bytes + (1u << 20) - 1) >> 20) + " MB needed (" +
+                                 std::strerror(ENOSPC) + ")");
+}
 
 DatabaseWriter::DatabaseWriter(Xapian::WritableDatabase db, const std::string &name, Xapian::docid max_id,
                                const std::string &dir)
     : db_(std::move(db)), name_(name), max_id_(max_id), dir_(dir) {
     generator_.set_flags(kTermFlags);
     generator_.set_max_word_length(64);  // longer "words" are noise (hashes, base64)
-    Guard([&] { documents_at_open_ = db_.get_doccount(); });
+    Guard([&] {
+        documents_at_open_ = db_.get_doccount();
+        // Changes wait in a transaction from commit to commit: a database
+        // closed after a failure drops them instead of committing them,
+        // which the engine would try even on a full disk.
+        db_.begin_transaction();
+    });
     writing_ = std::thread([this] { Write(); });
 }
 
@@ -129,7 +152,16 @@ void DatabaseWriter::Write() {
         // A writer that goes writes what it was given first, as a database
         // closed with changes pending commits them.
         changed_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
-        if (queue_.empty()) return;
+        if (queue_.empty()) {
+            if (failure_) return;
+            lock.unlock();
+            try {
+                Guard([&] { Apply(Change{Change::kCommit, {}, {}, {}, {}, 0}); });
+            } catch (const std::exception &e) {
+                ZARN_LOG(LOG_ERR, "%s: the last changes are lost: %s", name_.c_str(), e.what());
+            }
+            return;
+        }
         Change change = std::move(queue_.front());
         queue_.pop_front();
         busy_ = true;
@@ -159,10 +191,16 @@ void DatabaseWriter::Write() {
 }
 
 void DatabaseWriter::Apply(const Change &change) {
+    if (change.kind != Change::kCommit) uncommitted_bytes_ += change.bytes + 1024;
     switch (change.kind) {
     case Change::kCommit:
         FailPoint(failpoint::kCommitting, dir_);
-        db_.commit();
+        // What a commit writes: the changes' terms and text, then copies of
+        // the blocks it touches.
+        RequireSpace(dir_, kCommitMargin + 2 * uncommitted_bytes_, "a commit");
+        db_.commit_transaction();
+        uncommitted_bytes_ = 0;
+        db_.begin_transaction();
         return;
     case Change::kRemove: {
         const Xapian::docid doc_id = DocIdOf(change.id_term);

@@ -84,6 +84,7 @@ private:
     const std::string dir_;
     Xapian::doccount documents_at_open_ = 0;
     uint64_t changes_ = 0;
+    uint64_t uncommitted_bytes_ = 0;  // of the changes since the last commit; the writing thread's
     Xapian::TermGenerator generator_;
     ChunkPacker packer_;
 
@@ -97,6 +98,13 @@ private:
     std::unique_ptr<Failure> failure_;
     std::thread writing_;
 };
+
+// Failure kInternal, as a full disk, unless the file system of `dir` has
+// `bytes` free for `what`: the engine may end the process when the disk
+// fills in the middle of a commit (an exception where it cannot leave), so
+// a write that would not fit is refused before it starts.  "" skips the
+// check (a database on another machine).
+void RequireSpace(const std::string &dir, uint64_t bytes, const std::string &what);
 
 // The writer of the sharded index whose stub lists `shards`; it holds `lock`.
 std::unique_ptr<IndexWriter> OpenShardedWriter(const std::vector<Shard> &shards, std::unique_ptr<WriterLock> lock);
