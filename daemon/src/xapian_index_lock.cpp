@@ -16,6 +16,9 @@ namespace {
 
 constexpr off_t kWriterByte = 0;
 constexpr off_t kReadersByte = 1;
+// Passed by a reader on its way in, held by a writer while it waits for the
+// readers' byte: readers that keep coming cannot starve the writer.
+constexpr off_t kGateByte = 2;
 
 // F_OFD_SETLK(W) on one byte; false when another holds it (no wait) or on error.
 bool LockByte(int fd, short type, off_t byte, bool wait) {
@@ -49,12 +52,20 @@ WriterLock::~WriterLock() { close(fd_); }
 
 bool WriterLock::WaitForReaders() {
     // A reader holds the byte for the time of an open only.
-    return LockByte(fd_, F_WRLCK, kReadersByte, true) && LockByte(fd_, F_UNLCK, kReadersByte, false);
+    const bool gate = LockByte(fd_, F_WRLCK, kGateByte, true);
+    const bool waited = gate && LockByte(fd_, F_WRLCK, kReadersByte, true);
+    if (waited) LockByte(fd_, F_UNLCK, kReadersByte, false);
+    if (gate) LockByte(fd_, F_UNLCK, kGateByte, false);
+    return waited;
 }
 
 OpeningLock::OpeningLock(const std::string &dir) {
     fd_ = open(LockPath(dir).c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0644);
-    if (fd_ >= 0 && !LockByte(fd_, F_RDLCK, kReadersByte, true)) {
+    if (fd_ < 0) return;
+    const bool gate = LockByte(fd_, F_RDLCK, kGateByte, true);
+    const bool in = gate && LockByte(fd_, F_RDLCK, kReadersByte, true);
+    if (gate) LockByte(fd_, F_UNLCK, kGateByte, false);
+    if (!in) {
         close(fd_);
         fd_ = -1;
     }

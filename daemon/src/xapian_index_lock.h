@@ -1,5 +1,5 @@
 // The lock of a share's index directory, which writers and readers share.
-// It is one file with two byte-range locks of the open file (so threads of
+// It is one file with byte-range locks of the open file (so threads of
 // one process exclude each other as processes do):
 // - the writer's byte, held by the one writer of the index for its whole
 //   life: choosing the generation, writing, compacting, swapping the stub
@@ -8,7 +8,9 @@
 //   stub until the files that the stub names are open, and taken alone by a
 //   writer before it removes a generation that a stub used to name.  Open
 //   files outlive their names, so a generation removed after that wait can
-//   no longer be opened by anyone, and nobody who opened it loses it.
+//   no longer be opened by anyone, and nobody who opened it loses it;
+// - a gate byte that a reader passes on its way in and that a waiting writer
+//   holds, so that a stream of readers cannot keep a writer waiting.
 #ifndef ZARND_XAPIAN_INDEX_LOCK_H
 #define ZARND_XAPIAN_INDEX_LOCK_H
 

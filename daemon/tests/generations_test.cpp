@@ -59,6 +59,11 @@ std::set<std::string> Leftovers() {
     return names;
 }
 
+// Runs a program with each file opening slowed down: the steps between
+// reading a stub and opening what it names, or between choosing a
+// generation and opening it, take long enough for another writer to act.
+const std::string kSlowOpens = "strace -f -qq -o /dev/null -e trace=openat -e inject=openat:delay_enter=2000";
+
 // A thread spinning on every core while it lives: a machine this loaded
 // stretches every window between two steps of a writer or a reader.
 class BusyCores {
@@ -85,7 +90,7 @@ private:
 // that every round compacts it into a new generation and swaps the stub.
 // Each answer must be whole: the exact total, the right paths, no error.
 TEST_F(DaemonE2e, SearchesAnswerFromOneWholeIndexWhileWritersRewriteIt) {
-    Start();
+    Start(kSlowOpens, "--workers 8");
     const int fox_id = Hits(Search("lazy")).at(0)["additional"]["doc_id"].asInt();
     const std::pair<const char *, Names> queries[] = {
         {"fox", kFox},
@@ -112,11 +117,11 @@ TEST_F(DaemonE2e, SearchesAnswerFromOneWholeIndexWhileWritersRewriteIt) {
                         ADD_FAILURE() << "lookup of document " << fox_id << " failed: " << ++wrong << " wrong so far";
                 }
             });
-        for (int round = 0; round < 6; ++round) {
+        for (int round = 0; round < 20; ++round) {
             const std::string word = "churn" + std::to_string(round);
             Churn(word);
             if (round % 2 == 0) {
-                const Result run = Index();
+                const Result run = Shell(kSlowOpens + " " ZARNELASTICD " index");
                 EXPECT_EQ(0, run.status) << run.err;
             }
             // A live round ends when the live indexer has applied the burst.
