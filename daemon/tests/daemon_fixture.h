@@ -44,7 +44,7 @@ inline Names Paths(const Json::Value &request, int64_t *total = nullptr) {  // s
 // The paths that a search finds once they are `expected`; what it found
 // last when the deadline passes first.
 inline Names PathsInTime(const std::string &query, unsigned uid, const Names &expected) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     Names found;
     while ((found = Paths(Search(query, uid))) != expected && std::chrono::steady_clock::now() < deadline) usleep(20000);
     return found;
@@ -98,7 +98,7 @@ protected:
     // Whether the daemon's log says `text` (after its first `from` bytes)
     // before a deadline.
     static bool LogSays(const std::string &text, size_t from = 0) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
         for (; Log().find(text, from) == std::string::npos; usleep(20000))
             if (std::chrono::steady_clock::now() >= deadline) return false;
         return true;
