@@ -1,4 +1,4 @@
-// The list of indexed folders, "/var/packages/Norvex/etc/fileindex.folders":
+// The list of indexed folders, kFolderConfigPath (common/names.h):
 // a JSON array of objects whose "path" is share-relative, "/share[/sub]".
 #ifndef ZARND_FOLDERS_H
 #define ZARND_FOLDERS_H
@@ -7,9 +7,11 @@
 #include <set>
 #include <string>
 
+#include "names.h"
+
 namespace zarnd {
 
-constexpr char kFolderConfigPath[] = "/var/packages/Norvex/etc/fileindex.folders";
+using zarn::kFolderConfigPath;
 
 // Share name -> the share-relative folders to index in it, without folders
 // that another listed folder already contains.  Entries that are not

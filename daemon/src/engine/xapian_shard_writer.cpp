@@ -3,6 +3,7 @@
 #include "engine.h"
 #include "failure.h"
 #include "xapian_layout.h"
+#include "xapian_open.h"
 #include "xapian_shards.h"
 #include "xapian_writer.h"
 
@@ -61,10 +62,10 @@ private:
 // Opens shard `k` of `shards` for writing, and checks that it holds nothing
 // or this layout's shard k: a document in the wrong shard would never be
 // found again by its path, and its id would collide with another's.
-std::unique_ptr<DatabaseWriter> OpenShardWriter(const std::vector<Shard> &shards, size_t k) {
+std::unique_ptr<DatabaseWriter> OpenShardWriter(const std::vector<Shard> &shards, size_t k, const EngineOptions &options) {
     const Shard &shard = shards[k];
     try {
-        Xapian::WritableDatabase db = OpenShardForWriting(shard);
+        Xapian::WritableDatabase db = OpenShardForWriting(shard, options.shard_timeout_ms);
         const std::string mark = db.get_metadata(kShardKey), expected = ShardMark(k, shards.size());
         if (db.get_doccount() > 0 && (mark != expected || db.get_metadata(kFormatKey) != kFormat))
             throw Failure(kInternal, "shard " + shard.Name() + " holds another index (shard \"" + mark +
@@ -82,9 +83,10 @@ std::unique_ptr<DatabaseWriter> OpenShardWriter(const std::vector<Shard> &shards
 
 }  // namespace
 
-std::unique_ptr<IndexWriter> OpenShardedWriter(const std::vector<Shard> &shards, std::unique_ptr<WriterLock> lock) {
+std::unique_ptr<IndexWriter> OpenShardedWriter(const std::vector<Shard> &shards, const EngineOptions &options,
+                                               std::unique_ptr<WriterLock> lock) {
     std::vector<std::unique_ptr<DatabaseWriter>> writers;
-    for (size_t k = 0; k < shards.size(); ++k) writers.push_back(OpenShardWriter(shards, k));
+    for (size_t k = 0; k < shards.size(); ++k) writers.push_back(OpenShardWriter(shards, k, options));
     return std::unique_ptr<IndexWriter>(new ShardedWriter(std::move(writers), std::move(lock)));
 }
 

@@ -16,8 +16,6 @@
 #include "engine.h"
 #include "failure.h"
 #include "stored_text.h"
-#include "xapian_index_lock.h"
-#include "xapian_shards.h"
 
 namespace zarnd {
 namespace xap {
@@ -105,9 +103,6 @@ private:
 // a write that would not fit is refused before it starts.  "" skips the
 // check (a database on another machine).
 void RequireSpace(const std::string &dir, uint64_t bytes, const std::string &what);
-
-// The writer of the sharded index whose stub lists `shards`; it holds `lock`.
-std::unique_ptr<IndexWriter> OpenShardedWriter(const std::vector<Shard> &shards, std::unique_ptr<WriterLock> lock);
 
 }  // namespace xap
 }  // namespace zarnd

@@ -19,6 +19,7 @@
 #include "log.h"
 #include "xapian_index_lock.h"
 #include "xapian_layout.h"
+#include "xapian_open.h"
 #include "xapian_shards.h"
 #include "xapian_writer.h"
 
@@ -218,43 +219,19 @@ private:
     xap::DatabaseWriter writer_;
 };
 
-// Makes the stub of `dir` list `names`, unless it does already.  False when
-// the local index must stay for now: the new list may not survive a power cut.
-bool ChangeShards(const std::string &dir, const std::vector<std::string> &names) {
-    std::vector<xap::Shard> wanted(names.size()), current;
-    for (size_t k = 0; k < names.size(); ++k)
-        if (!xap::ParseShard(names[k], &wanted[k]))
-            throw Failure(kBadRequest, "not a shard: \"" + names[k] + "\" (HOST:PORT or an absolute path)");
-    if (xap::ReadShards(dir, &current) && current == wanted) return true;
-    return xap::WriteShards(dir, wanted);
-}
-
 }  // namespace
 
-std::unique_ptr<IndexWriter> OpenIndexWriter(const std::string &dir, const std::vector<std::string> &shards) {
-    try {
-        if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST)
-            throw Failure(kInternal, "cannot make " + dir + ": " + std::strerror(errno));
-        std::unique_ptr<xap::WriterLock> lock = xap::WriterLock::Take(dir);
-        // Where the index stands is read only now, under the lock: a writer
-        // that waited sees what the one before it left.
-        const bool durable = shards.empty() || ChangeShards(dir, shards);
-        std::vector<xap::Shard> layout;
-        if (xap::ReadShards(dir, &layout)) {
-            std::vector<std::string> local;
-            for (const xap::Shard &shard : layout)
-                if (!shard.remote()) local.push_back(shard.path);
-            if (durable) RemoveRetired(dir, 0, *lock, local);
-            return xap::OpenShardedWriter(layout, std::move(lock));
-        }
-        RemoveRetired(dir, CurrentGeneration(dir), *lock);
-        const unsigned generation = GenerationToWrite(dir);
-        return std::unique_ptr<IndexWriter>(new GenerationWriter(dir, std::move(lock), generation));
-    } catch (const Xapian::DatabaseLockError &e) {
-        throw Failure(kLocked, "index " + dir + " is being written by another process");
-    } catch (const Xapian::Error &e) {
-        throw Failure(kInternal, e.get_description());
-    }
+namespace xap {
+
+std::unique_ptr<IndexWriter> OpenLocalWriter(const std::string &dir, std::unique_ptr<WriterLock> lock) {
+    RemoveRetired(dir, CurrentGeneration(dir), *lock);
+    const unsigned generation = GenerationToWrite(dir);
+    return std::unique_ptr<IndexWriter>(new GenerationWriter(dir, std::move(lock), generation));
 }
 
+void RemoveLocalIndex(const std::string &dir, WriterLock &lock, const std::vector<std::string> &keep_paths) {
+    RemoveRetired(dir, 0, lock, keep_paths);
+}
+
+}  // namespace xap
 }  // namespace zarnd

@@ -16,6 +16,7 @@
 #include "xapian_highlight.h"
 #include "xapian_index_lock.h"
 #include "xapian_layout.h"
+#include "xapian_open.h"
 #include "xapian_query.h"
 #include "xapian_shards.h"
 #include "xapian_sort.h"
@@ -91,7 +92,7 @@ void CheckShards(const OpenIndex &index, const std::vector<xap::Shard> &layout) 
 }
 
 // Opens the index of `dir`, as its stub says.
-std::unique_ptr<OpenIndex> OpenIndexOf(const std::string &dir) {
+std::unique_ptr<OpenIndex> OpenIndexOf(const std::string &dir, const EngineOptions &options) {
     std::unique_ptr<OpenIndex> index(new OpenIndex);
     index->dir = dir;
     std::vector<xap::Shard> layout;
@@ -116,7 +117,7 @@ std::unique_ptr<OpenIndex> OpenIndexOf(const std::string &dir) {
     }
     for (const xap::Shard &shard : layout) {
         try {
-            index->shards.push_back(xap::OpenShard(shard));
+            index->shards.push_back(xap::OpenShard(shard, options.shard_timeout_ms));
         } catch (const Xapian::NetworkError &e) {
             throw Failure(kBusy, "shard " + shard.Name() + " is unavailable: " + e.get_msg());
         }
@@ -140,7 +141,7 @@ public:
     }
 
     // An index of `dir`, at its latest commit.
-    std::unique_ptr<OpenIndex> Take(const std::string &dir) {
+    std::unique_ptr<OpenIndex> Take(const std::string &dir, const EngineOptions &options) {
         std::unique_ptr<OpenIndex> index;
         {
             std::lock_guard<std::mutex> lock(mutex_);
@@ -162,7 +163,7 @@ public:
             }
         }
         index.reset();
-        return OpenIndexOf(dir);
+        return OpenIndexOf(dir, options);
     }
 
     void Give(std::unique_ptr<OpenIndex> index) {
@@ -244,7 +245,7 @@ constexpr int kSearchAttempts = 3;
 
 class XapianSearchIndex : public SearchIndex {
 public:
-    explicit XapianSearchIndex(const std::string &dir) : dir_(dir) {}
+    XapianSearchIndex(const std::string &dir, const EngineOptions &options) : dir_(dir), options_(options) {}
 
     void Search(const SearchPlan &plan, const std::function<void(uint64_t)> &on_total,
                 const std::function<bool(const Hit &)> &on_hit) override {
@@ -292,8 +293,10 @@ private:
     template <class F>
     void Retry(F action) {
         for (int attempt = 1;; ++attempt) {
-            std::unique_ptr<OpenIndex> index = OpenDatabases::Shared().Take(dir_);
+            std::unique_ptr<OpenIndex> index;
             try {
+                // Opening reads the index too: a commit may overtake it.
+                index = OpenDatabases::Shared().Take(dir_, options_);
                 action(*index);
                 OpenDatabases::Shared().Give(std::move(index));
                 return;
@@ -304,7 +307,8 @@ private:
             } catch (const Xapian::Error &e) {
                 throw Failure(kInternal, e.get_description());
             } catch (const Failure &) {
-                OpenDatabases::Shared().Give(std::move(index));  // the search's own fault, not the index's
+                // The search's own fault, not the index's.
+                if (index) OpenDatabases::Shared().Give(std::move(index));
                 throw;
             }
         }
@@ -340,13 +344,18 @@ private:
     }
 
     const std::string dir_;
+    const EngineOptions options_;
 };
 
 }  // namespace
 
-std::unique_ptr<SearchIndex> OpenSearchIndex(const std::string &dir) {
-    return std::unique_ptr<SearchIndex>(new XapianSearchIndex(dir));
+namespace xap {
+
+std::unique_ptr<SearchIndex> NewSearchIndex(const std::string &dir, const EngineOptions &options) {
+    return std::unique_ptr<SearchIndex>(new XapianSearchIndex(dir, options));
 }
+
+}  // namespace xap
 
 void ReleaseRetiredIndexes() { OpenDatabases::Shared().Release(); }
 
