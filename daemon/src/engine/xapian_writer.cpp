@@ -153,7 +153,7 @@ void DatabaseWriter::Write() {
         // closed with changes pending commits them.
         changed_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
         if (queue_.empty()) {
-            if (failure_) return;
+            if (failure_ || uncommitted_bytes_ == 0) return;
             lock.unlock();
             try {
                 Guard([&] { Apply(Change{Change::kCommit, {}, {}, {}, {}, 0}); });
