@@ -73,7 +73,7 @@ std::unique_ptr<DatabaseWriter> OpenShardWriter(const std::vector<Shard> &shards
         db.set_metadata(kShardKey, expected);
         db.set_metadata(kFormatKey, kFormat);
         return std::unique_ptr<DatabaseWriter>(new DatabaseWriter(db, "shard " + shard.Name(), MaxLocalId(k, shards.size()),
-                                                                shard.remote() ? std::string() : shard.path));
+                                                                shard.remote() ? std::string() : shard.path, true));
     } catch (const Xapian::DatabaseLockError &) {
         throw Failure(kLocked, "shard " + shard.Name() + " is being written by another process");
     } catch (const Xapian::Error &e) {

@@ -28,8 +28,11 @@ class DatabaseWriter : public IndexWriter {
 public:
     // `name` names the database in messages; new documents take ids up to
     // `max_id`; `dir` is where it lies ("" when on another machine), for
-    // the tests' failpoints.
-    DatabaseWriter(Xapian::WritableDatabase db, const std::string &name, Xapian::docid max_id, const std::string &dir);
+    // free space and the tests' failpoints.  A shard's documents carry
+    // DocIdTerm (xapian_record.h), and its records are read by matches rather
+    // than walks over value streams.
+    DatabaseWriter(Xapian::WritableDatabase db, const std::string &name, Xapian::docid max_id, const std::string &dir,
+                   bool shard = false);
     ~DatabaseWriter() override;
 
     void Put(const FileRecord &record) override;
@@ -74,13 +77,17 @@ private:
     void Write();
     void Apply(const Change &change);
     Xapian::docid DocIdOf(const std::string &id_term);
+    Xapian::docid OtherDocIdOf(const std::string &id_term, Xapian::docid keep);
+    void Delete(Xapian::docid doc_id);
     size_t ChunkCount(Xapian::docid doc_id);
 
     Xapian::WritableDatabase db_;  // the writing thread's, but while it is idle
     const std::string name_;
     const Xapian::docid max_id_;
     const std::string dir_;
+    const bool shard_;
     Xapian::doccount documents_at_open_ = 0;
+    Xapian::docid last_id_ = 0;  // the highest id ever given, as the writing thread counts
     uint64_t changes_ = 0;
     uint64_t uncommitted_bytes_ = 0;  // of the changes since the last commit; the writing thread's
     Xapian::TermGenerator generator_;
