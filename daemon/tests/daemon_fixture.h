@@ -24,6 +24,8 @@
 namespace zarntest {
 
 using Names = std::vector<std::string>;
+// What "fox" finds in the share that the fixture makes.
+const Names kFox = {"/docs/closed/inner.txt", "/docs/fox.txt", "/docs/private.txt", "/docs/report/notes.txt.gz"};
 const std::vector<ZARNQuerySorter> kByPath = {{0, "ZARNMDPath"}};
 
 inline Json::Value Search(const std::string &query, unsigned uid = 0) {

@@ -20,9 +20,7 @@
 namespace {
 
 using namespace zarntest;
-using Names = std::vector<std::string>;
 constexpr unsigned kStranger = 54321;  // a uid that the user database does not know
-const Names kFox = {"/docs/closed/inner.txt", "/docs/fox.txt", "/docs/private.txt", "/docs/report/notes.txt.gz"};
 const Names kStrangersFox = {"/docs/fox.txt", "/docs/report/notes.txt.gz"};
 
 TEST_F(DaemonE2e, QuerySyntax) {
