@@ -17,6 +17,7 @@
 #include "xapian_query.h"
 #include "xapian_shards.h"
 #include "xapian_sort.h"
+#include "xapian_terms.h"
 
 namespace zarnd {
 
@@ -150,7 +151,8 @@ Xapian::Query HiddenFrom(const Xapian::Database &db, const Credentials &user) {
 struct Match {
     Match(const OpenIndex &index, const SearchPlan &plan) : enquire(index.db) {
         const Xapian::Database &db = index.db;
-        query = xap::ParseQuery(plan.query, db);
+        xap::StemmerFor(xap::LanguageOf(db), &stemmer);
+        query = xap::ParseQuery(plan.query, db, stemmer, plan.sort.empty());
         if (plan.reader != nullptr && plan.reader->uid != 0) {
             const Xapian::Query hidden = HiddenFrom(db, *plan.reader);
             if (!hidden.empty()) query = Xapian::Query(Xapian::Query::OP_AND_NOT, query, hidden);
@@ -169,6 +171,7 @@ struct Match {
     }
 
     Xapian::Enquire enquire;
+    Xapian::Stem stemmer;
     Xapian::Query query;
     std::unique_ptr<Xapian::MultiValueKeyMaker> maker;
     Xapian::MSet mset;
@@ -265,9 +268,9 @@ private:
             std::string fragment;
             if (request.field == field::kTextContent)
                 fragment = xap::HighlightText(match.mset, index.db, hit.doc_id, doc, index.TextOf(hit.doc_id), match.query,
-                                             request.frag_length);
+                                             match.stemmer, request.frag_length);
             else if (stored[request.field].isString())
-                fragment = xap::HighlightField(match.mset, stored[request.field].asString(), request.frag_length);
+                fragment = xap::HighlightField(match.mset, stored[request.field].asString(), match.stemmer, request.frag_length);
             fragment = CutFragment(fragment, request.frag_length);
             if (!fragment.empty()) hit.highlight[request.field] = fragment;
         }

@@ -5,6 +5,7 @@
 #include "schema.h"
 #include "xapian_document.h"
 #include "xapian_layout.h"
+#include "xapian_terms.h"
 
 namespace zarnd {
 namespace xap {
@@ -22,7 +23,15 @@ DatabaseWriter::DatabaseWriter(Xapian::WritableDatabase db, const std::string &n
     : db_(std::move(db)), name_(name), max_id_(max_id) {
     generator_.set_flags(kTermFlags);
     generator_.set_max_word_length(64);  // longer "words" are noise (hashes, base64)
-    Guard([&] { documents_at_open_ = db_.get_doccount(); });
+    Guard([&] {
+        documents_at_open_ = db_.get_doccount();
+        // Words are stemmed in the language the index was begun in.
+        std::string language = db_.get_metadata(kLanguageKey);
+        if (language.empty()) db_.set_metadata(kLanguageKey, language = kDefaultLanguage);
+        Xapian::Stem stemmer;
+        StemmerFor(language, &stemmer);
+        generator_.set_stemmer(stemmer);
+    });
     writing_ = std::thread([this] { Write(); });
 }
 
