@@ -124,6 +124,12 @@ std::unique_ptr<IndexWriter> OpenIndexWriter(const std::string &dir);
 // empty.  Failure kBadRequest for a shard given wrongly.
 void SetIndexShards(const std::string &dir, const std::vector<std::string> &shards);
 
+// The language in which the index in `dir` stems words from now on, from
+// the folder list ("" for the default, english): an index begun in another
+// is rebuilt by its next writer.  A language the engine does not know is
+// logged and the default taken.
+void SetIndexLanguage(const std::string &dir, const std::string &language);
+
 // Time a shard served over the network may take to answer, in ms.
 void SetShardTimeout(unsigned timeout_ms);
 

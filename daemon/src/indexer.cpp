@@ -377,7 +377,8 @@ IndexCounts RescanPath(const ShareWalk &walk, const std::string &path) {
 
 int RunIndexer(const IndexOptions &options, IndexCounts *total) {
     std::map<std::string, std::set<std::string>> shares;
-    if (!ReadIndexedFolders(options.config_path.c_str(), &shares)) {
+    std::map<std::string, std::string> languages;
+    if (!ReadIndexedFolders(options.config_path.c_str(), &shares, &languages)) {
         std::fprintf(stderr, "zarnelasticd: cannot read the indexed folders from %s\n",
                      options.config_path.c_str());
         return 1;
@@ -392,8 +393,10 @@ int RunIndexer(const IndexOptions &options, IndexCounts *total) {
     RaiseFileLimit();
     IndexCounts sum;
     int status = 0;
-    for (const auto &share : shares)
+    for (const auto &share : shares) {
+        SetIndexLanguage(IndexDirOfShare(share.first), languages[share.first]);
         if (!IndexShare(share.first, share.second, options, &sum)) status = 1;
+    }
     if (total != nullptr) *total = sum;
     return status;
 }

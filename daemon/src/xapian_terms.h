@@ -26,6 +26,9 @@ bool StemmerFor(const std::string &language, Xapian::Stem *stemmer);
 // The stemming language kept in `db`, the default when none is.
 std::string LanguageOf(const Xapian::Database &db);
 
+// The language that SetIndexLanguage set for `dir`, the default when none.
+std::string ConfiguredLanguage(const std::string &dir);
+
 // Words of free text under `prefix` ("" for the text content).
 void IndexWords(Xapian::TermGenerator *generator, const std::string &text, const std::string &prefix);
 

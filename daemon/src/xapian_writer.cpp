@@ -27,7 +27,7 @@ DatabaseWriter::DatabaseWriter(Xapian::WritableDatabase db, const std::string &n
         documents_at_open_ = db_.get_doccount();
         // Words are stemmed in the language the index was begun in.
         std::string language = db_.get_metadata(kLanguageKey);
-        if (language.empty()) db_.set_metadata(kLanguageKey, language = kDefaultLanguage);
+        if (language.empty()) db_.set_metadata(kLanguageKey, language = ConfiguredLanguage(name_));
         Xapian::Stem stemmer;
         StemmerFor(language, &stemmer);
         generator_.set_stemmer(stemmer);

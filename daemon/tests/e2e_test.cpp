@@ -156,7 +156,7 @@ TEST_F(DaemonE2e, FindsWhatTheUserMeans) {
     ASSERT_EQ(0, Shell(R"sh(cd /var/docs && mkdir found && cd found && echo figures > AnnualBudget2023.xlsx &&
         echo agenda > team_offsite-notes.txt && echo 'curriculum vitae' > Résumé.txt && echo 'older RESUME' > cv-old.txt &&
         echo 'one license' > terms.txt && echo 'two licenses' > plural.txt && echo 'the budget of the year' > mention.txt &&
-        echo '日本語のテキスト' > japanese.txt)sh").status);
+        echo '日本語のテキスト' > japanese.txt && echo 'un cheval' > repas.txt)sh").status);
     ASSERT_EQ(0, Index().status);
     Start();
     const std::string d = "/docs/found/";
@@ -186,6 +186,7 @@ TEST_F(DaemonE2e, FindsWhatTheUserMeans) {
         {"本語 テキスト", {d + "japanese.txt"}, ""},
         {"\"日本語\"", {d + "japanese.txt"}, ""},
         {"ZARNMDFSName:日本", {}, ""},
+        {"chevaux ", {}, ""},  // stems of the default language, english
     };
     for (const auto &c : cases) {
         int64_t total = -1;
@@ -197,6 +198,10 @@ TEST_F(DaemonE2e, FindsWhatTheUserMeans) {
             EXPECT_EQ(c.first, hits[0]["ZARNMDPath"].asString()) << c.query;
         }
     }
+    // A share's language from the folder list: its index is rebuilt in it.
+    WriteFile(kFolderConfig, R"([{"path": "/docs", "language": "french"}])");
+    ASSERT_EQ(0, Index().status);
+    EXPECT_EQ(Names{d + "repas.txt"}, PathsInTime("chevaux ", 0, {d + "repas.txt"}));
 }
 
 // Whatever fails, the reply is one packet with the code, and the daemon
