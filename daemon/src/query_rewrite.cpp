@@ -46,7 +46,7 @@ class Rewriter {
 public:
     Rewriter(const std::string &in, const QueryFields &fields) : in_(in), fields_(fields) {}
 
-    std::string Run() {
+    RewrittenQuery Run() {
         for (size_t at = 0; at < in_.size();) {
             if (IsSpace(in_[at])) {
                 out_ += in_[at++];
@@ -59,9 +59,14 @@ public:
             }
         }
         // The word being typed: the last one, when nothing follows it.
-        if (partial_begin_ != std::string::npos && !in_.empty() && !IsSpace(in_.back()) && in_.back() != '"')
+        RewrittenQuery query;
+        if (partial_begin_ != std::string::npos && !in_.empty() && !IsSpace(in_.back()) && in_.back() != '"') {
             out_.insert(partial_begin_, std::string(kPartialField) + ":");
-        return out_;
+            query.typing = partial_weighed_;
+        }
+        query.text = std::move(out_);
+        query.words = std::move(words_);
+        return query;
     }
 
 private:
@@ -170,22 +175,38 @@ private:
                 // Only a word that is the whole token (but for closing
                 // brackets) is typed as a prefix.
                 const bool alone = may_be_partial && at == 0 && text.find_first_not_of(')', end) == std::string::npos;
-                if (alone && AllWordBytes(normal)) partial_begin_ = out_.size();
+                const bool weighed = may_be_partial && AllWordBytes(normal) && (out_.empty() || out_.back() != '-');
+                if (alone && AllWordBytes(normal)) {
+                    partial_begin_ = out_.size();
+                    partial_weighed_ = weighed && parts.empty();
+                }
                 out_ += normal;
                 if (!parts.empty()) out_ += " OR \"" + Xapian::Unicode::tolower(parts) + "\")";
+                if (weighed) Weigh(Xapian::Unicode::tolower(parts.empty() ? folded : folded + " " + parts));
             }
             at = end;
+        }
+    }
+
+    // The words of `text`, split at spaces, for the weights.
+    void Weigh(const std::string &text) {
+        for (size_t at = 0; at < text.size();) {
+            const size_t space = std::min(text.find(' ', at), text.size());
+            if (space > at) words_.push_back(text.substr(at, space - at));
+            at = space + 1;
         }
     }
 
     const std::string &in_;
     const QueryFields &fields_;
     std::string out_;
+    std::vector<std::string> words_;
     size_t partial_begin_ = std::string::npos;
+    bool partial_weighed_ = false;  // the word being typed is the last of words_
 };
 
 }  // namespace
 
-std::string RewriteQuery(const std::string &text, const QueryFields &fields) { return Rewriter(text, fields).Run(); }
+RewrittenQuery RewriteQuery(const std::string &text, const QueryFields &fields) { return Rewriter(text, fields).Run(); }
 
 }  // namespace zarnd

@@ -11,7 +11,9 @@
 //     hands to a field processor that builds its n-grams; inside a phrase
 //     each CJK character becomes a word of the phrase;
 //   - the last word, when it is a bare word, not quoted and not followed by
-//     a space, becomes a value of kPartialField: it matches as a prefix.
+//     a space, becomes a value of kPartialField: it matches as a prefix;
+//   - a bare word made of words ("teamOffsite", "team_offsite") also
+//     matches them as a phrase, as file names are indexed by their parts.
 #ifndef ZARND_QUERY_REWRITE_H
 #define ZARND_QUERY_REWRITE_H
 
@@ -28,7 +30,13 @@ struct QueryFields {
     std::vector<std::string> text;  // free-text fields
 };
 
-std::string RewriteQuery(const std::string &text, const QueryFields &fields);
+struct RewrittenQuery {
+    std::string text;                // for the parser
+    std::vector<std::string> words;  // the bare words, as indexed, but those after "-" (for weights)
+    bool typing = false;             // words.back() is the word being typed
+};
+
+RewrittenQuery RewriteQuery(const std::string &text, const QueryFields &fields);
 
 }  // namespace zarnd
 

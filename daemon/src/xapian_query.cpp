@@ -13,6 +13,8 @@ namespace xap {
 
 namespace {
 
+std::string NamePrefix() { return FindLayout("ZARNMDFSName")->prefix; }
+
 // field:value for a field kept as one exact term, through the same bounding
 // as the indexer so that long values still match.
 class ExactTerm : public Xapian::FieldProcessor {
@@ -54,38 +56,28 @@ private:
 };
 
 // The word being typed, in each of the prefixes: every word it begins
-// (bounded as wildcards are), and its stem's forms; or, for the weight of
-// exact words, the word itself.
+// (bounded as wildcards are), and its stem's forms.
 class PartialTerm : public Xapian::FieldProcessor {
 public:
-    PartialTerm(std::vector<std::string> prefixes, const Xapian::Stem *stemmer)
+    PartialTerm(std::vector<std::string> prefixes, const Xapian::Stem &stemmer)
         : prefixes_(std::move(prefixes)), stemmer_(stemmer) {}
     Xapian::Query operator()(const std::string &word) override {
         std::vector<Xapian::Query> starts, forms;
         for (const std::string &prefix : prefixes_) {
-            if (stemmer_ == nullptr) {
-                forms.emplace_back(prefix + word);
-                continue;
-            }
             starts.emplace_back(Xapian::Query::OP_WILDCARD, prefix + word, kMaxWildcardTerms,
                                 Xapian::Query::WILDCARD_LIMIT_MOST_FREQUENT);
-            forms.emplace_back(stemmer_->is_none() ? prefix + word : "Z" + prefix + (*stemmer_)(word));
+            forms.emplace_back(stemmer_.is_none() ? prefix + word : "Z" + prefix + stemmer_(word));
         }
-        const Xapian::Query formed(Xapian::Query::OP_SYNONYM, forms.begin(), forms.end());
-        if (starts.empty()) return formed;
         return Xapian::Query(Xapian::Query::OP_OR, Xapian::Query(Xapian::Query::OP_SYNONYM, starts.begin(), starts.end()),
-                             formed);
+                             Xapian::Query(Xapian::Query::OP_SYNONYM, forms.begin(), forms.end()));
     }
 
 private:
     std::vector<std::string> prefixes_;
-    const Xapian::Stem *stemmer_;  // null: the word itself only
+    Xapian::Stem stemmer_;
 };
 
-// What a parser is for: the match, or one of the weights added to it.
-enum class Role { kMatch, kName, kExact };
-
-void AddFields(Xapian::QueryParser *parser, Role role, const Xapian::Stem *stemmer, QueryFields *names) {
+void AddFields(Xapian::QueryParser *parser, const Xapian::Stem &stemmer, QueryFields *names) {
     size_t count = 0;
     const FieldLayout *layouts = FieldLayouts(&count);
     for (size_t i = 0; i < count; ++i) {
@@ -106,12 +98,10 @@ void AddFields(Xapian::QueryParser *parser, Role role, const Xapian::Stem *stemm
         }
     }
     // Bare words: the text content (no prefix) and the file name.
-    std::vector<std::string> bare;
-    if (role != Role::kName) bare.push_back("");
-    bare.push_back(FindLayout("ZARNMDFSName")->prefix);
+    const std::vector<std::string> bare = {"", NamePrefix()};
     for (const std::string &prefix : bare) parser->add_prefix("", prefix);
     parser->add_prefix(kCjkField, (new CjkTerms(bare))->release());
-    parser->add_prefix(kPartialField, (new PartialTerm(bare, role == Role::kExact ? nullptr : stemmer))->release());
+    parser->add_prefix(kPartialField, (new PartialTerm(bare, stemmer))->release());
 }
 
 bool MatchesEverything(const std::string &text) {
@@ -121,23 +111,29 @@ bool MatchesEverything(const std::string &text) {
     return begin == end && text[begin] == '*';
 }
 
-Xapian::Query Parse(const std::string &text, const Xapian::Database &db, const Xapian::Stem &stemmer, Role role) {
-    Xapian::QueryParser parser;
-    parser.set_database(db);  // wildcards expand against the index
-    parser.set_default_op(Xapian::Query::OP_AND);
-    parser.set_max_expansion(kMaxWildcardTerms, Xapian::Query::WILDCARD_LIMIT_MOST_FREQUENT,
-                             Xapian::QueryParser::FLAG_WILDCARD);
-    if (role != Role::kExact) {
-        parser.set_stemmer(stemmer);
-        parser.set_stemming_strategy(Xapian::QueryParser::STEM_SOME);
+// What ranks hits beyond the match's own weight: each bare word in the file
+// name (as typed, its stem's forms, and, being typed, the words it begins)
+// and each word exactly as typed.  Built from the words, not parsed again,
+// so that phrases and wildcards are not matched twice more.
+Xapian::Query Weights(const RewrittenQuery &query, const Xapian::Stem &stemmer) {
+    const std::string name = NamePrefix();
+    std::vector<Xapian::Query> in_name, exact;
+    for (size_t i = 0; i < query.words.size(); ++i) {
+        const std::string &word = query.words[i];
+        std::vector<Xapian::Query> forms = {Xapian::Query(name + word)};
+        if (!stemmer.is_none()) forms.emplace_back("Z" + name + stemmer(word));
+        if (query.typing && i + 1 == query.words.size())
+            forms.emplace_back(Xapian::Query::OP_WILDCARD, name + word, kMaxWildcardTerms,
+                               Xapian::Query::WILDCARD_LIMIT_MOST_FREQUENT);
+        in_name.emplace_back(Xapian::Query::OP_SYNONYM, forms.begin(), forms.end());
+        exact.emplace_back(word);  // in the name it weighs already
     }
-    QueryFields names;
-    AddFields(&parser, role, &stemmer, &names);
-    // The weights skip wildcards: expanding them again would cost more
-    // than the order gains.
-    const unsigned flags = Xapian::QueryParser::FLAG_DEFAULT | Xapian::QueryParser::FLAG_PURE_NOT |
-                           (role == Role::kMatch ? Xapian::QueryParser::FLAG_WILDCARD : 0);
-    return parser.parse_query(RewriteQuery(text, names), flags);
+    return Xapian::Query(
+        Xapian::Query::OP_OR,
+        Xapian::Query(Xapian::Query::OP_SCALE_WEIGHT, Xapian::Query(Xapian::Query::OP_OR, in_name.begin(), in_name.end()),
+                      kNameWeight),
+        Xapian::Query(Xapian::Query::OP_SCALE_WEIGHT, Xapian::Query(Xapian::Query::OP_OR, exact.begin(), exact.end()),
+                      kExactWeight));
 }
 
 }  // namespace
@@ -147,17 +143,26 @@ Xapian::Query ParseQuery(const std::string &text, const Xapian::Database &db, co
     // Not Xapian::Query::MatchAll: copying that shared object bumps a
     // reference count that is not atomic, and workers search in parallel.
     if (MatchesEverything(text)) return Xapian::Query(std::string());
+    Xapian::QueryParser parser;
+    parser.set_database(db);  // wildcards expand against the index
+    parser.set_default_op(Xapian::Query::OP_AND);
+    parser.set_max_expansion(kMaxWildcardTerms, Xapian::Query::WILDCARD_LIMIT_MOST_FREQUENT,
+                             Xapian::QueryParser::FLAG_WILDCARD);
+    parser.set_stemmer(stemmer);
+    parser.set_stemming_strategy(Xapian::QueryParser::STEM_SOME);
+    QueryFields names;
+    AddFields(&parser, stemmer, &names);
+    const RewrittenQuery query = RewriteQuery(text, names);
     Xapian::Query match;
     try {
-        match = Parse(text, db, stemmer, Role::kMatch);
+        match = parser.parse_query(query.text, Xapian::QueryParser::FLAG_DEFAULT | Xapian::QueryParser::FLAG_WILDCARD |
+                                                   Xapian::QueryParser::FLAG_PURE_NOT);
     } catch (const Xapian::QueryParserError &e) {
         throw Failure(kBadRequest, "query does not parse: " + e.get_msg());
     }
-    if (!ranked || match.empty()) return match;
+    if (!ranked || match.empty() || query.words.empty()) return match;
     // Weight only: AND_MAYBE never changes what matches.
-    const Xapian::Query name(Xapian::Query::OP_SCALE_WEIGHT, Parse(text, db, stemmer, Role::kName), kNameWeight);
-    const Xapian::Query exact(Xapian::Query::OP_SCALE_WEIGHT, Parse(text, db, stemmer, Role::kExact), kExactWeight);
-    return Xapian::Query(Xapian::Query::OP_AND_MAYBE, match, Xapian::Query(Xapian::Query::OP_OR, name, exact));
+    return Xapian::Query(Xapian::Query::OP_AND_MAYBE, match, Weights(query, stemmer));
 }
 
 }  // namespace xap

@@ -120,7 +120,12 @@ TEST(DaemonUnits, WordFormsAndTheQueryTheParserGets) {
         {"\"a 日本\"", "\"a  日  本 \""},
         {"ZARNMDFSName:日本)", "ZARNCJKZARNMDFSName:日本 )"},
     };
-    for (const auto &c : queries) EXPECT_EQ(c.second, RewriteQuery(c.first, fields)) << c.first;
+    for (const auto &c : queries) EXPECT_EQ(c.second, RewriteQuery(c.first, fields).text) << c.first;
+    // The words that weigh: bare ones, not after "-", not in phrases or fields.
+    const RewrittenQuery weighed = RewriteQuery("Été -x \"p q\" ZARNMDFSName:n teamOffsite Budg", fields);
+    EXPECT_EQ((std::vector<std::string>{"ete", "teamoffsite", "team", "offsite", "budg"}), weighed.words);
+    EXPECT_TRUE(weighed.typing);
+    EXPECT_FALSE(RewriteQuery("budg ", fields).typing);
 }
 
 // Queries with a syntax error that the engine's own CJK n-gram parsing
