@@ -9,9 +9,8 @@
 #   --quick: the generated share of named files only (CI), not /usr/share/doc
 set -eu
 usage() { echo "usage: sh daemon/bench/judged.sh BUILD_DIR [--quick] [--verbose]" >&2; exit 2; }
-[ $# -ge 1 ] || usage
-build=$(cd "$1" && pwd)
-shift
+case ${1:-} in ""|-*) usage ;; esac
+build=$(cd "$1" && pwd) && shift
 quick=0 verbose=0
 for arg; do
   case $arg in

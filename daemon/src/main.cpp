@@ -15,13 +15,10 @@
 
 #include "engine.h"
 
-#include "daemon_socket.h"
-#include "indexer.h"
-#include "server.h"
+#include "index_run.h"
+#include "process.h"
 
 namespace {
-
-constexpr double kDefaultShardTimeoutS = 2;
 
 // "a,b,c" as its items; false when one is empty.
 bool SplitList(const std::string &list, std::vector<std::string> *items) {
@@ -56,7 +53,7 @@ void PrintUsage(FILE *out) {
                  "                                    each HOST:PORT of a xapian-tcpsrv --writable\n"
                  "                                    or the absolute path of a local database\n"
                  "       zarnelasticd --help | --version\n",
-                 zarnd::kDefaultSearchBudgetS, kDefaultShardTimeoutS);
+                 zarnd::kDefaultSearchBudgetS, zarnd::kDefaultShardTimeoutMs / 1000.0);
 }
 
 // A wrong command line: the usage on standard error, exit 2.
@@ -99,12 +96,12 @@ int Index(int argc, char **argv) {
     // A layout belongs to one share: two shares in one database would mix.
     if (!options.shards.empty() && options.share.empty()) return Usage();
     openlog("zarnelasticd", LOG_PID, LOG_DAEMON);
+    zarnd::RaiseDescriptorLimit();
     return zarnd::RunIndexer(options);
 }
 
 int Serve(int argc, char **argv) {
     zarnd::ServerOptions options;
-    options.socket_path = zarn::kDaemonSocketPath;
     bool debug = false;
     for (int i = 1; i < argc; ++i) {
         if (const int status = Request(argv[i]); status >= 0) {
@@ -129,12 +126,12 @@ int Serve(int argc, char **argv) {
             char *end = nullptr;
             const double budget = std::strtod(argv[++i], &end);
             if (end == argv[i] || *end != '\0' || !(budget >= 0 && budget <= 3600)) return Usage();
-            options.search_budget_s = budget;
+            options.limits.search_budget_s = budget;
         } else if (std::strcmp(argv[i], "--shard-timeout") == 0 && i + 1 < argc) {
             char *end = nullptr;
             const double timeout = std::strtod(argv[++i], &end);
             if (end == argv[i] || *end != '\0' || !(timeout >= 0.01 && timeout <= 600)) return Usage();
-            zarnd::SetShardTimeout(static_cast<unsigned>(timeout * 1000));
+            options.limits.engine.shard_timeout_ms = static_cast<unsigned>(timeout * 1000);
         } else {
             return Usage();
         }
@@ -142,6 +139,7 @@ int Serve(int argc, char **argv) {
     // In the foreground every log line is copied to standard error.
     openlog("zarnelasticd", LOG_PID | (options.foreground ? LOG_PERROR : 0), LOG_DAEMON);
     setlogmask(LOG_UPTO(debug ? LOG_DEBUG : LOG_INFO));
+    zarnd::RaiseDescriptorLimit();
     return zarnd::RunServer(options);
 }
 

@@ -1,18 +1,23 @@
 // The daemon's listener: one Unix stream socket, a bounded pool of workers,
 // and an event loop that hands a connection to a worker only once its whole
 // request has arrived, so that slow or silent clients never hold a worker.
+// Which request a free worker takes is the scheduler's rule (scheduler.h);
+// what a request asks, the protocol's (protocol.h).  Setting the process up
+// and live indexing are the caller's (process.h).
 #ifndef ZARND_SERVER_H
 #define ZARND_SERVER_H
 
+#include <memory>
 #include <string>
 
 #include "live_index.h"
+#include "names.h"
 #include "protocol.h"
 
 namespace zarnd {
 
 struct ServerOptions {
-    std::string socket_path = "/var/run/zarnelasticd.sock";
+    std::string socket_path = zarn::kDaemonSocketPath;
     bool foreground = false;
     unsigned workers = 4;
     int request_timeout_ms = 10000;  // from accept until the request is complete
@@ -25,14 +30,32 @@ struct ServerOptions {
     // the workers its requests may occupy at once (at least one).
     size_t max_per_user = 64;
     unsigned UserShare() const { return workers / 2 > 0 ? workers / 2 : 1; }
-    double search_budget_s = kDefaultSearchBudgetS;
+    RequestLimits limits;  // search budget, shard time-out
     bool live = true;  // keep the indexes current as files change
     LiveOptions live_options;
 };
 
-// Serves until SIGTERM or SIGINT; returns the process exit status.  Refuses
-// to start (status 1) while another daemon answers on the socket.
-int RunServer(const ServerOptions &options);
+class Server;
+
+class Listener {
+public:
+    explicit Listener(const ServerOptions &options);
+    ~Listener();
+
+    // Takes the socket; the reason not to start, errno set, when it cannot:
+    // among others while another daemon answers there.  Null when listening.
+    const char *Open();
+    // Starts the workers.  `stop_fd` is a signalfd that becomes readable
+    // when the process is to stop; the caller closes it after Shutdown.
+    void Start(int stop_fd);
+    // Serves until `stop_fd` is readable, or poll fails.
+    void Loop();
+    // Closes the socket and every connection, and joins the workers.
+    void Shutdown();
+
+private:
+    std::unique_ptr<Server> server_;
+};
 
 }  // namespace zarnd
 

@@ -4,9 +4,9 @@
 
 #include <sys/un.h>
 
-namespace zarn {
+#include "names.h"
 
-constexpr char kDaemonSocketPath[] = "/var/run/zarnelasticd.sock";
+namespace zarn {
 
 // Seconds that the library waits on any send or receive of its own handles.
 constexpr long kDaemonTimeoutSeconds = 20;

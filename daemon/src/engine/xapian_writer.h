@@ -94,13 +94,6 @@ private:
     std::thread writing_;
 };
 
-// Removes the single local index of `dir`, its stub left alone: the index
-// is sharded from now on.
-void RemoveLocalIndex(const std::string &dir);
-
-// The writer of a sharded index in `dir` (xapian_shards.h).
-std::unique_ptr<IndexWriter> OpenShardedWriter(const std::string &dir);
-
 }  // namespace xap
 }  // namespace zarnd
 

@@ -1,4 +1,4 @@
-// Where a share's index lives.  An index identifier is "fileindex_" and the
+// Where a share's index lives.  An index identifier is kIndexIdPrefix and the
 // share's name; its database directory is the one the library composes
 // inside the share.
 #ifndef ZARND_SHARE_INDEX_H
@@ -6,9 +6,11 @@
 
 #include <string>
 
+#include "names.h"
+
 namespace zarnd {
 
-constexpr char kIndexIdPrefix[] = "fileindex_";
+using zarn::kIndexIdPrefix;
 
 // The share named by an index identifier; Failure kNotFound for an
 // identifier of another form.

@@ -1,6 +1,8 @@
 // The search engine behind the daemon, seen through two small interfaces: one
-// to search and read a share's index, one to change it.  Protocol and indexer
-// code use only these; an engine provides OpenSearchIndex and OpenIndexWriter.
+// to search and read a share's index, one to change it.  This header is the
+// engine's one door: protocol, indexer and live indexing use only what it
+// declares.  The factories at its end are defined in xapian_open.cpp, and
+// every other file of this folder stays behind them.
 #ifndef ZARND_ENGINE_H
 #define ZARND_ENGINE_H
 
@@ -13,6 +15,7 @@
 
 #include <json/value.h>
 
+#include "path_within.h"
 #include "perm.h"
 
 namespace zarnd {
@@ -76,11 +79,6 @@ struct FileRecord {
     std::string signature;  // what the next run compares to spot changes
 };
 
-// Whether share-relative `path` is `folder` or lies below it.
-inline bool PathWithin(const std::string &path, const std::string &folder) {
-    return path.compare(0, folder.size(), folder) == 0 && (path.size() == folder.size() || path[folder.size()] == '/');
-}
-
 // One share's index, opened for writing by a single writer.
 class IndexWriter {
 public:
@@ -110,12 +108,21 @@ public:
     virtual void Finish() = 0;
 };
 
+constexpr unsigned kDefaultShardTimeoutMs = 2000;
+
+// How the engine reaches an index's shards.
+struct EngineOptions {
+    // Time a shard served over the network may take to answer, in ms: for
+    // each answer to a search, and to connect for a search or a writer.
+    unsigned shard_timeout_ms = kDefaultShardTimeoutMs;
+};
+
 // Opens the index kept in directory `dir`; Failure kNotFound when there is none.
-std::unique_ptr<SearchIndex> OpenSearchIndex(const std::string &dir);
+std::unique_ptr<SearchIndex> OpenSearchIndex(const std::string &dir, const EngineOptions &options = EngineOptions());
 
 // Opens or creates the index in `dir`; Failure kLocked while another writer
 // holds it.
-std::unique_ptr<IndexWriter> OpenIndexWriter(const std::string &dir);
+std::unique_ptr<IndexWriter> OpenIndexWriter(const std::string &dir, const EngineOptions &options = EngineOptions());
 
 // Makes the index in `dir` a sharded one over `shards` (each "HOST:PORT" of
 // a xapian-tcpsrv --writable, or an absolute path), or leaves it as it is
@@ -129,9 +136,6 @@ void SetIndexShards(const std::string &dir, const std::vector<std::string> &shar
 // is rebuilt by its next writer.  A language the engine does not know is
 // logged and the default taken.
 void SetIndexLanguage(const std::string &dir, const std::string &language);
-
-// Time a shard served over the network may take to answer, in ms.
-void SetShardTimeout(unsigned timeout_ms);
 
 }  // namespace zarnd
 

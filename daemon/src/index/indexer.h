@@ -1,7 +1,7 @@
-// Builds and refreshes the index of every share that holds an indexed
-// folder.  A run walks the folders (no symbolic link followed, no other file
-// system entered, "@eaDir" skipped), rewrites only the records whose file
-// changed and removes the records of files that are gone.
+// The walk of a share's indexed folders, shared by the batch run
+// (index_run.h) and live indexing: no symbolic link followed, no other file
+// system entered, the metadata folder skipped; only the records whose file
+// changed are rewritten, and the records of files that are gone removed.
 #ifndef ZARND_INDEXER_H
 #define ZARND_INDEXER_H
 
@@ -12,18 +12,8 @@
 #include <vector>
 
 #include "engine.h"
-#include "folders.h"
 
 namespace zarnd {
-
-struct IndexOptions {
-    std::string config_path = kFolderConfigPath;
-    bool progress = false;  // a progress line on standard error
-    std::string share;      // only this share; "" for every share
-    // The shards to spread the share's index over ("HOST:PORT" or a path
-    // each), kept for later runs; empty: as the index is now.
-    std::vector<std::string> shards;
-};
 
 struct IndexCounts {
     uint64_t added = 0;
@@ -39,12 +29,16 @@ struct IndexCounts {
 // share-relative path.
 using FolderHook = std::function<void(int fd, const std::string &path)>;
 
+// Called with the counts so far after each entry that a walk examines.
+using ProgressHook = std::function<void(const IndexCounts &counts)>;
+
 // One share as a walk sees it: its name, its directory and its index.
 struct ShareWalk {
     std::string share;
     std::string root;
     IndexWriter *writer;
     FolderHook on_folder;  // may be empty
+    ProgressHook on_progress = nullptr;  // may be empty
 };
 
 // The share's directory from the share service; false for an unknown share.
@@ -59,11 +53,6 @@ IndexCounts RescanShare(const ShareWalk &walk, const std::set<std::string> &fold
 // lies below it: the records of a file, or of a whole subtree that was
 // renamed, moved, removed or given other permissions.
 IndexCounts RescanPath(const ShareWalk &walk, const std::string &path);
-
-// Indexes every share; prints one summary line per share to standard
-// output.  Returns the process exit status: 0, or 1 when a share could not
-// be indexed.  *total receives the sum over the shares when not null.
-int RunIndexer(const IndexOptions &options, IndexCounts *total = nullptr);
 
 }  // namespace zarnd
 

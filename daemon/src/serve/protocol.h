@@ -14,6 +14,8 @@
 #include <functional>
 #include <string>
 
+#include "engine.h"
+
 namespace zarnd {
 
 // The process at the other end, as the kernel vouches for it.
@@ -34,12 +36,18 @@ std::string FailureReply(int code, const std::string &message);
 // of the end packet.  The match itself is not interrupted (see Search).
 constexpr double kDefaultSearchBudgetS = 5;
 
+// What one request may use, as the command line set it.
+struct RequestLimits {
+    double search_budget_s = kDefaultSearchBudgetS;
+    EngineOptions engine;  // how the index's shards are reached
+};
+
 // Answers one request text through `send`.
 void HandleRequest(const std::string &text, const Peer &peer, const PacketSink &send,
-                   double search_budget_s = kDefaultSearchBudgetS);
+                   const RequestLimits &limits = RequestLimits());
 
 // Reads one request from `fd` and answers it there.
-void ServeConnection(int fd, const Peer &peer, double search_budget_s = kDefaultSearchBudgetS);
+void ServeConnection(int fd, const Peer &peer, const RequestLimits &limits = RequestLimits());
 
 }  // namespace zarnd
 

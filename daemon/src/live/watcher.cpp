@@ -6,14 +6,13 @@
 
 #include <cstdio>
 
-#include "engine.h"
+#include "path_within.h"
 #include "log.h"
+#include "names.h"
 
 namespace zarnd {
 
 namespace {
-
-constexpr char kMetadataDir[] = "@eaDir";  // the platform's own data, never indexed
 
 // What can change a record: a file closed after writing, a change of owner,
 // mode or times, a name made, removed or moved.  Plain writes are left out:
@@ -124,7 +123,7 @@ void Watcher::Handle(const inotify_event &event, std::vector<WatchEvent> *events
         events->push_back({WatchEvent::kChanged, folder.share, folder.path});
         return;
     }
-    if (name == kMetadataDir) return;
+    if (name == zarn::kMetadataDirName) return;
     const std::string path = folder.path + "/" + name;
     if ((event.mask & IN_ISDIR) && (event.mask & (IN_MOVED_FROM | IN_DELETE))) Forget(path);
     if ((event.mask & IN_CREATE) && !(event.mask & IN_ISDIR) && WaitsForClose(folder, name)) return;

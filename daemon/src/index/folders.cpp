@@ -2,7 +2,7 @@
 
 #include <json/value.h>
 
-#include "engine.h"
+#include "path_within.h"
 #include "json_text.h"
 #include "log.h"
 

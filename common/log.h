@@ -1,6 +1,6 @@
-// Every log line of the library starts with the base name of the source
-// file that logs and the line: "%s:%d ".  The file names are therefore part
-// of what the library prints.
+// Every log line of the library and of the daemon starts with the base name
+// of the source file that logs and the line: "%s:%d ".  The library's file
+// names are therefore part of what it prints.
 #ifndef ZARN_LOG_H
 #define ZARN_LOG_H
 

@@ -15,6 +15,7 @@
 #include "failure.h"
 #include "log.h"
 #include "xapian_layout.h"
+#include "xapian_open.h"
 #include "xapian_shards.h"
 #include "xapian_terms.h"
 #include "xapian_writer.h"
@@ -153,20 +154,10 @@ void RemoveLocalIndex(const std::string &dir) {
     RemoveDatabaseFiles(dir, false);
 }
 
-}  // namespace xap
-
-std::unique_ptr<IndexWriter> OpenIndexWriter(const std::string &dir) {
-    try {
-        if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST)
-            throw Failure(kInternal, "cannot make " + dir + ": " + std::strerror(errno));
-        std::vector<xap::Shard> shards;
-        if (xap::ReadShards(dir, &shards)) return xap::OpenShardedWriter(dir);
-        return std::unique_ptr<IndexWriter>(new GenerationWriter(dir, GenerationToWrite(dir)));
-    } catch (const Xapian::DatabaseLockError &e) {
-        throw Failure(kLocked, "index " + dir + " is being written by another process");
-    } catch (const Xapian::Error &e) {
-        throw Failure(kInternal, e.get_description());
-    }
+std::unique_ptr<IndexWriter> OpenLocalWriter(const std::string &dir) {
+    return std::unique_ptr<IndexWriter>(new GenerationWriter(dir, GenerationToWrite(dir)));
 }
+
+}  // namespace xap
 
 }  // namespace zarnd

@@ -1,13 +1,10 @@
 // The writer of a sharded index: one DatabaseWriter per shard, each with its
 // own writing thread, and every document sent to the shard of its path.
-#include <errno.h>
-#include <sys/stat.h>
-
-#include <cstring>
 
 #include "engine.h"
 #include "failure.h"
 #include "xapian_layout.h"
+#include "xapian_open.h"
 #include "xapian_shards.h"
 #include "xapian_writer.h"
 
@@ -63,10 +60,10 @@ private:
 // Opens shard `k` of `shards` for writing, and checks that it holds nothing
 // or this layout's shard k: a document in the wrong shard would never be
 // found again by its path, and its id would collide with another's.
-std::unique_ptr<DatabaseWriter> OpenShardWriter(const std::vector<Shard> &shards, size_t k) {
+std::unique_ptr<DatabaseWriter> OpenShardWriter(const std::vector<Shard> &shards, size_t k, const EngineOptions &options) {
     const Shard &shard = shards[k];
     try {
-        Xapian::WritableDatabase db = OpenShardForWriting(shard);
+        Xapian::WritableDatabase db = OpenShardForWriting(shard, options.shard_timeout_ms);
         const std::string mark = db.get_metadata(kShardKey), expected = ShardMark(k, shards.size());
         if (db.get_doccount() > 0 && (mark != expected || db.get_metadata(kFormatKey) != kFormat))
             throw Failure(kInternal, "shard " + shard.Name() + " holds another index (shard \"" + mark +
@@ -83,28 +80,13 @@ std::unique_ptr<DatabaseWriter> OpenShardWriter(const std::vector<Shard> &shards
 
 }  // namespace
 
-std::unique_ptr<IndexWriter> OpenShardedWriter(const std::string &dir) {
+std::unique_ptr<IndexWriter> OpenShardedWriter(const std::string &dir, const EngineOptions &options) {
     std::vector<Shard> shards;
     ReadShards(dir, &shards);
     std::vector<std::unique_ptr<DatabaseWriter>> writers;
-    for (size_t k = 0; k < shards.size(); ++k) writers.push_back(OpenShardWriter(shards, k));
+    for (size_t k = 0; k < shards.size(); ++k) writers.push_back(OpenShardWriter(shards, k, options));
     return std::unique_ptr<IndexWriter>(new ShardedWriter(std::move(writers)));
 }
 
 }  // namespace xap
-
-void SetIndexShards(const std::string &dir, const std::vector<std::string> &names) {
-    std::vector<xap::Shard> wanted(names.size()), current;
-    for (size_t k = 0; k < names.size(); ++k)
-        if (!xap::ParseShard(names[k], &wanted[k]))
-            throw Failure(kBadRequest, "not a shard: \"" + names[k] + "\" (HOST:PORT or an absolute path)");
-    if (wanted.empty()) throw Failure(kBadRequest, "no shard given");
-    if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST)
-        throw Failure(kInternal, "cannot make " + dir + ": " + std::strerror(errno));
-    const bool sharded = xap::ReadShards(dir, &current);
-    if (sharded && current == wanted) return;
-    xap::WriteShards(dir, wanted);
-    if (!sharded) xap::RemoveLocalIndex(dir);
-}
-
 }  // namespace zarnd

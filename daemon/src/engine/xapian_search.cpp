@@ -14,6 +14,7 @@
 #include "xapian_document.h"
 #include "xapian_highlight.h"
 #include "xapian_layout.h"
+#include "xapian_open.h"
 #include "xapian_query.h"
 #include "xapian_shards.h"
 #include "xapian_sort.h"
@@ -60,7 +61,7 @@ void CheckShards(const OpenIndex &index, const std::vector<xap::Shard> &layout) 
 }
 
 // Opens the index of `dir`, as its stub says.
-OpenIndex OpenIndexOf(const std::string &dir, ino_t stub) {
+OpenIndex OpenIndexOf(const std::string &dir, ino_t stub, const EngineOptions &options) {
     OpenIndex index;
     index.stub = stub;
     std::vector<xap::Shard> layout;
@@ -70,7 +71,7 @@ OpenIndex OpenIndexOf(const std::string &dir, ino_t stub) {
     }
     for (const xap::Shard &shard : layout) {
         try {
-            index.shards.push_back(xap::OpenShard(shard));
+            index.shards.push_back(xap::OpenShard(shard, options.shard_timeout_ms));
         } catch (const Xapian::NetworkError &e) {
             throw Failure(kBusy, "shard " + shard.Name() + " is unavailable: " + e.get_msg());
         }
@@ -86,7 +87,7 @@ OpenIndex OpenIndexOf(const std::string &dir, ino_t stub) {
 // search.  Each use reopens it at the latest commit.
 class OpenDatabases {
 public:
-    static OpenIndex &Get(const std::string &dir) { return Mine().Find(dir); }
+    static OpenIndex &Get(const std::string &dir, const EngineOptions &options) { return Mine().Find(dir, options); }
 
     // Forgets `dir` so that its next Get opens it anew.
     static void Drop(const std::string &dir) { Mine().open_.erase(dir); }
@@ -99,7 +100,7 @@ private:
 
     static constexpr size_t kMaxOpen = 16;
 
-    OpenIndex &Find(const std::string &dir) {
+    OpenIndex &Find(const std::string &dir, const EngineOptions &options) {
         // What the directory holds now, asked each time: an index removed
         // or rewritten since stays open through the files of its time.
         struct stat st;
@@ -125,7 +126,7 @@ private:
         if (it != open_.end()) open_.erase(it);
         if (open_.size() >= kMaxOpen) open_.erase(open_.begin());
         try {
-            return open_.emplace(dir, OpenIndexOf(dir, current)).first->second;
+            return open_.emplace(dir, OpenIndexOf(dir, current, options)).first->second;
         } catch (const Xapian::DatabaseOpeningError &) {
             throw Failure(kNotFound, "no index in " + dir);
         }
@@ -184,7 +185,7 @@ constexpr int kSearchAttempts = 3;
 
 class XapianSearchIndex : public SearchIndex {
 public:
-    explicit XapianSearchIndex(const std::string &dir) : dir_(dir) {}
+    XapianSearchIndex(const std::string &dir, const EngineOptions &options) : dir_(dir), options_(options) {}
 
     void Search(const SearchPlan &plan, const std::function<void(uint64_t)> &on_total,
                 const std::function<bool(const Hit &)> &on_hit) override {
@@ -233,7 +234,7 @@ private:
     void Retry(F action) {
         for (int attempt = 1;; ++attempt) {
             try {
-                action(OpenDatabases::Get(dir_));
+                action(OpenDatabases::Get(dir_, options_));
                 return;
             } catch (const Xapian::DatabaseModifiedError &e) {
                 if (attempt == kSearchAttempts) throw Failure(kInternal, "index changed during the search: " + e.get_msg());
@@ -278,12 +279,17 @@ private:
     }
 
     const std::string dir_;
+    const EngineOptions options_;
 };
 
 }  // namespace
 
-std::unique_ptr<SearchIndex> OpenSearchIndex(const std::string &dir) {
-    return std::unique_ptr<SearchIndex>(new XapianSearchIndex(dir));
+namespace xap {
+
+std::unique_ptr<SearchIndex> NewSearchIndex(const std::string &dir, const EngineOptions &options) {
+    return std::unique_ptr<SearchIndex>(new XapianSearchIndex(dir, options));
 }
+
+}  // namespace xap
 
 }  // namespace zarnd

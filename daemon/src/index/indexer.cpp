@@ -3,17 +3,14 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <map>
 #include <unordered_set>
 #include <memory>
-#include <thread>
 #include <vector>
 
 #include "engine.h"
@@ -22,57 +19,18 @@
 #include "log.h"
 #include "share_index.h"
 #include "utf8.h"
+#include "names.h"
 #include "zarnplatform.h"
 
 namespace zarnd {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-constexpr char kMetadataDir[] = "@eaDir";  // the platform's own data, index included
 constexpr int kMaxDepth = 256;
 // Changes are committed in batches: the engine holds a batch in memory, and
 // searches see a long first run make progress.
 constexpr uint64_t kBatchRecords = 1000;
 constexpr uint64_t kBatchBytes = 32u << 20;
-constexpr std::chrono::minutes kLockWait{10};
-
-double Seconds(Clock::time_point since) {
-    return std::chrono::duration<double>(Clock::now() - since).count();
-}
-
-// "N files, M MB read, R files/s" on one line of a terminal, redrawn a few
-// times a second.
-class Progress {
-public:
-    explicit Progress(bool enabled) : enabled_(enabled) {}
-
-    void Tick(const IndexCounts &counts) {
-        if (!enabled_ || Clock::now() - last_ < std::chrono::milliseconds(250)) return;
-        last_ = Clock::now();
-        Print(counts);
-    }
-
-    void Done(const IndexCounts &counts) {
-        if (!enabled_) return;
-        Print(counts);
-        std::fputc('\n', stderr);
-    }
-
-private:
-    void Print(const IndexCounts &counts) const {
-        const uint64_t files = counts.added + counts.updated + counts.unchanged;
-        const double elapsed = std::max(Seconds(start_), 1e-3);
-        std::fprintf(stderr, "\r%llu files, %.1f MB read, %.0f files/s   ",
-                     static_cast<unsigned long long>(files), counts.bytes_read / 1e6, files / elapsed);
-        std::fflush(stderr);
-    }
-
-    const bool enabled_;
-    const Clock::time_point start_ = Clock::now();
-    Clock::time_point last_ = start_;
-};
 
 Access AccessOf(const struct statx &st) { return {st.stx_uid, st.stx_gid, st.stx_mode}; }
 
@@ -96,7 +54,7 @@ int OpenFileAt(int dirfd, const std::string &name) {
     return fd;
 }
 
-// The names in a folder, "." and ".." and "@eaDir" left out.
+// The names in a folder, "." and ".." and the metadata folder left out.
 std::vector<std::string> ListFolder(int dirfd) {
     std::vector<std::string> names;
     const int own = dup(dirfd);
@@ -108,7 +66,7 @@ std::vector<std::string> ListFolder(int dirfd) {
     }
     while (const dirent *entry = readdir(dir)) {
         const std::string name = entry->d_name;
-        if (name != "." && name != ".." && name != kMetadataDir) names.push_back(name);
+        if (name != "." && name != ".." && name != zarn::kMetadataDirName) names.push_back(name);
     }
     closedir(dir);
     std::sort(names.begin(), names.end());
@@ -120,9 +78,9 @@ public:
     // `stored` holds the signatures of every record that the walks to come
     // may meet; `complete`, that it holds every record of the index, so that
     // a path missing from it is surely new.
-    ShareIndexer(const std::string &share, const std::string &root, IndexWriter *writer, Progress *progress,
+    ShareIndexer(const std::string &share, const std::string &root, IndexWriter *writer, const ProgressHook &on_progress,
                  std::map<std::string, std::string> stored, bool complete, const FolderHook &on_folder)
-        : share_(share), root_(root), writer_(writer), progress_(progress), on_folder_(on_folder),
+        : share_(share), root_(root), writer_(writer), on_progress_(on_progress), on_folder_(on_folder),
           stored_(std::move(stored)), complete_(complete) {}
 
     // Indexes the share-relative `path` and, for a folder, everything in it.
@@ -147,7 +105,7 @@ public:
             if (name.empty()) continue;  // "//"
             Entry entry{at + "/" + name, at, name, {}, {}};
             const bool last = end == path.size();
-            const bool found = name != kMetadataDir && StatAt(fd, name.c_str(), &entry.st) &&
+            const bool found = name != zarn::kMetadataDirName && StatAt(fd, name.c_str(), &entry.st) &&
                                DeviceOf(entry.st) == device_;
             entry.access = above;
             entry.access.insert(entry.access.begin(), AccessOf(entry.st));
@@ -247,13 +205,13 @@ private:
                 batch_records_ = batch_bytes_ = 0;
             }
         }
-        if (progress_ != nullptr) progress_->Tick(counts_);
+        if (on_progress_) on_progress_(counts_);
     }
 
     const std::string share_;
     const std::string root_;
     IndexWriter *const writer_;
-    Progress *const progress_;  // may be null
+    const ProgressHook on_progress_;  // may be empty
     const FolderHook on_folder_;
     std::map<std::string, std::string> stored_;  // path -> signature, not yet met
     const bool complete_;
@@ -263,92 +221,6 @@ private:
     uint64_t batch_bytes_ = 0;
     dev_t device_ = 0;
 };
-
-// The daemon holds a share's index only while it applies a batch of live
-// changes (or rescans the share after lost events): a run waits for it.
-std::unique_ptr<IndexWriter> OpenWriterWhenFree(const std::string &dir) {
-    const Clock::time_point deadline = Clock::now() + kLockWait;
-    for (;;) {
-        try {
-            return OpenIndexWriter(dir);
-        } catch (const Failure &failure) {
-            if (failure.code() != kLocked || Clock::now() >= deadline) throw;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-}
-
-IndexCounts WalkShare(const ShareWalk &walk, const std::set<std::string> &folders, Progress *progress) {
-    ShareIndexer indexer(walk.share, walk.root, walk.writer, progress, walk.writer->Signatures(), true,
-                         walk.on_folder);
-    for (const std::string &folder : folders)
-        if (!indexer.IndexPath(folder))
-            ZARN_LOG(LOG_WARNING, "indexed folder %s is not a folder of share %s", folder.c_str(),
-                     walk.share.c_str());
-    indexer.RemoveUnseen();
-    return indexer.counts();
-}
-
-void Add(IndexCounts *total, const IndexCounts &counts) {
-    total->added += counts.added;
-    total->updated += counts.updated;
-    total->removed += counts.removed;
-    total->unchanged += counts.unchanged;
-    total->bytes_read += counts.bytes_read;
-    total->bytes_walked += counts.bytes_walked;
-    total->skipped += counts.skipped;
-}
-
-bool IndexShare(const std::string &share, const std::set<std::string> &folders, const IndexOptions &options,
-                IndexCounts *total) {
-    const Clock::time_point start = Clock::now();
-    std::string root;
-    if (!ShareRoot(share, &root)) {
-        ZARN_LOG(LOG_ERR, "ZARNShareGet failed, share=%s", share.c_str());
-        std::fprintf(stderr, "zarnelasticd: unknown share %s\n", share.c_str());
-        return false;
-    }
-    try {
-        const std::string dir = IndexDirOfShare(share);
-        if (!options.shards.empty()) SetIndexShards(dir, options.shards);
-        std::unique_ptr<IndexWriter> writer = OpenWriterWhenFree(dir);
-        Progress progress(options.progress);
-        const IndexCounts c = WalkShare({share, root, writer.get(), nullptr}, folders, &progress);
-        writer->Finish();
-        progress.Done(c);
-        const double seconds = std::max(Seconds(start), 1e-3);
-        const uint64_t files = c.added + c.updated + c.unchanged;
-        // The rate is of what was read: a file gives at most its text cap,
-        // however large it is.
-        std::printf("%s: %llu added, %llu updated, %llu removed, %llu unchanged, %llu skipped; "
-                    "%.1f MB read (of %.1f MB walked) in %.2f s (%.0f files/s, %.1f MB/s read)\n",
-                    share.c_str(), static_cast<unsigned long long>(c.added),
-                    static_cast<unsigned long long>(c.updated), static_cast<unsigned long long>(c.removed),
-                    static_cast<unsigned long long>(c.unchanged), static_cast<unsigned long long>(c.skipped),
-                    c.bytes_read / 1e6, c.bytes_walked / 1e6, seconds, files / seconds,
-                    c.bytes_read / 1e6 / seconds);
-        std::fflush(stdout);
-        ZARN_LOG(LOG_INFO, "indexed share %s: %llu added, %llu updated, %llu removed, %llu unchanged",
-                 share.c_str(), static_cast<unsigned long long>(c.added),
-                 static_cast<unsigned long long>(c.updated), static_cast<unsigned long long>(c.removed),
-                 static_cast<unsigned long long>(c.unchanged));
-        Add(total, c);
-        return true;
-    } catch (const Failure &failure) {
-        ZARN_LOG(LOG_ERR, "cannot index share %s: %s", share.c_str(), failure.what());
-        std::fprintf(stderr, "zarnelasticd: cannot index share %s: %s\n", share.c_str(), failure.what());
-        return false;
-    }
-}
-
-// Each level of a walk holds one open folder.
-void RaiseFileLimit() {
-    rlimit limit;
-    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
-        limit.rlim_cur = limit.rlim_max;
-        setrlimit(RLIMIT_NOFILE, &limit);
-    }
-}
 
 }  // namespace
 
@@ -364,41 +236,22 @@ bool ShareRoot(const std::string &share, std::string *root) {
 }
 
 IndexCounts RescanShare(const ShareWalk &walk, const std::set<std::string> &folders) {
-    return WalkShare(walk, folders, nullptr);
-}
-
-IndexCounts RescanPath(const ShareWalk &walk, const std::string &path) {
-    ShareIndexer indexer(walk.share, walk.root, walk.writer, nullptr,
-                         walk.writer->SignaturesUnder(RepairUtf8(path.data(), path.size())), false, walk.on_folder);
-    indexer.IndexPath(path);
+    ShareIndexer indexer(walk.share, walk.root, walk.writer, walk.on_progress, walk.writer->Signatures(), true,
+                         walk.on_folder);
+    for (const std::string &folder : folders)
+        if (!indexer.IndexPath(folder))
+            ZARN_LOG(LOG_WARNING, "indexed folder %s is not a folder of share %s", folder.c_str(),
+                     walk.share.c_str());
     indexer.RemoveUnseen();
     return indexer.counts();
 }
 
-int RunIndexer(const IndexOptions &options, IndexCounts *total) {
-    std::map<std::string, std::set<std::string>> shares;
-    std::map<std::string, std::string> languages;
-    if (!ReadIndexedFolders(options.config_path.c_str(), &shares, &languages)) {
-        std::fprintf(stderr, "zarnelasticd: cannot read the indexed folders from %s\n",
-                     options.config_path.c_str());
-        return 1;
-    }
-    if (!options.share.empty()) {
-        if (shares.count(options.share) == 0) {
-            std::fprintf(stderr, "zarnelasticd: share %s holds no indexed folder\n", options.share.c_str());
-            return 1;
-        }
-        shares = {{options.share, shares[options.share]}};
-    }
-    RaiseFileLimit();
-    IndexCounts sum;
-    int status = 0;
-    for (const auto &share : shares) {
-        SetIndexLanguage(IndexDirOfShare(share.first), languages[share.first]);
-        if (!IndexShare(share.first, share.second, options, &sum)) status = 1;
-    }
-    if (total != nullptr) *total = sum;
-    return status;
+IndexCounts RescanPath(const ShareWalk &walk, const std::string &path) {
+    ShareIndexer indexer(walk.share, walk.root, walk.writer, walk.on_progress,
+                         walk.writer->SignaturesUnder(RepairUtf8(path.data(), path.size())), false, walk.on_folder);
+    indexer.IndexPath(path);
+    indexer.RemoveUnseen();
+    return indexer.counts();
 }
 
 }  // namespace zarnd

@@ -29,7 +29,7 @@ struct Shard {
 };
 
 // The shards that the stub of `dir` lists; false when `dir` holds a single
-// local index (or none), which the generations of xapian_writer.cpp keep.
+// local index (or none), which the generations of xapian_generations.cpp keep.
 bool ReadShards(const std::string &dir, std::vector<Shard> *shards);
 
 // Parses "HOST:PORT" or an absolute path; false for anything else.
@@ -42,11 +42,12 @@ void WriteStub(const std::string &dir, const std::string &content);
 // Writes the stub of `dir` to list `shards`.
 void WriteShards(const std::string &dir, const std::vector<Shard> &shards);
 
-// A remote shard is opened with the time-out of SetShardTimeout (engine.h)
-// for each answer and for the connection.
-Xapian::Database OpenShard(const Shard &shard);
-// Writers get a longer time-out: a commit of a batch takes a while.
-Xapian::WritableDatabase OpenShardForWriting(const Shard &shard);
+// A remote shard is opened with `timeout_ms` (EngineOptions, engine.h) for
+// each answer and for the connection.
+Xapian::Database OpenShard(const Shard &shard, unsigned timeout_ms);
+// Writers get a longer time-out for answers: a commit of a batch takes a
+// while.  `timeout_ms` is the one to connect.
+Xapian::WritableDatabase OpenShardForWriting(const Shard &shard, unsigned timeout_ms);
 
 // The shard of the document of `path`: stable from run to run and machine
 // to machine, so that a run finds a document again where it put it.

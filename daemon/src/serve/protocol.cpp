@@ -21,8 +21,8 @@ namespace zarnd {
 
 namespace {
 
-std::unique_ptr<SearchIndex> OpenIndex(const std::string &index_id) {
-    return OpenSearchIndex(IndexDirOfShare(ShareOfIndexId(index_id)));
+std::unique_ptr<SearchIndex> OpenIndex(const std::string &index_id, const EngineOptions &engine) {
+    return OpenSearchIndex(IndexDirOfShare(ShareOfIndexId(index_id)), engine);
 }
 
 // Client text as a log line may show it: control characters, quotes and
@@ -67,8 +67,9 @@ std::unique_ptr<Credentials> Reader(const SearchRequest &request, const Peer &pe
     return std::unique_ptr<Credentials>(new Credentials(LookupCredentials(uid)));
 }
 
-void Search(const Json::Value &data, const Peer &peer, const PacketSink &send, double budget_s) {
+void Search(const Json::Value &data, const Peer &peer, const PacketSink &send, const RequestLimits &limits) {
     using Clock = std::chrono::steady_clock;
+    const double budget_s = limits.search_budget_s;
     Clock::time_point deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                                     std::chrono::duration<double>(budget_s));
     // Time spent waiting on a slow reader moves the deadline: the budget is
@@ -92,7 +93,7 @@ void Search(const Json::Value &data, const Peer &peer, const PacketSink &send, d
     // corruption, found by the fuzzer).  The caps on the request bound the
     // match; the budget, the hits after it.
     bool reachable = true, late = false;
-    OpenIndex(request.index_id)
+    OpenIndex(request.index_id, limits.engine)
         ->Search(
             plan,
             [&](uint64_t total) {
@@ -117,11 +118,11 @@ void Search(const Json::Value &data, const Peer &peer, const PacketSink &send, d
     send(zarn::json::ToString(end));
 }
 
-void DocumentGet(const Json::Value &data, const Peer &peer, const PacketSink &send) {
+void DocumentGet(const Json::Value &data, const Peer &peer, const PacketSink &send, const EngineOptions &engine) {
     const DocumentRequest request = ParseDocumentRequest(data);
     Json::Value fields;
     std::string access;
-    if (!OpenIndex(request.index_id)->Fetch(request.doc_id, &fields, &access))
+    if (!OpenIndex(request.index_id, engine)->Fetch(request.doc_id, &fields, &access))
         throw Failure(kNotFound, "no document " + std::to_string(request.doc_id));
     if (peer.uid != 0 && !MayRead(LookupCredentials(peer.uid), access))
         Refuse(peer, "document " + std::to_string(request.doc_id) + " of " + request.index_id);
@@ -147,16 +148,16 @@ std::string FailureReply(int code, const std::string &message) {
     return zarn::json::ToString(reply);
 }
 
-void HandleRequest(const std::string &text, const Peer &peer, const PacketSink &send, double search_budget_s) {
+void HandleRequest(const std::string &text, const Peer &peer, const PacketSink &send, const RequestLimits &limits) {
     try {
         Json::Value request;
         if (!zarn::json::FromString(text, &request) || !request.isObject())
             throw Failure(kBadRequest, "request is not a JSON object");
         const Json::Value &command = request["command"];
         if (command == "search")
-            Search(request["data"], peer, send, search_budget_s);
+            Search(request["data"], peer, send, limits);
         else if (command == "document_get_by_internal_id")
-            DocumentGet(request["data"], peer, send);
+            DocumentGet(request["data"], peer, send, limits.engine);
         else
             throw Failure(kBadRequest, "unknown command");
     } catch (const Failure &failure) {
@@ -169,7 +170,7 @@ void HandleRequest(const std::string &text, const Peer &peer, const PacketSink &
     }
 }
 
-void ServeConnection(int fd, const Peer &peer, double search_budget_s) {
+void ServeConnection(int fd, const Peer &peer, const RequestLimits &limits) {
     std::string text;
     if (!zarndaemon::io::PacketRead(fd, text)) {
         ZARN_LOG(LOG_DEBUG, "no request from peer pid %d, errno(%d): %m", static_cast<int>(peer.pid),
@@ -177,7 +178,7 @@ void ServeConnection(int fd, const Peer &peer, double search_budget_s) {
         return;
     }
     ReplyBuffer reply(fd);
-    HandleRequest(text, peer, [&reply](const std::string &packet) { return reply.Add(packet); }, search_budget_s);
+    HandleRequest(text, peer, [&reply](const std::string &packet) { return reply.Add(packet); }, limits);
     reply.Flush();
 }
 

@@ -62,14 +62,15 @@ public:
     PartialTerm(std::vector<std::string> prefixes, const Xapian::Stem &stemmer)
         : prefixes_(std::move(prefixes)), stemmer_(stemmer) {}
     Xapian::Query operator()(const std::string &word) override {
-        std::vector<Xapian::Query> starts, forms;
+        // One synonym: each document's weight is worked out once, not once
+        // for the words begun and again for the forms.
+        std::vector<Xapian::Query> any;
         for (const std::string &prefix : prefixes_) {
-            starts.emplace_back(Xapian::Query::OP_WILDCARD, prefix + word, kMaxWildcardTerms,
-                                Xapian::Query::WILDCARD_LIMIT_MOST_FREQUENT);
-            forms.emplace_back(stemmer_.is_none() ? prefix + word : "Z" + prefix + stemmer_(word));
+            any.emplace_back(Xapian::Query::OP_WILDCARD, prefix + word, kMaxWildcardTerms,
+                             Xapian::Query::WILDCARD_LIMIT_MOST_FREQUENT);
+            any.emplace_back(stemmer_.is_none() ? prefix + word : "Z" + prefix + stemmer_(word));
         }
-        return Xapian::Query(Xapian::Query::OP_OR, Xapian::Query(Xapian::Query::OP_SYNONYM, starts.begin(), starts.end()),
-                             Xapian::Query(Xapian::Query::OP_SYNONYM, forms.begin(), forms.end()));
+        return Xapian::Query(Xapian::Query::OP_SYNONYM, any.begin(), any.end());
     }
 
 private:

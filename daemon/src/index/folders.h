@@ -1,4 +1,4 @@
-// The list of indexed folders, "/var/packages/Norvex/etc/fileindex.folders":
+// The list of indexed folders, kFolderConfigPath (common/names.h):
 // a JSON array of objects whose "path" is share-relative, "/share[/sub]",
 // and whose optional "language" names the language in which the share's
 // words are stemmed ("english" when none does).
@@ -9,9 +9,11 @@
 #include <set>
 #include <string>
 
+#include "names.h"
+
 namespace zarnd {
 
-constexpr char kFolderConfigPath[] = "/var/packages/Norvex/etc/fileindex.folders";
+using zarn::kFolderConfigPath;
 
 // Share name -> the share-relative folders to index in it, without folders
 // that another listed folder already contains.  Entries that are not

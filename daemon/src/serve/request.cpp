@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "failure.h"
+#include "names.h"
 #include "schema.h"
 
 namespace zarnd {
@@ -42,7 +43,7 @@ uint32_t Count(const Json::Value &value, uint32_t absent, uint32_t min, uint32_t
 // Checked here, before the name reaches the share service and its log.
 std::string IndexName(const std::string &id, const char *member) {
     const bool control = std::any_of(id.begin(), id.end(), [](char c) { return c >= 0 && c < 0x20; });
-    if (control || id.find('\x7f') != std::string::npos || id.size() > sizeof "fileindex_" - 1 + 255)
+    if (control || id.find('\x7f') != std::string::npos || id.size() > sizeof zarn::kIndexIdPrefix - 1 + 255)
         Bad(std::string(member) + " is not an index name");
     return id;
 }

@@ -1,6 +1,12 @@
 // Who may see what.  A document carries the owner, group and mode of its file
 // and of every folder above it inside the share; a user may see it when the
 // mode bits let the user read the file and search (x) each of those folders.
+//
+// This unit holds the rule; it is enforced in three places: the indexer
+// records each file's chain (index/file_record.cpp), a search filters its
+// hits by restriction terms (HiddenFrom, engine/xapian_search.cpp), and a
+// document fetch checks MayRead, as does the choice of whose permissions a
+// search uses (Reader and DocumentGet, serve/protocol.cpp).
 #ifndef ZARND_PERM_H
 #define ZARND_PERM_H
 

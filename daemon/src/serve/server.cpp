@@ -1,11 +1,8 @@
 #include "server.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/ioctl.h>
-#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -14,157 +11,25 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstring>
-#include <deque>
-#include <map>
-#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "failure.h"
 #include "log.h"
 #include "protocol.h"
+#include "scheduler.h"
 #include "zarnplatform.h"
 
 namespace zarnd {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 // How often a connection whose request arrives in pieces is looked at again.
 constexpr int kPartialRecheckMs = 10;
 // How long accepting rests when the process is out of descriptors.
 constexpr int kAcceptRestMs = 100;
-
-struct Connection {
-    int fd;
-    Peer peer;
-    Clock::time_point deadline;  // for the whole request, then for a worker
-    bool partial;  // some bytes of the request are there, not all
-};
-
-// What the connections hold, under one lock shared by the loop and the
-// workers: the complete requests waiting for a worker, and for each uid
-// other than root its open connections (waiting, queued or served) and its
-// requests in service.  A worker takes the oldest request whose uid is below
-// its share of the workers, so that one user's flood leaves the other
-// workers to everybody else.
-class Scheduler {
-public:
-    Scheduler(size_t capacity, size_t max_per_user, unsigned share)
-        : capacity_(capacity), max_per_user_(max_per_user), share_(share) {}
-
-    // Counts a new connection; false when its uid holds its cap already.
-    bool Admit(uid_t uid) {
-        if (uid == 0) return true;
-        std::lock_guard<std::mutex> lock(mutex_);
-        Held &held = held_[uid];
-        if (held.open >= max_per_user_) {
-            // Once per episode: a flood would otherwise flood the log too.
-            if (!held.warned)
-                ZARN_LOG(LOG_WARNING, "uid %u holds %zu connections: refusing more", static_cast<unsigned>(uid),
-                         held.open);
-            held.warned = true;
-            return false;
-        }
-        ++held.open;
-        return true;
-    }
-
-    // Closes a connection that is not in service.
-    void Close(const Connection &connection) {
-        close(connection.fd);
-        std::lock_guard<std::mutex> lock(mutex_);
-        Release(connection.peer.uid, false);
-    }
-
-    // Queues in order of deadline, all being the same wait from now.
-    bool Push(const Connection &connection) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (stopped_ || queue_.size() >= capacity_) return false;
-        queue_.push_back(connection);
-        ready_.notify_one();
-        return true;
-    }
-
-    // Takes out the requests that waited for a worker until their deadline.
-    std::vector<Connection> Expired(Clock::time_point now) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        std::vector<Connection> expired;
-        for (; !queue_.empty() && queue_.front().deadline <= now; queue_.pop_front())
-            expired.push_back(queue_.front());
-        return expired;
-    }
-
-    Clock::time_point NextExpiry() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return queue_.empty() ? Clock::time_point::max() : queue_.front().deadline;
-    }
-
-    // False once stopped.
-    bool Pop(Connection *connection) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        for (;;) {
-            if (stopped_) return false;
-            const auto next = std::find_if(queue_.begin(), queue_.end(), [this](const Connection &queued) {
-                return queued.peer.uid == 0 || held_[queued.peer.uid].serving < share_;
-            });
-            if (next != queue_.end()) {
-                *connection = *next;
-                queue_.erase(next);
-                if (connection->peer.uid != 0) ++held_[connection->peer.uid].serving;
-                return true;
-            }
-            ready_.wait(lock);
-        }
-    }
-
-    // Closes a connection that a worker has served.
-    void Finish(const Connection &connection) {
-        close(connection.fd);
-        std::lock_guard<std::mutex> lock(mutex_);
-        Release(connection.peer.uid, true);
-        ready_.notify_all();  // a request of this uid may now be taken
-    }
-
-    // Wakes every worker; connections not yet served are closed unanswered.
-    void Stop() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        stopped_ = true;
-        for (const Connection &connection : queue_) {
-            close(connection.fd);
-            Release(connection.peer.uid, false);
-        }
-        queue_.clear();
-        ready_.notify_all();
-    }
-
-private:
-    struct Held {
-        size_t open = 0;
-        unsigned serving = 0;
-        bool warned = false;
-    };
-
-    void Release(uid_t uid, bool served) {
-        if (uid == 0) return;
-        Held &held = held_[uid];
-        if (served) --held.serving;
-        if (--held.open == 0) held_.erase(uid);
-    }
-
-    const size_t capacity_;
-    const size_t max_per_user_;
-    const unsigned share_;
-    std::mutex mutex_;
-    std::condition_variable ready_;
-    std::deque<Connection> queue_;
-    std::map<uid_t, Held> held_;
-    bool stopped_ = false;
-};
 
 enum class RequestState { kIncomplete, kComplete, kTooLarge, kClosed };
 
@@ -205,61 +70,41 @@ bool MakeAddress(const std::string &path, sockaddr_un *address) {
     return true;
 }
 
-// Logs and prints a reason not to start.
-int CannotStart(const char *format, const std::string &path) {
-    std::string message = std::string(format);
-    ZARN_LOG(LOG_ERR, "%s %s: %m", message.c_str(), path.c_str());
-    std::fprintf(stderr, "zarnelasticd: %s %s: %s\n", message.c_str(), path.c_str(), std::strerror(errno));
-    return 1;
-}
+}  // namespace
 
+// The listener's state and its loop, behind Listener (server.h).
 class Server {
 public:
     explicit Server(const ServerOptions &options)
         : options_(options), scheduler_(options.max_queued, options.max_per_user, options.UserShare()) {}
 
-    int Run() {
+    const char *Open() {
         sockaddr_un address;
         if (!MakeAddress(options_.socket_path, &address)) {
             errno = ENAMETOOLONG;
-            return CannotStart("socket path too long:", options_.socket_path);
+            return "socket path too long:";
         }
         if (AnswersThere(address)) {
             errno = EADDRINUSE;
-            return CannotStart("another daemon answers on", options_.socket_path);
+            return "another daemon answers on";
         }
-        RaiseDescriptorLimit();
-        if (!Listen(address)) return CannotStart("cannot listen on", options_.socket_path);
-        if (!options_.foreground && !Daemonize()) return CannotStart("cannot detach from", "the terminal");
-        if (!CatchSignals()) return CannotStart("cannot catch signals for", options_.socket_path);
+        if (!Listen(address)) return "cannot listen on";
+        return nullptr;
+    }
+
+    void Start(int stop_fd) {
+        signal_fd_ = stop_fd;
         ZARN_LOG(LOG_INFO, "listening on %s with %u workers", options_.socket_path.c_str(),
                  options_.workers);
         for (unsigned i = 0; i < options_.workers; ++i) workers_.emplace_back([this] { Work(); });
-        LiveIndex live(options_.live_options);
-        if (options_.live && !live.Start()) ZARN_LOG(LOG_ERR, "live indexing is off: %m");
-        Loop();
-        live.Stop();
-        Shutdown();
-        ZARN_LOG(LOG_INFO, "stopped");
-        return 0;
     }
 
-private:
     static bool AnswersThere(const sockaddr_un &address) {
         const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         if (fd < 0) return false;
         const bool answers = connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
         close(fd);
         return answers;
-    }
-
-    // Every waiting connection holds a descriptor, and so does every index a
-    // search opens: take as many as the system lets us.
-    static void RaiseDescriptorLimit() {
-        rlimit limit;
-        if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == limit.rlim_max) return;
-        limit.rlim_cur = limit.rlim_max;
-        setrlimit(RLIMIT_NOFILE, &limit);
     }
 
     bool Listen(const sockaddr_un &address) {
@@ -282,32 +127,9 @@ private:
         return true;
     }
 
-    static bool Daemonize() {
-        const pid_t child = fork();
-        if (child < 0) return false;
-        if (child > 0) _exit(0);  // the socket is already live for the caller
-        setsid();
-        if (chdir("/") != 0) return false;
-        const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
-        if (null < 0) return false;
-        for (int fd = 0; fd <= 2; ++fd) dup2(null, fd);
-        if (null > 2) close(null);
-        return true;
-    }
+public:
 
-    // Before any worker starts, so that every thread inherits the mask and
-    // only the loop sees the signals.
-    bool CatchSignals() {
-        signal(SIGPIPE, SIG_IGN);
-        sigset_t set;
-        sigemptyset(&set);
-        sigaddset(&set, SIGTERM);
-        sigaddset(&set, SIGINT);
-        if (pthread_sigmask(SIG_BLOCK, &set, nullptr) != 0) return false;
-        signal_fd_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-        return signal_fd_ >= 0;
-    }
-
+private:
     void Work() {
         Connection connection;
         while (scheduler_.Pop(&connection)) {
@@ -315,7 +137,7 @@ private:
             // on a client that does not read, but never for long.
             SetTimeout(connection.fd, SO_RCVTIMEO, 1000);
             SetTimeout(connection.fd, SO_SNDTIMEO, options_.send_timeout_s * 1000L);
-            ServeConnection(connection.fd, connection.peer, options_.search_budget_s);
+            ServeConnection(connection.fd, connection.peer, options_.limits);
             scheduler_.Finish(connection);
         }
     }
@@ -409,6 +231,7 @@ private:
         return partial ? std::min(millis, kPartialRecheckMs) : millis;
     }
 
+public:
     void Loop() {
         for (;;) {
             std::vector<pollfd> polled;
@@ -446,21 +269,25 @@ private:
         waiting_.clear();
         scheduler_.Stop();
         for (std::thread &worker : workers_) worker.join();
-        close(signal_fd_);
     }
+
+private:
 
     const ServerOptions options_;
     Scheduler scheduler_;
     std::vector<Connection> waiting_;
     std::vector<std::thread> workers_;
     int listen_fd_ = -1;
-    int signal_fd_ = -1;
+    int signal_fd_ = -1;  // readable once the process is to stop
     ino_t socket_inode_ = 0;
     Clock::time_point accept_resumes_;  // accepting rests until then
 };
 
-}  // namespace
-
-int RunServer(const ServerOptions &options) { return Server(options).Run(); }
+Listener::Listener(const ServerOptions &options) : server_(new Server(options)) {}
+Listener::~Listener() = default;
+const char *Listener::Open() { return server_->Open(); }
+void Listener::Start(int stop_fd) { server_->Start(stop_fd); }
+void Listener::Loop() { server_->Loop(); }
+void Listener::Shutdown() { server_->Shutdown(); }
 
 }  // namespace zarnd

@@ -2,7 +2,6 @@
 
 #include <errno.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -13,10 +12,6 @@
 
 namespace zarnd {
 namespace xap {
-
-namespace {
-std::atomic<unsigned> shard_timeout_ms{2000};
-}  // namespace
 
 namespace {
 
@@ -93,15 +88,14 @@ void WriteShards(const std::string &dir, const std::vector<Shard> &shards) {
     WriteStub(dir, content);
 }
 
-Xapian::Database OpenShard(const Shard &shard) {
+Xapian::Database OpenShard(const Shard &shard, unsigned timeout_ms) {
     if (!shard.remote()) return Xapian::Database(shard.path);
-    const unsigned timeout = shard_timeout_ms;
-    return Xapian::Remote::open(shard.host, shard.port, timeout, timeout);
+    return Xapian::Remote::open(shard.host, shard.port, timeout_ms, timeout_ms);
 }
 
-Xapian::WritableDatabase OpenShardForWriting(const Shard &shard) {
+Xapian::WritableDatabase OpenShardForWriting(const Shard &shard, unsigned timeout_ms) {
     if (!shard.remote()) return Xapian::WritableDatabase(shard.path, Xapian::DB_CREATE_OR_OPEN);
-    return Xapian::Remote::open_writable(shard.host, shard.port, kWriteTimeoutMs, shard_timeout_ms,
+    return Xapian::Remote::open_writable(shard.host, shard.port, kWriteTimeoutMs, timeout_ms,
                                          Xapian::DB_CREATE_OR_OPEN);
 }
 
@@ -134,7 +128,5 @@ std::string ShardMark(size_t shard, size_t count) {
 }
 
 }  // namespace xap
-
-void SetShardTimeout(unsigned timeout_ms) { xap::shard_timeout_ms = timeout_ms; }
 
 }  // namespace zarnd
