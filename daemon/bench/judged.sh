@@ -65,7 +65,7 @@ exec sh "$here/../../tests/support/sandbox.sh" sh -c '
   # Recoll, one configuration per share, its index beside it.
   for share in $shares; do
     mkdir -p "$work/recoll-$share"
-    # At the same priority as the daemon's indexer (Recoll lowers its own by default).
+    # At the priority of the daemon indexer: Recoll lowers its own by default.
     printf "topdirs = %s\nskippedNames+ = @eaDir\nidxniceprio = 0\n" "$work/$share" > "$work/recoll-$share/recoll.conf"
     recollindex -c "$work/recoll-$share" >"$work/recoll-$share/log" 2>&1 ||
       { tail -20 "$work/recoll-$share/log"; exit 1; }
