@@ -5,6 +5,7 @@
 #ifndef ZARND_INDEXER_H
 #define ZARND_INDEXER_H
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <set>
@@ -23,6 +24,7 @@ struct IndexCounts {
     uint64_t bytes_read = 0;    // read from the files of added and updated records
     uint64_t bytes_walked = 0;  // the sizes of those files
     uint64_t skipped = 0;  // entries that could not be examined
+    bool stopped = false;  // the walk was cut short: nothing was removed
 };
 
 // Called with every folder that a walk opens: its descriptor, and its
@@ -39,6 +41,9 @@ struct ShareWalk {
     IndexWriter *writer;
     FolderHook on_folder;  // may be empty
     ProgressHook on_progress = nullptr;  // may be empty
+    // Once set, a walk stops at its next entry, keeps what it wrote and
+    // removes nothing; may be null.
+    const std::atomic<bool> *stop = nullptr;
 };
 
 // The share's directory from the share service; false for an unknown share.
@@ -53,6 +58,10 @@ IndexCounts RescanShare(const ShareWalk &walk, const std::set<std::string> &fold
 // lies below it: the records of a file, or of a whole subtree that was
 // renamed, moved, removed or given other permissions.
 IndexCounts RescanPath(const ShareWalk &walk, const std::string &path);
+
+// The record of folder `path` alone, not what it holds: a name made or
+// removed in it changed its times.
+IndexCounts RescanFolderRecord(const ShareWalk &walk, const std::string &path);
 
 }  // namespace zarnd
 
