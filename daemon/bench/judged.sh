@@ -92,12 +92,12 @@ exec sh "$here/../../tests/support/sandbox.sh" sh -c '
   # Per query: recall@10 = share of its files among the first 10 hits,
   # reciprocal rank = 1 / rank of the first of its files (0: none).
   awk -F "\t" -v verbose="$verbose" -v missing_root=/usr/share/doc "
-    function judge(   n, want, i, j, got, first, r) {
+    function judge(   n, want, i, j, got, first, r) {  # a file listed twice counts once
       n = split(\$5, want, \"|\")
       got = 0; first = 0
       for (i = 1; i <= n; i++)
         for (j = 6; j <= NF && j <= 15; j++)
-          if (\$j == want[i]) { got++; if (first == 0 || j - 5 < first) first = j - 5 }
+          if (\$j == want[i]) { got++; if (first == 0 || j - 5 < first) first = j - 5; break }
       recall[\$1] += got / n; rr[\$1] += first ? 1 / first : 0; count[\$1]++
       krecall[\$1, \$3] += got / n; krr[\$1, \$3] += first ? 1 / first : 0; kcount[\$1, \$3]++
       kinds[\$3] = 1; engines[\$1] = 1
