@@ -50,6 +50,9 @@ timeout 60 sh daemon/bench/bench.sh build/release 2 --files 300 >/dev/null
 echo "== freshness bench smoke (300 entries: live indexing must find every file written)"
 timeout 120 sh daemon/bench/freshness.sh build/release 20 500 1 --files 300 >/dev/null
 
+echo "== judged query set (the named share: recall@10 at least 0.9 and above Recoll's on the same files)"
+timeout 120 sh daemon/bench/judged.sh build/release --quick
+
 echo "== Debian packages (from the plain build; lintian; installed, used and purged in a throwaway root)"
 sh scripts/package.sh build/release
 sh tests/packaging/root_test.sh build/deb

@@ -45,6 +45,61 @@ TEST_F(DaemonE2e, QuerySyntax) {
     }
 }
 
+// What a user means: word parts, forms, accents, case, the parts of file
+// names, in an order that puts names and exact words first.  `first`: the
+// hit that must come first ("" when the order is not the point).
+TEST_F(DaemonE2e, FindsWhatTheUserMeans) {
+    ASSERT_EQ(0, Shell(R"sh(cd /var/docs && mkdir found && cd found && echo figures > AnnualBudget2023.xlsx &&
+        echo agenda > team_offsite-notes.txt && echo 'curriculum vitae' > Résumé.txt && echo 'older RESUME' > cv-old.txt &&
+        echo 'one license' > terms.txt && echo 'two licenses' > plural.txt && echo 'the budget of the year' > mention.txt &&
+        echo '日本語のテキスト' > japanese.txt && echo 'un cheval' > repas.txt)sh").status);
+    ASSERT_EQ(0, Index().status);
+    Start();
+    const std::string d = "/docs/found/";
+    const struct {
+        const char *query;
+        Names found;
+        std::string first;
+    } cases[] = {
+        {"annualbud", {d + "AnnualBudget2023.xlsx"}, ""},               // the last word as a prefix
+        {"annualbud ", {}, ""},                                          // not after a space
+        {"\"annualbud\"", {}, ""},                                       // nor quoted
+        {"annualbud figures", {}, ""},                                   // nor before another word
+        {"budget", {d + "AnnualBudget2023.xlsx", d + "mention.txt"}, d + "AnnualBudget2023.xlsx"},  // name first
+        {"budget 2023 xlsx", {d + "AnnualBudget2023.xlsx"}, ""},         // a name's parts
+        {"team offsite", {d + "team_offsite-notes.txt"}, ""},
+        {"teamOffsite", {d + "team_offsite-notes.txt"}, ""},             // parts typed as one word
+        {"team_offs", {d + "team_offsite-notes.txt"}, ""},
+        {"licenses", {d + "plural.txt", d + "terms.txt"}, d + "plural.txt"},  // forms; the exact one first
+        {"license", {d + "plural.txt", d + "terms.txt"}, d + "terms.txt"},
+        {"\"two license\"", {}, ""},                                     // a phrase is exact
+        {"resume", {d + "Résumé.txt", d + "cv-old.txt"}, ""},           // accents and case
+        {"RÉSUMÉ", {d + "Résumé.txt", d + "cv-old.txt"}, ""},
+        {"Résumés", {d + "Résumé.txt", d + "cv-old.txt"}, ""},
+        {"ZARNMDFSName:résumé", {d + "Résumé.txt"}, ""},                // a field's word: exact but for accents
+        {"ZARNMDFSName:budg", {}, ""},
+        {"日本語", {d + "japanese.txt"}, ""},                            // CJK n-grams
+        {"本語 テキスト", {d + "japanese.txt"}, ""},
+        {"\"日本語\"", {d + "japanese.txt"}, ""},
+        {"ZARNMDFSName:日本", {}, ""},
+        {"chevaux ", {}, ""},  // stems of the default language, english
+    };
+    for (const auto &c : cases) {
+        int64_t total = -1;
+        EXPECT_EQ(c.found, Paths(Search(c.query), &total)) << c.query;
+        EXPECT_EQ(static_cast<int64_t>(c.found.size()), total) << c.query;
+        const Replies hits = Hits(Search(c.query));
+        if (!c.first.empty()) {
+            ASSERT_FALSE(hits.empty()) << c.query;
+            EXPECT_EQ(c.first, hits[0]["ZARNMDPath"].asString()) << c.query;
+        }
+    }
+    // A share's language from the folder list: its index is rebuilt in it.
+    WriteFile(kFolderConfig, R"([{"path": "/docs", "language": "french"}])");
+    ASSERT_EQ(0, Index().status);
+    EXPECT_EQ(Names{d + "repas.txt"}, PathsInTime("chevaux ", 0, {d + "repas.txt"}));
+}
+
 // Whatever fails, the reply is one packet with the code, and the daemon
 // serves on.
 TEST_F(DaemonE2e, FailuresAreOneErrorPacket) {
@@ -58,6 +113,7 @@ TEST_F(DaemonE2e, FailuresAreOneErrorPacket) {
         {R"({"command": "search", "data": {"indice": ["fileindex_bare"], "query_string": {"query": "fox"}}})", 404},
         {R"({"command": "search", "data": {"indice": ["fileindex_docs"], "query_string": {"query": "fox AND"}}})", 400},
         {R"({"command": "search", "data": {"indice": ["fileindex_docs"], "query_string": {"query": "ZARNMDFSSize:a..b"}}})", 400},
+        {R"({"command": "search", "data": {"indice": ["fileindex_docs"], "query_string": {"query": "OR a 日b"}}})", 400},
         {search + R"(}, "sorter": [{"field": "ZARNMDTextContent"}]}})", 400},
         {search + R"(}, "size": 10001}})", 400},
         {search + R"(}, "from": 99991}})", 400},  // from + size above 100000

@@ -149,6 +149,12 @@ void ReleaseRetiredIndexes();
 std::unique_ptr<IndexWriter> OpenIndexWriter(const std::string &dir, const EngineOptions &options = EngineOptions(),
                                              const std::vector<std::string> &shards = {});
 
+// The language in which the index in `dir` stems words from now on, from
+// the folder list ("" for the default, english): an index begun in another
+// is rebuilt by its next writer.  A language the engine does not know is
+// logged and the default taken.
+void SetIndexLanguage(const std::string &dir, const std::string &language);
+
 }  // namespace zarnd
 
 #endif  // ZARND_ENGINE_H

@@ -5,6 +5,7 @@
 #include "varint.h"
 #include "xapian_layout.h"
 #include "xapian_record.h"
+#include "xapian_terms.h"
 
 namespace zarnd {
 namespace xap {
@@ -23,7 +24,7 @@ void AddText(const std::string &text, Xapian::Document *doc, Xapian::TermGenerat
     std::vector<uint32_t> starts;
     for (const std::string &chunk : SplitText(text)) {
         starts.push_back(generator->get_termpos());
-        generator->index_text(chunk);
+        IndexWords(generator, chunk, std::string());
         chunks->push_back(packer->Pack(chunk));
     }
     doc->add_value(kTextLayoutSlot, EncodeChunkStarts(starts));
@@ -40,13 +41,20 @@ bool AddSortSlots(const FieldLayout &layout, const Json::Value &value, Xapian::D
     return true;
 }
 
+bool IsNameField(const FieldLayout &layout) {
+    return layout.field == std::string(field::kFSName) || layout.field == std::string(field::kSearchFileName);
+}
+
 void AddField(const FieldLayout &layout, const Json::Value &value, Xapian::Document *doc,
               Xapian::TermGenerator *generator) {
     if (!AddSortSlots(layout, value, doc)) return;
     const std::string text = value.asString();
     switch (layout.terms) {
     case TermKind::kFreeText:
-        generator->index_text(text, 1, layout.prefix);
+        if (IsNameField(layout))
+            IndexNameWords(generator, text, layout.prefix);
+        else
+            IndexWords(generator, text, layout.prefix);
         generator->increase_termpos();  // no phrase across two fields
         break;
     case TermKind::kExact:

@@ -21,6 +21,7 @@
 #include "xapian_layout.h"
 #include "xapian_open.h"
 #include "xapian_shards.h"
+#include "xapian_terms.h"
 #include "xapian_writer.h"
 
 namespace zarnd {
@@ -107,14 +108,17 @@ unsigned GenerationToWrite(const std::string &dir) {
     if (current > 0) {
         try {
             Xapian::Database existing(GenerationDir(dir, current));
-            if (existing.get_doccount() == 0 || existing.get_metadata(xap::kFormatKey) == xap::kFormat) return current;
+            if (existing.get_doccount() == 0 ||
+                (existing.get_metadata(xap::kFormatKey) == xap::kFormat &&
+                 xap::LanguageOf(existing) == xap::ConfiguredLanguage(dir)))
+                return current;
         } catch (const Xapian::DatabaseOpeningError &) {
             return current;  // named but not made: opening for writing makes it
         }
     }
     struct stat st;
     if (current > 0 || stat((dir + "/" + xap::kPlainDatabaseFile).c_str(), &st) == 0)
-        ZARN_LOG(LOG_NOTICE, "index %s has an older format: rebuilding it", dir.c_str());
+        ZARN_LOG(LOG_NOTICE, "index %s has an older format or another language: rebuilding it", dir.c_str());
     return current + 1;
 }
 
@@ -128,6 +132,7 @@ Xapian::WritableDatabase OpenGeneration(const std::string &dir, unsigned generat
     }
     Xapian::WritableDatabase db(GenerationDir(dir, generation), Xapian::DB_CREATE_OR_OVERWRITE);
     db.set_metadata(xap::kFormatKey, xap::kFormat);
+    db.set_metadata(xap::kLanguageKey, xap::ConfiguredLanguage(dir));
     db.commit();
     // The older generation, or a first-format index, goes.
     if (SetCurrentGeneration(dir, generation)) RemoveRetired(dir, generation, lock);

@@ -20,10 +20,14 @@ constexpr char kOmit[] = "\xE2\x80\xA6";
 // fewer words than this, so only a damaged index is cut short.
 constexpr size_t kMaxPositions = 1u << 17;
 
-bool HasWildcard(const Xapian::Query &query) {
+// Whether the query can match words whose positions it does not name:
+// wildcards, and stems (terms of the "Z" prefix), which hold no positions.
+bool MatchesUnnamedWords(const Xapian::Query &query) {
     if (query.get_type() == Xapian::Query::OP_WILDCARD) return true;
+    for (Xapian::TermIterator t = query.get_unique_terms_begin(); t != query.get_unique_terms_end(); ++t)
+        if (!(*t).empty() && (*t)[0] == 'Z') return true;
     for (size_t i = 0; i < query.get_num_subqueries(); ++i)
-        if (HasWildcard(query.get_subquery(i))) return true;
+        if (MatchesUnnamedWords(query.get_subquery(i))) return true;
     return false;
 }
 
@@ -71,9 +75,9 @@ bool EndsWith(const std::string &text, const char *tail) {
 
 // The snippet of `text`, a window of the whole text content, marked as cut
 // where the window does not reach the text's ends.
-std::string SnippetOfWindow(const Xapian::MSet &mset, const std::string &text, bool cut_before, bool cut_after,
-                            size_t frag_length) {
-    std::string fragment = HighlightField(mset, text, frag_length);
+std::string SnippetOfWindow(const Xapian::MSet &mset, const std::string &text, const Xapian::Stem &stemmer,
+                            bool cut_before, bool cut_after, size_t frag_length) {
+    std::string fragment = HighlightField(mset, text, stemmer, frag_length);
     if (fragment.empty()) return fragment;
     if (cut_before && fragment.compare(0, std::strlen(kOmit), kOmit) != 0) fragment = kOmit + fragment;
     if (cut_after && !EndsWith(fragment, kOmit)) fragment += kOmit;
@@ -109,14 +113,15 @@ bool IsContinuationByte(char c) { return (static_cast<unsigned char>(c) & 0xC0) 
 
 }  // namespace
 
-std::string HighlightField(const Xapian::MSet &mset, const std::string &text, size_t frag_length) {
-    return mset.snippet(text, frag_length, Xapian::Stem(), Xapian::MSet::SNIPPET_EMPTY_WITHOUT_MATCH | kTermFlags,
+std::string HighlightField(const Xapian::MSet &mset, const std::string &text, const Xapian::Stem &stemmer,
+                           size_t frag_length) {
+    return mset.snippet(text, frag_length, stemmer, Xapian::MSet::SNIPPET_EMPTY_WITHOUT_MATCH | kTermFlags,
                         kHighlightStart, kHighlightEnd, kOmit);
 }
 
 std::string HighlightText(const Xapian::MSet &mset, const Xapian::Database &db, Xapian::docid doc_id,
                           const Xapian::Document &doc, const TextSource &source, const Xapian::Query &query,
-                          size_t frag_length) {
+                          const Xapian::Stem &stemmer, size_t frag_length) {
     std::vector<uint32_t> starts;
     if (!DecodeChunkStarts(doc.get_value(kTextLayoutSlot), &starts) || starts.empty()) return "";
     const size_t count = starts.size();
@@ -125,14 +130,15 @@ std::string HighlightText(const Xapian::MSet &mset, const Xapian::Database &db, 
     unsigned words = 0;
     const auto positions = MatchPositions(db, doc_id, query, &words);
     if (positions.empty()) {
-        // Only a wildcard can still match here, and its words are not known:
-        // look through the text from its start until one shows.
-        if (!HasWildcard(query)) return "";
+        // Only a wildcard or another form of a word can still match here,
+        // and its words are not known: look through the text from its
+        // start until one shows.
+        if (!MatchesUnnamedWords(query)) return "";
         std::string text;
         for (size_t first = 0; first < count; first += reach + 1) {
             const size_t last = std::min(count - 1, first + reach);
             if (!ReadChunks(source, first, last, &text)) break;
-            const std::string fragment = SnippetOfWindow(mset, text, first > 0, last + 1 < count, frag_length);
+            const std::string fragment = SnippetOfWindow(mset, text, stemmer, first > 0, last + 1 < count, frag_length);
             if (!fragment.empty()) return fragment;
         }
         return "";
@@ -164,7 +170,7 @@ std::string HighlightText(const Xapian::MSet &mset, const Xapian::Database &db, 
     while (begin < text.size() && IsContinuationByte(text[begin])) ++begin;
     size_t end = std::min(text.size(), offset + frag_length + frag_length / 2);
     while (end < text.size() && IsContinuationByte(text[end])) ++end;
-    return SnippetOfWindow(mset, text.substr(begin, end - begin), first > 0 || begin > 0, last + 1 < count || end < text.size(),
+    return SnippetOfWindow(mset, text.substr(begin, end - begin), stemmer, first > 0 || begin > 0, last + 1 < count || end < text.size(),
                            frag_length);
 }
 

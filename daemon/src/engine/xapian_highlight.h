@@ -16,13 +16,15 @@ namespace xap {
 // The fragment of document `doc_id`'s text content around its best matches
 // with `query`, about frag_length bytes (before CutFragment), matches in
 // kHighlightStart/End; "" when the text holds no match.  Term positions
-// come from `db`, the text from `source`.
+// come from `db`, the text from `source`; words match in their other forms
+// through `stemmer`, the query's.
 std::string HighlightText(const Xapian::MSet &mset, const Xapian::Database &db, Xapian::docid doc_id,
                           const Xapian::Document &doc, const TextSource &source, const Xapian::Query &query,
-                          size_t frag_length);
+                          const Xapian::Stem &stemmer, size_t frag_length);
 
 // The same fragment over a text held whole (a field other than the text content).
-std::string HighlightField(const Xapian::MSet &mset, const std::string &text, size_t frag_length);
+std::string HighlightField(const Xapian::MSet &mset, const std::string &text, const Xapian::Stem &stemmer,
+                           size_t frag_length);
 
 }  // namespace xap
 }  // namespace zarnd

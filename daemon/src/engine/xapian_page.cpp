@@ -10,6 +10,7 @@
 #include "xapian_record.h"
 #include "xapian_shards.h"
 #include "xapian_sort.h"
+#include "xapian_terms.h"
 
 namespace zarnd {
 namespace xap {
@@ -55,7 +56,8 @@ Xapian::Query WithValue(const Xapian::Query &query, Xapian::valueno slot, const 
 
 Page::Page(const Xapian::Database &db, size_t shards, bool remote, const SearchPlan &plan, bool records)
     : enquire_(db) {
-    query = ParseQuery(plan.query, db);
+    StemmerFor(LanguageOf(db), &stemmer);
+    query = ParseQuery(plan.query, db, stemmer, plan.sort.empty());
     if (plan.reader != nullptr && plan.reader->uid != 0) {
         const Xapian::Query hidden = HiddenFrom(db, *plan.reader);
         if (!hidden.empty()) query = Xapian::Query(Xapian::Query::OP_AND_NOT, query, hidden);

@@ -33,6 +33,7 @@ public:
 
     uint64_t total = 0;
     std::vector<PageHit> hits;
+    Xapian::Stem stemmer;  // of the index's language, for highlights too
     Xapian::Query query;
     Xapian::MSet mset;  // of the match that ran first, for highlights
 

@@ -355,9 +355,9 @@ private:
             std::string fragment;
             if (request.field == field::kTextContent)
                 fragment = xap::HighlightText(page.mset, index.db, hit.doc_id, doc, index.TextOf(hit.doc_id), page.query,
-                                             request.frag_length);
+                                             page.stemmer, request.frag_length);
             else if (stored[request.field].isString())
-                fragment = xap::HighlightField(page.mset, stored[request.field].asString(), request.frag_length);
+                fragment = xap::HighlightField(page.mset, stored[request.field].asString(), page.stemmer, request.frag_length);
             fragment = CutFragment(fragment, request.frag_length);
             if (!fragment.empty()) hit.highlight[request.field] = fragment;
         }

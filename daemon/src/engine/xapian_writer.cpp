@@ -12,6 +12,7 @@
 #include "xapian_document.h"
 #include "xapian_layout.h"
 #include "xapian_record.h"
+#include "xapian_terms.h"
 
 namespace zarnd {
 namespace xap {
@@ -52,6 +53,12 @@ DatabaseWriter::DatabaseWriter(Xapian::WritableDatabase db, const std::string &n
         // closed after a failure drops them instead of committing them,
         // which the engine would try even on a full disk.
         db_.begin_transaction();
+        // Words are stemmed in the language the index was begun in.
+        std::string language = db_.get_metadata(kLanguageKey);
+        if (language.empty()) db_.set_metadata(kLanguageKey, language = ConfiguredLanguage(name_));
+        Xapian::Stem stemmer;
+        StemmerFor(language, &stemmer);
+        generator_.set_stemmer(stemmer);
     });
     writing_ = std::thread([this] { Write(); });
 }

@@ -10,7 +10,8 @@ namespace zarnd {
 
 namespace {
 
-void Add(const Json::Value &entry, std::map<std::string, std::set<std::string>> *shares) {
+void Add(const Json::Value &entry, std::map<std::string, std::set<std::string>> *shares,
+         std::map<std::string, std::string> *languages) {
     const Json::Value path = entry.isObject() ? entry["path"] : Json::Value();
     if (!path.isString()) {
         ZARN_LOG(LOG_WARNING, "skipping an indexed folder without a path");
@@ -26,6 +27,12 @@ void Add(const Json::Value &entry, std::map<std::string, std::set<std::string>> 
         return;
     }
     (*shares)[share].insert(folder);
+    const Json::Value language = entry["language"];
+    if (languages == nullptr || !language.isString()) return;
+    const auto known = languages->emplace(share, language.asString());
+    if (known.first->second != language.asString())
+        ZARN_LOG(LOG_WARNING, "share %s: language %s ignored, the share's words are stemmed in %s", share.c_str(),
+                 language.asString().c_str(), known.first->second.c_str());
 }
 
 // Sorted order puts a folder right before the folders inside it.
@@ -43,15 +50,17 @@ void DropNested(std::set<std::string> *folders) {
 
 }  // namespace
 
-bool ReadIndexedFolders(const char *config_path, std::map<std::string, std::set<std::string>> *shares) {
+bool ReadIndexedFolders(const char *config_path, std::map<std::string, std::set<std::string>> *shares,
+                        std::map<std::string, std::string> *languages) {
     shares->clear();
+    if (languages != nullptr) languages->clear();
     Json::Value config;
     if (!zarn::json::FromFile(config_path, &config)) {
         ZARN_LOG(LOG_ERR, "Failed to load json from %s", config_path);
         return false;
     }
     if (config.isArray() || config.isObject())
-        for (const Json::Value &entry : config) Add(entry, shares);
+        for (const Json::Value &entry : config) Add(entry, shares, languages);
     for (auto &share : *shares) DropNested(&share.second);
     return true;
 }

@@ -127,7 +127,8 @@ bool IndexShare(const std::string &share, const std::set<std::string> &folders, 
 
 int RunIndexer(const IndexOptions &options, IndexCounts *total) {
     std::map<std::string, std::set<std::string>> shares;
-    if (!ReadIndexedFolders(options.config_path.c_str(), &shares)) {
+    std::map<std::string, std::string> languages;
+    if (!ReadIndexedFolders(options.config_path.c_str(), &shares, &languages)) {
         std::fprintf(stderr, "zarnelasticd: cannot read the indexed folders from %s\n",
                      options.config_path.c_str());
         return 1;
@@ -141,8 +142,10 @@ int RunIndexer(const IndexOptions &options, IndexCounts *total) {
     }
     IndexCounts sum;
     int status = 0;
-    for (const auto &share : shares)
+    for (const auto &share : shares) {
+        SetIndexLanguage(IndexDirOfShare(share.first), languages[share.first]);
         if (!IndexShare(share.first, share.second, options, &sum)) status = 1;
+    }
     if (total != nullptr) *total = sum;
     return status;
 }

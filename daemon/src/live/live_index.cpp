@@ -177,7 +177,9 @@ private:
     // folder watched anew.
     void Reload() {
         std::map<std::string, std::set<std::string>> listed;
-        ReadIndexedFolders(options_.config_path.c_str(), &listed);  // logs why not; nothing then
+        std::map<std::string, std::string> languages;
+        ReadIndexedFolders(options_.config_path.c_str(), &listed, &languages);  // logs why not; nothing then
+        for (const auto &entry : listed) SetIndexLanguage(IndexDirOfShare(entry.first), languages[entry.first]);
         watcher_.Clear();
         shares_.clear();
         for (const auto &entry : listed) {
