@@ -17,6 +17,8 @@
 #include <vector>
 
 #include "engine.h"
+#include "extract/content.h"
+#include "extract/pool.h"
 #include "failure.h"
 #include "file_record.h"
 #include "log.h"
@@ -123,7 +125,9 @@ public:
     ShareIndexer(const std::string &share, const std::string &root, IndexWriter *writer, Progress *progress,
                  std::map<std::string, std::string> stored, bool complete, const FolderHook &on_folder)
         : share_(share), root_(root), writer_(writer), progress_(progress), on_folder_(on_folder),
-          stored_(std::move(stored)), complete_(complete) {}
+          stored_(std::move(stored)), complete_(complete) {
+        if (extract::Pool *pool = extract::ExtractionPool()) batch_.reset(new extract::Batch(pool));
+    }
 
     // Indexes the share-relative `path` and, for a folder, everything in it.
     // False when there is no such file or folder on the share's file system.
@@ -170,8 +174,10 @@ public:
         return true;
     }
 
-    // Removes the records of everything the walks did not meet.
+    // Writes the records still waiting for their content, and removes the
+    // records of everything the walks did not meet.
     void RemoveUnseen() {
+        while (batch_ && batch_->pending() > 0) Collect(true);
         for (const auto &gone : stored_) {
             writer_->Remove(gone.first);
             ++counts_.removed;
@@ -228,19 +234,24 @@ private:
             const bool regular = S_ISREG(entry.st.stx_mode) && dirfd >= 0;
             const int fd = regular ? OpenFileAt(dirfd, name) : -1;
             uint64_t read = 0;
-            const FileRecord record = MakeRecord(entry, fd, &read);
+            FileRecord record = MakeRecord(entry, fd, &read);
             // Two names may repair to one path: only a path met for the
             // first time is surely new to the index.
-            if (complete_ && !known && written_.insert(std::hash<std::string>()(record.path)).second)
-                writer_->Add(record);
-            else
-                writer_->Put(record);
+            const bool add = complete_ && !known && written_.insert(std::hash<std::string>()(record.path)).second;
             if (fd >= 0) {
                 counts_.bytes_read += read;
                 counts_.bytes_walked += entry.st.stx_size;
                 batch_bytes_ += entry.st.stx_size;
-                close(fd);
             }
+            if (fd >= 0 && batch_ && extract::WantsWorker(record, entry.st.stx_size)) {
+                // The worker takes the descriptor; the record waits for it.
+                batch_->Submit(next_tag_, fd, extract::RequestFor(record, entry.st.stx_size));
+                waiting_.emplace(next_tag_++, Waiting{std::move(record), add});
+            } else {
+                Write(record, add);
+                if (fd >= 0) close(fd);
+            }
+            if (batch_) Collect(false);
             ++(known ? counts_.updated : counts_.added);
             if (++batch_records_ >= kBatchRecords || batch_bytes_ >= kBatchBytes) {
                 writer_->Commit();
@@ -249,6 +260,41 @@ private:
         }
         if (progress_ != nullptr) progress_->Tick(counts_);
     }
+
+    void Write(const FileRecord &record, bool add) {
+        if (add)
+            writer_->Add(record);
+        else
+            writer_->Put(record);
+    }
+
+    // Writes the records whose content came back; waits for one when `wait`.
+    // A failure costs the file its content only: its record goes in with
+    // name and metadata, and it is read again when it changes.
+    void Collect(bool wait) {
+        for (auto &done : batch_->Take(wait)) {
+            const auto found = waiting_.find(done.first);
+            if (found == waiting_.end()) continue;
+            FileRecord &record = found->second.record;
+            const extract::Outcome &outcome = done.second;
+            if (outcome.failed) {
+                ++counts_.not_read;
+                ZARN_LOG(LOG_WARNING, "content of %s not read: %s", record.path.c_str(), outcome.reason.c_str());
+                if (progress_ != nullptr)
+                    std::fprintf(stderr, "zarnelasticd: content of %s not read: %s\n", record.path.c_str(),
+                                 outcome.reason.c_str());
+            } else {
+                extract::MergeReply(outcome.reply, &record);
+            }
+            Write(record, found->second.add);
+            waiting_.erase(found);
+        }
+    }
+
+    struct Waiting {
+        FileRecord record;
+        bool add;
+    };
 
     const std::string share_;
     const std::string root_;
@@ -262,6 +308,9 @@ private:
     uint64_t batch_records_ = 0;  // put since the last commit
     uint64_t batch_bytes_ = 0;
     dev_t device_ = 0;
+    std::map<uint64_t, Waiting> waiting_;  // records whose content a worker reads
+    uint64_t next_tag_ = 0;
+    std::unique_ptr<extract::Batch> batch_;  // last: its end waits for the workers
 };
 
 // The daemon holds a share's index only while it applies a batch of live
@@ -297,6 +346,7 @@ void Add(IndexCounts *total, const IndexCounts &counts) {
     total->bytes_read += counts.bytes_read;
     total->bytes_walked += counts.bytes_walked;
     total->skipped += counts.skipped;
+    total->not_read += counts.not_read;
 }
 
 bool IndexShare(const std::string &share, const std::set<std::string> &folders, const IndexOptions &options,
@@ -320,12 +370,12 @@ bool IndexShare(const std::string &share, const std::set<std::string> &folders, 
         const uint64_t files = c.added + c.updated + c.unchanged;
         // The rate is of what was read: a file gives at most its text cap,
         // however large it is.
-        std::printf("%s: %llu added, %llu updated, %llu removed, %llu unchanged, %llu skipped; "
+        std::printf("%s: %llu added, %llu updated, %llu removed, %llu unchanged, %llu skipped, %llu contents not read; "
                     "%.1f MB read (of %.1f MB walked) in %.2f s (%.0f files/s, %.1f MB/s read)\n",
                     share.c_str(), static_cast<unsigned long long>(c.added),
                     static_cast<unsigned long long>(c.updated), static_cast<unsigned long long>(c.removed),
                     static_cast<unsigned long long>(c.unchanged), static_cast<unsigned long long>(c.skipped),
-                    c.bytes_read / 1e6, c.bytes_walked / 1e6, seconds, files / seconds,
+                    static_cast<unsigned long long>(c.not_read), c.bytes_read / 1e6, c.bytes_walked / 1e6, seconds, files / seconds,
                     c.bytes_read / 1e6 / seconds);
         std::fflush(stdout);
         ZARN_LOG(LOG_INFO, "indexed share %s: %llu added, %llu updated, %llu removed, %llu unchanged",

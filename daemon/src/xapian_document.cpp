@@ -41,6 +41,7 @@ void AddField(const FieldLayout &layout, const Json::Value &value, Xapian::Docum
     switch (layout.terms) {
     case TermKind::kFreeText:
         generator->index_text(text, 1, layout.prefix);
+        if (layout.bare) generator->index_text(text);
         generator->increase_termpos();  // no phrase across two fields
         break;
     case TermKind::kExact:
