@@ -279,6 +279,7 @@ private:
             const extract::Outcome &outcome = done.second;
             if (outcome.failed) {
                 ++counts_.not_read;
+                extract::DropContent(&record);
                 ZARN_LOG(LOG_WARNING, "content of %s not read: %s", record.path.c_str(), outcome.reason.c_str());
                 if (progress_ != nullptr)
                     std::fprintf(stderr, "zarnelasticd: content of %s not read: %s\n", record.path.c_str(),

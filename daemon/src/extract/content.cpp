@@ -20,7 +20,10 @@ bool MarkupName(const std::string &extension) {
     return false;
 }
 
-bool StartsWithTag(const std::string &text) {
+// Markup, or a PDF written without binary bytes: text to the indexer's
+// eyes, a document to a worker's.
+bool DocumentText(const std::string &text) {
+    if (text.compare(0, 5, "%PDF-") == 0) return true;
     size_t at = text.compare(0, 3, "\xEF\xBB\xBF") == 0 ? 3 : 0;  // a byte order mark
     at = text.find_first_not_of(" \t\r\n", at);
     return at != std::string::npos && text[at] == '<';
@@ -32,8 +35,10 @@ bool WantsWorker(const FileRecord &record, uint64_t size) {
     if (size == 0) return false;
     const Json::Value &text = record.fields[field::kTextContent];
     if (!text.isString()) return true;
-    return MarkupName(record.fields[field::kExtension].asString()) || StartsWithTag(text.asString());
+    return MarkupName(record.fields[field::kExtension].asString()) || DocumentText(text.asString());
 }
+
+void DropContent(FileRecord *record) { record->fields.removeMember(field::kTextContent); }
 
 Request RequestFor(const FileRecord &record, uint64_t size) {
     Request request;

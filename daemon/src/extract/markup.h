@@ -18,7 +18,7 @@ namespace extract {
 
 // Bytes of one XML or HTML text read at most, and elements nested at most.
 constexpr size_t kMaxMarkupBytes = 16u << 20;
-constexpr int kMaxMarkupDepth = 256;
+constexpr int kMaxMarkupDepth = 128;  // below libxml2's own limit, which stops silently
 
 // Fills `buffer` with up to `size` bytes; 0 at the end, -1 on an error.
 using Pull = std::function<ssize_t(char *buffer, size_t size)>;

@@ -30,8 +30,9 @@ void Extract(const Input &input, Sink *sink) {
     std::unique_ptr<poppler::document> doc(
         poppler::document::load_from_raw_data(input.data, static_cast<int>(input.size)));
     if (!doc) throw ExtractError("not a readable PDF");
-    sink->SetBool(field::kIsEncrypted, doc->is_encrypted());
-    // Locked by a user password: neither the text nor the fields can be read.
+    // Locked by a user password: neither the text nor the fields can be
+    // read (and poppler does not call such a document encrypted).
+    sink->SetBool(field::kIsEncrypted, doc->is_locked() || doc->is_encrypted());
     if (doc->is_locked()) return;
     sink->Set(field::kTitle, Info(*doc, "Title"));
     sink->Set(field::kAuthors, Info(*doc, "Author"));

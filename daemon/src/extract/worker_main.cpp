@@ -70,6 +70,16 @@ uint64_t CpuMs() {
            static_cast<uint64_t>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000;
 }
 
+// libmagic's answer, unless it only says "some text" and the name says
+// which markup: a page without <html> is still a page.
+std::string KindOf(const char *magic_kind, const std::string &extension) {
+    const std::string kind = magic_kind == nullptr ? "application/octet-stream" : magic_kind;
+    if (kind != "text/plain") return kind;
+    if (extension == "html" || extension == "htm" || extension == "xhtml") return "text/html";
+    if (extension == "xml") return "text/xml";
+    return kind;
+}
+
 Reply Failed(const std::string &reason) {
     Reply reply;
     reply.status = Status::kFailed;
@@ -87,8 +97,7 @@ Reply ExtractFile(int fd, const Request &request, magic_t magic) {
     void *map = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
     if (map == MAP_FAILED) return Failed(std::string("cannot map the file: ") + std::strerror(errno));
     Input input{static_cast<const char *>(map), size, std::string(), Lower(request.extension)};
-    const char *kind = magic_buffer(magic, map, std::min(size, kSniffBytes));
-    input.kind = kind == nullptr ? "application/octet-stream" : kind;
+    input.kind = KindOf(magic_buffer(magic, map, std::min(size, kSniffBytes)), input.extension);
     Reply reply = RunExtractor(input);
     munmap(map, size);
     return reply;
