@@ -181,6 +181,12 @@ bool WriteZip(const std::string &path, const std::vector<std::pair<std::string, 
     if (archive_write_set_format_zip(zip.get()) != ARCHIVE_OK || archive_write_open_filename(zip.get(), path.c_str()) != ARCHIVE_OK)
         return false;
     for (const auto &item : entries) {
+        // OpenDocument and EPUB keep their "mimetype" first and stored, so
+        // that a reader of the first bytes knows the kind.
+        if (item.first == "mimetype")
+            archive_write_zip_set_compression_store(zip.get());
+        else
+            archive_write_zip_set_compression_deflate(zip.get());
         archive_entry *entry = archive_entry_new();
         archive_entry_set_pathname(entry, item.first.c_str());
         archive_entry_set_size(entry, static_cast<la_int64_t>(item.second.size()));
