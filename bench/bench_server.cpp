@@ -15,22 +15,17 @@
 #include <thread>
 #include <vector>
 
+#include "daemon_socket.h"
 #include "replies.h"
 #include "zarnplatform.h"
 
 namespace zarnbench {
 namespace {
 
-constexpr char kSocketPath[] = "/var/run/zarnelasticd.sock";
+constexpr const char *kSocketPath = zarn::kDaemonSocketPath;
 constexpr int kBlockHits = 1000;  // distinct hits, sent over and over
 
-sockaddr_un SocketAddress() {
-    sockaddr_un address;
-    std::memset(&address, 0, sizeof address);
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, kSocketPath, sizeof kSocketPath);
-    return address;
-}
+sockaddr_un SocketAddress() { return zarn::DaemonAddress(); }
 
 int Listen() {
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);

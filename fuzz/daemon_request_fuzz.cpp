@@ -27,7 +27,7 @@
 
 #include <json/value.h>
 
-#include "indexer.h"
+#include "index_run.h"
 #include "json_text.h"
 #include "protocol.h"
 #include "request.h"
@@ -82,7 +82,7 @@ Reply Ask(const std::string &text, uint32_t peer_uid, size_t read_limit, double 
             reply.packets.push_back(packet);
             return read_limit == 0 || reply.packets.size() < read_limit;
         },
-        budget_s);
+        zarnd::RequestLimits{budget_s, {}});
     return reply;
 }
 

@@ -15,10 +15,12 @@
 
 #include <json/value.h>
 
+#include "names.h"
+
 namespace zarn {
 namespace fileindex {
 
-constexpr char kFolderConfigPath[] = "/var/packages/Norvex/etc/fileindex.folders";
+using zarn::kFolderConfigPath;
 
 // The folder list as last read: an array of {"path": "/share[/sub]"} objects
 // when the file is well formed.  A missing file keeps what was read before;

@@ -1,6 +1,6 @@
 // The FILEIDX functions: where a share's file index lives (its identifier for
 // the daemon, its database directory and its queue inside the share's
-// "@eaDir"), and whether a share or a path is in the indexed-folder list.
+// metadata folder), and whether a share or a path is in the indexed-folder list.
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -19,6 +19,7 @@
 #include "fileindex_config.h"
 #include "json_text.h"
 #include "log.h"
+#include "names.h"
 #include "zarncontentsearchutils.h"
 #include "zarnplatform.h"
 
@@ -35,23 +36,20 @@
 
 namespace {
 
-constexpr char kEaDirName[] = "@eaDir";
-constexpr char kDBLeafName[] = "ZARN@.fileindexdb";
-constexpr char kQueueLeafName[] = "ZARN@file_index_queue";
 constexpr size_t kEaDirPathBytes = 4096;
 
-// Writes "<share path>/@eaDir/<leaf>" into the caller's buffer, cut to fit,
-// after making sure "@eaDir" exists; the database variant also creates the
+// Writes "<share path>/<metadata folder>/<leaf>" into the caller's buffer,
+// cut to fit, after making sure the metadata folder exists; the database variant also creates the
 // leaf directory.  Failures to create are not ours to report: the caller
 // gets the path either way.  The arguments have been checked.
 int ComposeEaDirPath(const char *share_path, const char *leaf, bool create_leaf, char *out,
                      int out_len) {
     char ea_dir[kEaDirPathBytes];
     std::memset(ea_dir, 0, sizeof ea_dir);
-    std::snprintf(ea_dir, sizeof ea_dir, "%s/%s", share_path, kEaDirName);
+    std::snprintf(ea_dir, sizeof ea_dir, "%s/%s", share_path, zarn::kMetadataDirName);
     ZARNEAMKDir(0, ea_dir);
 
-    std::snprintf(out, static_cast<size_t>(out_len), "%s/%s/%s", share_path, kEaDirName, leaf);
+    std::snprintf(out, static_cast<size_t>(out_len), "%s/%s/%s", share_path, zarn::kMetadataDirName, leaf);
     if (create_leaf) mkdir(out, 0777);
     return static_cast<int>(std::strlen(out));
 }
@@ -78,7 +76,7 @@ extern "C" int FILEIDXGetIndexID(const char *szShareName, char *szIndexID, int c
     FILEIDX_CHECK_ARG(__null != szShareName, 0);
     FILEIDX_CHECK_ARG(__null != szIndexID, 0);
     FILEIDX_CHECK_ARG(cbOutLen > 0, 0);
-    std::snprintf(szIndexID, static_cast<size_t>(cbOutLen), "fileindex_%s", szShareName);
+    std::snprintf(szIndexID, static_cast<size_t>(cbOutLen), "%s%s", zarn::kIndexIdPrefix, szShareName);
     return 1;
 }
 
@@ -86,7 +84,7 @@ extern "C" int FILEIDXDBPathCompose(const char *szSharePath, char *szOutDBPath, 
     FILEIDX_CHECK_ARG(__null != szSharePath, -1);
     FILEIDX_CHECK_ARG(__null != szOutDBPath, -1);
     FILEIDX_CHECK_ARG(cbOutLen > 0, -1);
-    return ComposeEaDirPath(szSharePath, kDBLeafName, true, szOutDBPath, cbOutLen);
+    return ComposeEaDirPath(szSharePath, zarn::kIndexDbLeafName, true, szOutDBPath, cbOutLen);
 }
 
 extern "C" int FILEIDXQueuePathCompose(const char *szSharePath, char *szOutQueuePath,
@@ -94,7 +92,7 @@ extern "C" int FILEIDXQueuePathCompose(const char *szSharePath, char *szOutQueue
     FILEIDX_CHECK_ARG(__null != szSharePath, -1);
     FILEIDX_CHECK_ARG(__null != szOutQueuePath, -1);
     FILEIDX_CHECK_ARG(cbOutLen > 0, -1);
-    return ComposeEaDirPath(szSharePath, kQueueLeafName, false, szOutQueuePath, cbOutLen);
+    return ComposeEaDirPath(szSharePath, zarn::kIndexQueueLeafName, false, szOutQueuePath, cbOutLen);
 }
 
 extern "C" int FILEIDXDBPathGet(const char *szName, char *szOutDBPath, int cbOutLen) {

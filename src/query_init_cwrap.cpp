@@ -12,18 +12,6 @@
 #include "log.h"
 #include "zarncontentsearchutils.h"
 
-namespace zarn {
-
-sockaddr_un DaemonAddress() {
-    sockaddr_un address;
-    std::memset(&address, 0, sizeof address);
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, kDaemonSocketPath, sizeof kDaemonSocketPath);
-    return address;
-}
-
-}  // namespace zarn
-
 extern "C" int ZARNQueryConnectionInit(ZARNQueryHandle **handle) {
     // A write to a daemon that has gone must fail with EPIPE, not kill the caller.
     signal(SIGPIPE, SIG_IGN);

@@ -9,7 +9,6 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,14 +17,11 @@
 
 #include "engine.h"
 
-#include "daemon_socket.h"
 #include "extract/pool.h"
-#include "indexer.h"
-#include "server.h"
+#include "index_run.h"
+#include "process.h"
 
 namespace {
-
-constexpr double kDefaultShardTimeoutS = 2;
 
 // "a,b,c" as its items; false when one is empty.
 bool SplitList(const std::string &list, std::vector<std::string> *items) {
@@ -67,34 +63,7 @@ void PrintUsage(FILE *out) {
                  "                                    each HOST:PORT of a xapian-tcpsrv --writable\n"
                  "                                    or the absolute path of a local database\n"
                  "       zarnelasticd --help | --version\n",
-                 zarnd::kDefaultSearchBudgetS, kDefaultShardTimeoutS);
-}
-
-bool g_extraction_off = false;  // --extract-workers 0
-
-// Starts the extraction workers unless they were turned off.
-void StartWorkers(const zarnd::extract::PoolOptions &options) {
-    if (!g_extraction_off) zarnd::extract::StartExtraction(options);
-}
-
-// --extract-workers N and --extract-timeout SECONDS, of both commands; false
-// when argv[*i] is neither (or its value is wrong: *bad is then set).
-bool ExtractOption(int argc, char **argv, int *i, zarnd::extract::PoolOptions *options, bool *bad) {
-    const bool workers = std::strcmp(argv[*i], "--extract-workers") == 0;
-    if ((!workers && std::strcmp(argv[*i], "--extract-timeout") != 0) || *i + 1 >= argc) return false;
-    char *end = nullptr;
-    const double value = std::strtod(argv[++*i], &end);
-    if (end == argv[*i] || *end != '\0') {
-        *bad = true;
-    } else if (workers) {
-        *bad = !(value >= 0 && value <= 256 && value == static_cast<unsigned>(value));
-        options->workers = static_cast<unsigned>(value);
-        g_extraction_off = value == 0;
-    } else {
-        *bad = !(value >= 0.1 && value <= 3600);
-        options->timeout = std::chrono::milliseconds(static_cast<long long>(value * 1000));
-    }
-    return true;
+                 zarnd::kDefaultSearchBudgetS, zarnd::kDefaultShardTimeoutMs / 1000.0);
 }
 
 // A wrong command line: the usage on standard error, exit 2.
@@ -125,7 +94,7 @@ int Index(int argc, char **argv) {
         bool bad = false;
         if (const int status = Request(argv[i]); status >= 0)
             return status;
-        else if (ExtractOption(argc, argv, &i, &extraction, &bad)) {
+        else if (zarnd::extract::ParseExtractOption(argc, argv, &i, &extraction, &bad)) {
             if (bad) return Usage();
         }
         else if (std::strcmp(argv[i], "--progress") == 0)
@@ -142,7 +111,8 @@ int Index(int argc, char **argv) {
     // A layout belongs to one share: two shares in one database would mix.
     if (!options.shards.empty() && options.share.empty()) return Usage();
     openlog("zarnelasticd", LOG_PID, LOG_DAEMON);
-    StartWorkers(extraction);
+    zarnd::RaiseDescriptorLimit();
+    zarnd::extract::StartExtraction(extraction);
     const int status = zarnd::RunIndexer(options);
     zarnd::extract::StopExtraction();
     return status;
@@ -150,14 +120,13 @@ int Index(int argc, char **argv) {
 
 int Serve(int argc, char **argv) {
     zarnd::ServerOptions options;
-    options.socket_path = zarn::kDaemonSocketPath;
     bool debug = false;
     zarnd::extract::PoolOptions extraction;
     for (int i = 1; i < argc; ++i) {
         bool bad = false;
         if (const int status = Request(argv[i]); status >= 0) {
             return status;
-        } else if (ExtractOption(argc, argv, &i, &extraction, &bad)) {
+        } else if (zarnd::extract::ParseExtractOption(argc, argv, &i, &extraction, &bad)) {
             if (bad) return Usage();
         } else if (std::strcmp(argv[i], "--foreground") == 0) {
             options.foreground = true;
@@ -179,12 +148,12 @@ int Serve(int argc, char **argv) {
             char *end = nullptr;
             const double budget = std::strtod(argv[++i], &end);
             if (end == argv[i] || *end != '\0' || !(budget >= 0 && budget <= 3600)) return Usage();
-            options.search_budget_s = budget;
+            options.limits.search_budget_s = budget;
         } else if (std::strcmp(argv[i], "--shard-timeout") == 0 && i + 1 < argc) {
             char *end = nullptr;
             const double timeout = std::strtod(argv[++i], &end);
             if (end == argv[i] || *end != '\0' || !(timeout >= 0.01 && timeout <= 600)) return Usage();
-            zarnd::SetShardTimeout(static_cast<unsigned>(timeout * 1000));
+            options.limits.engine.shard_timeout_ms = static_cast<unsigned>(timeout * 1000);
         } else {
             return Usage();
         }
@@ -192,8 +161,9 @@ int Serve(int argc, char **argv) {
     // In the foreground every log line is copied to standard error.
     openlog("zarnelasticd", LOG_PID | (options.foreground ? LOG_PERROR : 0), LOG_DAEMON);
     setlogmask(LOG_UPTO(debug ? LOG_DEBUG : LOG_INFO));
+    zarnd::RaiseDescriptorLimit();
     // Only live indexing reads files: without it no worker is needed.
-    if (options.live) StartWorkers(extraction);
+    if (options.live) zarnd::extract::StartExtraction(extraction);
     const int status = zarnd::RunServer(options);
     zarnd::extract::StopExtraction();
     return status;

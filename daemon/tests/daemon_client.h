@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "json_text.h"
+#include "daemon_socket.h"
 #include "zarnplatform.h"
 
 namespace zarntest {
@@ -21,7 +22,7 @@ using Replies = std::vector<Json::Value>;
 // A connection to the daemon's socket; -1 when nobody answers there.
 inline int ConnectToDaemon() {
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address = {AF_UNIX, "/var/run/zarnelasticd.sock"};  // kDaemonSocket
+    sockaddr_un address = zarn::DaemonAddress();
     if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) return fd;
     close(fd);
     return -1;

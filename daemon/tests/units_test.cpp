@@ -1,6 +1,7 @@
 // The daemon's units whose cases the share of the end-to-end tests cannot
 // hold: other users and groups, odd bytes, cut fragments, the folder list,
-// the last document id and the kernel events that the watcher reads.
+// the last document id, the kernel events that the watcher reads and the
+// order in which the scheduler hands requests to the workers.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -15,6 +16,7 @@
 #include "file_record.h"
 #include "folders.h"
 #include "fragment.h"
+#include "scheduler.h"
 #include "sort_key.h"
 #include "text_content.h"
 #include "watcher.h"
@@ -98,12 +100,13 @@ TEST(DaemonUnits, FragmentIsCutBelowTheLimitWithoutBreakingAnything) {
         {mail, 40, "\xE2\x80\xA6the <em>xapian</em> bindings\xE2\x80\xA6"},
         {mail, 60, "\xE2\x80\xA6wrote the <em>xapian</em> bindings for us all"},
         {"\xE2\x80\xA6 ab cd <em>x</em> ef gh \xE2\x80\xA6", 24, "\xE2\x80\xA6" "cd <em>x</em> ef\xE2\x80\xA6"},
-        {"0123456789 <em>x</em>", 12, " <em>x</em>"},  // no room for a mark
+        {"0123456789 <em>x</em>", 14, "\xE2\x80\xA6<em>x</em>"},  // room for one mark
+        {"0123456789 <em>x</em>", 12, "<em>x</em>"},
         {"abcdef", 2, "a"},
         {"ab\xC3\xA9z", 4, "ab"},  // no half character
         {"a &amp; b", 5, "a\xE2\x80\xA6"},  // no half escape
         {"xy <em>word</em> tail", 12, "<em>wo</em>"},  // the match shown, if only in part
-        {"<em>a</em> <em>b</em>", 13, "<em>a</em> "},
+        {"<em>a</em> <em>b</em>", 13, "<em>a</em>"},
         {"anything", 1, ""},
         {"a <em>b</em> c", 10, ""},  // no empty highlight, no half tag
     };
@@ -232,6 +235,53 @@ TEST(DaemonUnits, ShardListsAndCombinedIds) {
 
 // Real kernel events on watched folders /w/a and /w/a/sub, each change
 // giving the paths it makes stale, once per event (kConfig as "config").
+// A free worker takes the oldest request whose uid serves fewer than its
+// share of the workers; root is never held back; a uid holds at most
+// max_per_user connections.  Each row queues its uids in order, then takes
+// requests until none may be taken, then finishes the first one taken.
+TEST(DaemonUnits, SchedulerServesAUidUnderItsShareFirstAndNeverMoreThanItsShare) {
+    const struct {
+        unsigned share;
+        std::vector<uid_t> queued;
+        std::vector<uid_t> taken;        // in order, until none may be taken
+        std::vector<uid_t> after_finish;  // once the first taken is finished
+    } cases[] = {
+        {2, {1000, 1000, 1000, 1001}, {1000, 1000, 1001}, {1000}},  // the third waits; a younger uid passes it
+        {1, {1000, 1000, 0, 1001}, {1000, 0, 1001}, {1000}},        // root passes too
+        {2, {0, 0, 0, 0}, {0, 0, 0, 0}, {}},                        // root is never held back
+        {1, {1000, 1001, 1000, 1001}, {1000, 1001}, {1000}},        // each uid one at a time
+        {3, {1000, 1000, 1000, 1000}, {1000, 1000, 1000}, {1000}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(::testing::PrintToString(c.queued) + " share " + std::to_string(c.share));
+        Scheduler scheduler(16, 16, c.share);
+        for (const uid_t uid : c.queued) {
+            ASSERT_TRUE(scheduler.Admit(uid));
+            ASSERT_TRUE(scheduler.Push({-1, {uid, 1}, Clock::now(), false}));
+        }
+        std::vector<uid_t> taken;
+        std::vector<Connection> served;
+        for (Connection next; scheduler.TryPop(&next);) {
+            taken.push_back(next.peer.uid);
+            served.push_back(next);
+        }
+        EXPECT_EQ(taken, c.taken);
+        ASSERT_FALSE(served.empty());
+        scheduler.Finish(served.front());
+        std::vector<uid_t> after;
+        for (Connection next; scheduler.TryPop(&next);) after.push_back(next.peer.uid);
+        EXPECT_EQ(after, c.after_finish);
+    }
+    Scheduler capped(16, 2, 1);
+    EXPECT_TRUE(capped.Admit(1000));
+    EXPECT_TRUE(capped.Admit(1000));
+    EXPECT_FALSE(capped.Admit(1000));  // its cap
+    EXPECT_TRUE(capped.Admit(1001));
+    EXPECT_TRUE(capped.Admit(0));
+    EXPECT_TRUE(capped.Admit(0));
+    EXPECT_TRUE(capped.Admit(0));  // root is never capped
+}
+
 TEST(DaemonUnits, WatcherTurnsEventsIntoStalePaths) {
     ASSERT_EQ(0, std::system("mkdir -p /var/w/a/sub /var/w/a/@eaDir /var/w/etc && echo 1 > /var/w/a/old.txt"));
     Watcher watcher(3);
