@@ -2,25 +2,37 @@
 # the public headers, the platform stand-in, zarnsearch, the systemd units of
 # the daemon and of a shard server, a pkg-config file and a CMake package.
 # The daemon (which is also the indexer) installs itself from
-# daemon/CMakeLists.txt.
+# daemon/CMakeLists.txt, the man pages from man/.
+#
+# Every file belongs to one install component, and each component is one
+# Debian package (debian/rules installs them one by one):
+#   runtime   the library                        libzarncontentsearchutils7
+#   platform  the platform stand-in               libzarnplatform1
+#   dev       headers, links, pkg-config, CMake   libzarncontentsearchutils-dev
+#   daemon    zarnelasticd, its units             zarnelasticd
+#   cli       zarnsearch, its completion          zarnsearch
 include(CMakePackageConfigHelpers)
 
 set(ZARN_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/zarncontentsearchutils)
 
-install(TARGETS zarncontentsearchutils zarnplatform
+install(TARGETS zarncontentsearchutils
   EXPORT zarncontentsearchutilsTargets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(TARGETS zarnplatform
+  EXPORT zarncontentsearchutilsTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT platform NAMELINK_COMPONENT dev
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES
   ${PROJECT_SOURCE_DIR}/include/zarncontentsearchutils.h
   ${PROJECT_SOURCE_DIR}/include/zarn_connection.h
   ${PROJECT_SOURCE_DIR}/platform/include/zarnplatform.h
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 
 # The programs find the library and the stand-in relative to themselves.
 set_target_properties(zarnsearch zarnelasticd PROPERTIES
   INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
-install(TARGETS zarnsearch RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS zarnsearch RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT cli)
 # The unit names the daemon where it is installed, so it is written at install
 # time (`cmake --install --prefix` may choose another prefix).  systemd looks
 # for units of the prefix in lib/, whatever the library folder.
@@ -32,15 +44,16 @@ endif()
 install(CODE "
   set(ZARN_SBINDIR \"${_zarn_sbindir}\")
   configure_file(\"${CMAKE_CURRENT_LIST_DIR}/zarnelasticd.service.in\"
-                 \"${PROJECT_BINARY_DIR}/zarnelasticd.service\" @ONLY)")
+                 \"${PROJECT_BINARY_DIR}/zarnelasticd.service\" @ONLY)" COMPONENT daemon)
 install(FILES ${PROJECT_BINARY_DIR}/zarnelasticd.service ${CMAKE_CURRENT_LIST_DIR}/xapian-tcpsrv@.service
-  DESTINATION lib/systemd/system)
+  ${CMAKE_CURRENT_LIST_DIR}/xapian-replicate-server.service ${CMAKE_CURRENT_LIST_DIR}/xapian-replicate@.service
+  DESTINATION lib/systemd/system COMPONENT daemon)
 
 # CMake package: zarncontentsearchutils::zarncontentsearchutils and
 # zarncontentsearchutils::zarnplatform.
 install(EXPORT zarncontentsearchutilsTargets
   NAMESPACE zarncontentsearchutils::
-  DESTINATION ${ZARN_CMAKE_DIR})
+  DESTINATION ${ZARN_CMAKE_DIR} COMPONENT dev)
 configure_package_config_file(
   ${CMAKE_CURRENT_LIST_DIR}/zarncontentsearchutilsConfig.cmake.in
   ${PROJECT_BINARY_DIR}/zarncontentsearchutilsConfig.cmake
@@ -51,7 +64,7 @@ write_basic_package_version_file(
 install(FILES
   ${PROJECT_BINARY_DIR}/zarncontentsearchutilsConfig.cmake
   ${PROJECT_BINARY_DIR}/zarncontentsearchutilsConfigVersion.cmake
-  DESTINATION ${ZARN_CMAKE_DIR})
+  DESTINATION ${ZARN_CMAKE_DIR} COMPONENT dev)
 
 # pkg-config file, relocatable: its prefix is found from where it lies, so a
 # `cmake --install --prefix` elsewhere needs no new configure.
@@ -72,4 +85,4 @@ foreach(_dir LIBDIR INCLUDEDIR)
 endforeach()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/zarncontentsearchutils.pc.in
                ${PROJECT_BINARY_DIR}/zarncontentsearchutils.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/zarncontentsearchutils.pc DESTINATION ${ZARN_PC_DIR})
+install(FILES ${PROJECT_BINARY_DIR}/zarncontentsearchutils.pc DESTINATION ${ZARN_PC_DIR} COMPONENT dev)

@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs what is missing, builds, and runs every test: the plain build, the
-# same tests under valgrind, an ASan+UBSan build, a TSan build, and each
-# libFuzzer harness for 30 seconds.
+# Debian packages made from it, the same tests under valgrind, an ASan+UBSan
+# build, a TSan build, and each libFuzzer harness for 30 seconds.
 set -eu
 cd "$(dirname "$0")/.."
 sh scripts/setup.sh
@@ -33,6 +33,10 @@ timeout 60 sh daemon/bench/bench.sh build/release 2 --files 300 >/dev/null
 
 echo "== freshness bench smoke (300 entries: live indexing must find every file written)"
 timeout 120 sh daemon/bench/freshness.sh build/release 20 500 1 --files 300 >/dev/null
+
+echo "== Debian packages (from the plain build; lintian; installed, used and purged in a throwaway root)"
+sh scripts/package.sh build/release
+sh tests/packaging/root_test.sh build/deb
 
 echo "== valgrind memcheck"
 # The allocation seam replaces malloc in its test: valgrind must leave the

@@ -2,19 +2,25 @@
 # Installs the build into a temporary prefix, then builds the consumer outside
 # the tree twice, with the CMake package and with pkg-config, and runs it; and
 # runs the installed daemon, indexer and zarnsearch on a tiny share, all in the
-# sandbox.
+# sandbox.  With --installed, does the same with what is installed in PREFIX
+# already (the packaging test: the Debian packages in a throwaway root).
 # Usage: run.sh BUILD_DIR LIBDIR CXX
+#        run.sh --installed PREFIX LIBDIR CXX
 set -eu
-build=$1 libdir=$2 cxx=$3
 here=$(cd "$(dirname "$0")" && pwd)
 sandbox=$here/../support/sandbox.sh
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-prefix=$work/prefix
 
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
-cmake --install "$build" --prefix "$prefix" >/dev/null
+if [ "$1" = --installed ]; then
+  prefix=$2 libdir=$3 cxx=$4
+else
+  build=$1 libdir=$2 cxx=$3
+  prefix=$work/prefix
+  cmake --install "$build" --prefix "$prefix" >/dev/null
+fi
 
 # What the prefix must hold.
 lib=$prefix/$libdir
@@ -26,11 +32,16 @@ for f in "$lib/libzarncontentsearchutils.so.7.0.0" "$lib/libzarnplatform.so" \
          "$prefix/include/zarncontentsearchutils.h" "$prefix/include/zarn_connection.h" \
          "$prefix/include/zarnplatform.h" "$prefix/bin/zarnsearch" "$prefix/sbin/zarnelasticd" \
          "$lib/pkgconfig/zarncontentsearchutils.pc" "$prefix/lib/systemd/system/xapian-tcpsrv@.service" \
+         "$prefix/lib/systemd/system/xapian-replicate-server.service" \
+         "$prefix/lib/systemd/system/xapian-replicate@.service" \
          "$lib/cmake/zarncontentsearchutils/zarncontentsearchutilsConfig.cmake" \
-         "$lib/cmake/zarncontentsearchutils/zarncontentsearchutilsConfigVersion.cmake"; do
-  [ -e "$f" ] || fail "not installed: ${f#$prefix/}"
+         "$lib/cmake/zarncontentsearchutils/zarncontentsearchutilsConfigVersion.cmake" \
+         "$prefix/share/man/man1/zarnsearch.1" "$prefix/share/man/man8/zarnelasticd.8" \
+         "$prefix/share/man/man3/zarncontentsearchutils.3" \
+         "$prefix/share/bash-completion/completions/zarnsearch"; do
+  [ -e "$f" ] || [ -e "$f.gz" ] || fail "not installed: ${f#$prefix/}"  # packages compress pages
 done
-grep -qx "ExecStart=$prefix/sbin/zarnelasticd --foreground" \
+grep -q "^ExecStart=$prefix/sbin/zarnelasticd --foreground" \
   "$prefix/lib/systemd/system/zarnelasticd.service" ||
   fail "the service unit does not start the installed daemon"
 

@@ -1,0 +1,16 @@
+# cmake -DNAMES=PROGRAM -DTEMPLATE=IN -DOUTPUT=OUT -P configure.cmake
+# Fills the completion's template with what zarn_names prints.
+execute_process(COMMAND ${NAMES} OUTPUT_VARIABLE _lines RESULT_VARIABLE _status)
+if(NOT _status EQUAL 0)
+  message(FATAL_ERROR "${NAMES} failed: ${_status}")
+endif()
+string(REGEX MATCH "folder-list ([^\n]*)" _ "${_lines}")
+set(ZARN_FOLDER_LIST "${CMAKE_MATCH_1}")
+string(REGEX MATCHALL "field [^\n]*" _fields "${_lines}")
+list(TRANSFORM _fields REPLACE "^field " "")
+list(JOIN _fields " " ZARN_FIELDS)
+if(NOT ZARN_FOLDER_LIST OR NOT ZARN_FIELDS)
+  message(FATAL_ERROR "${NAMES} printed no folder list or no field")
+endif()
+configure_file(${TEMPLATE} ${OUTPUT}.tmp @ONLY)
+file(RENAME ${OUTPUT}.tmp ${OUTPUT})
