@@ -90,7 +90,10 @@ TEST(DaemonAbuse, OneUsersFloodLeavesOthersServedAndTheDaemonWhole) {
         execl(ZARNELASTICD, ZARNELASTICD, "--foreground", "--workers", "4", nullptr);
         _exit(127);
     }
-    for (int i = 0; i < 500 && access(kDaemonSocket, F_OK) != 0; ++i) usleep(10000);
+    const auto log = [] { return Shell("cat /var/daemon.log").second; };
+    // The daemon logs this line once its socket takes connections.
+    for (int status = 0; log().find("listening on") == std::string::npos; usleep(10000))
+        ASSERT_NE(daemon, waitpid(daemon, &status, WNOHANG)) << "the daemon ended: " << status << "\n" << log();
     Role("search docs 4");  // the first searches open what later ones reuse
     const long rss_before = RssKb(daemon);
     const int fds_before = Descriptors(daemon);
@@ -102,8 +105,15 @@ TEST(DaemonAbuse, OneUsersFloodLeavesOthersServedAndTheDaemonWhole) {
         for (; flooding; usleep(20000)) rss_during = std::max(rss_during, RssKb(daemon));
     });
     Json::Value flood;
-    std::thread flooder([&] { flood = Role("--as 1000 flood docs 4 80"); });
-    usleep(500000);  // the flood holds its connections by now
+    std::atomic<bool> flood_over{false};
+    std::thread flooder([&] {
+        flood = Role("--as 1000 flood docs 4 80");
+        flood_over = true;
+    });
+    // The other user's turn comes once the flood holds its connections (at
+    // most 64, the daemon's bound for one user), each a descriptor.
+    while (Descriptors(daemon) < fds_before + 48 && !flood_over) usleep(5000);
+    EXPECT_FALSE(flood_over) << "the flood ended before it held 48 connections";
     const Json::Value during = Role("--as 2000 search docs 50");
     flooder.join();
     flooding = false;
@@ -116,7 +126,7 @@ TEST(DaemonAbuse, OneUsersFloodLeavesOthersServedAndTheDaemonWhole) {
     kill(daemon, SIGTERM);
     int status = -1;
     waitpid(daemon, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << "\n" << log();
 
     std::printf("normal client p99 alone %.1f ms, during the flood %.1f ms (max %.1f); daemon RSS %ld / %ld / %ld kB "
                 "before / during / after; fds %d / %d\nflood: %s\nmutated: %s\n",

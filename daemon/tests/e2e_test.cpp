@@ -7,7 +7,7 @@
 
 #include <atomic>
 
-#include "daemon_client.h"
+#include "daemon_fixture.h"
 #include "engine.h"
 #include "failure.h"
 #include "harness.h"
@@ -20,112 +20,8 @@
 namespace {
 
 using namespace zarntest;
-using Names = std::vector<std::string>;
 constexpr unsigned kStranger = 54321;  // a uid that the user database does not know
-const Names kFox = {"/docs/closed/inner.txt", "/docs/fox.txt", "/docs/private.txt", "/docs/report/notes.txt.gz"};
 const Names kStrangersFox = {"/docs/fox.txt", "/docs/report/notes.txt.gz"};
-const std::vector<ZARNQuerySorter> kByPath = {{0, "ZARNMDPath"}};
-
-Json::Value Search(const std::string &query, unsigned uid = 0) {
-    Json::Value request;
-    zarn::json::FromString(R"({"command": "search", "data": {"indice": ["fileindex_docs"], "size": 100, "collector": {"agent": "e2e", "uid": )" +
-                           std::to_string(uid) + R"(}, "filters": [{"name": "permission", "data": )" + std::to_string(uid) + "}]}}", &request);
-    request["data"]["query_string"]["query"] = query;
-    return request;
-}
-
-Names Paths(const Json::Value &request, int64_t *total = nullptr) {  // sorted
-    Names names;
-    for (const Json::Value &hit : Hits(request, total)) names.push_back(hit["ZARNMDPath"].asString());
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-// The paths that a search finds once they are `expected`; what it found
-// last when the deadline passes first.
-Names PathsInTime(const std::string &query, unsigned uid, const Names &expected) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    Names found;
-    while ((found = Paths(Search(query, uid))) != expected && std::chrono::steady_clock::now() < deadline) usleep(20000);
-    return found;
-}
-
-// A search through the library's streaming functions.
-struct Page {
-    int total;
-    Names paths;
-};
-Page LibrarySearch(const char *query, unsigned uid = 0, std::vector<ZARNQuerySorter> sorters = kByPath, int page = 0,
-                   int size = 100) {
-    ZARNQueryHandle *handle = nullptr;
-    EXPECT_EQ(ZARN_OK, ZARNQueryConnectionInit(&handle));
-    EXPECT_EQ(ZARN_OK, ZARNQueryConnectionOpen(handle, "docs", query, sorters.data(), static_cast<int>(sorters.size()),
-                                               page, size, "library test", uid, CONNECTION_FLAG_NONE));
-    Page result{ZARNQueryCount(handle), {}};
-    int code;  // the end leaves the record untouched
-    for (_tag_search_record *record = nullptr; (code = ZARNQueryGetNextRecord(handle, &record)) == ZARN_OK && record;
-         record = nullptr) {
-        result.paths.push_back(record->path);
-        EXPECT_GT(record->doc_id, 0);
-        ZARNQueryFreeRecord(record);
-    }
-    EXPECT_EQ(ZARN_OK, code);
-    ZARNQueryConnectionClose(handle);
-    return result;
-}
-
-class DaemonE2e : public ::testing::Test {
-protected:
-    // 12 files and 3 folders to index; "@eaDir", the platform's own, is left out.
-    void SetUp() override {
-        ASSERT_EQ(0, Shell(R"sh(umask 022 && mkdir /var/docs && cd /var/docs && mkdir report logs closed @eaDir &&
-            chmod 750 closed && echo 'The quick brown fox jumps over the lazy dog' > fox.txt && echo 'fox secrets' > private.txt &&
-            chmod 600 private.txt && echo 'fox inside the closed folder' > closed/inner.txt && cd report &&
-            echo 'annual report: revenue grew' > annual_report-2020.txt && echo 'gzipped fox notes' | gzip > notes.txt.gz && cd .. &&
-            for n in 1 2 10 20 100; do echo "entry $n" > logs/file$n.log; done &&
-            for i in $(seq 0 59); do printf '\303\251t\303\251 line %d%s\n' $i "$([ $i = 30 ] && echo ' needle')"; done > long.txt &&
-            printf '\177ELF\0\0\1fox' > bin.dat && echo "fox in the platform's own folder" > @eaDir/hidden-fox.txt)sh").status);
-        SetShareTable({{"docs", "/var/docs"}});
-        WriteFile(kFolderConfig, R"([{"path": "/docs"}])");
-        ASSERT_EQ(0, Index().status);
-    }
-    void TearDown() override { if (daemon_ > 0) Stop(); }
-    static Result Index() { return Shell(ZARNELASTICD " index"); }
-    static std::string Log() { return Shell("cat /var/daemon.log").out; }
-    // Whether the daemon's log says `text` before a deadline.
-    static bool LogSays(const std::string &text) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        for (; Log().find(text) == std::string::npos; usleep(20000))
-            if (std::chrono::steady_clock::now() >= deadline) return false;
-        return true;
-    }
-
-    // The daemon in the foreground; `wrapper` runs it through another program.
-    void Start(const std::string &wrapper = "", const std::string &options = "") {
-        daemon_ = fork();
-        if (daemon_ == 0) {
-            const std::string command = "exec " + wrapper + " " ZARNELASTICD " --foreground " + options + " 2>>/var/daemon.log";
-            execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
-            _exit(127);
-        }
-        int fd = -1;
-        for (int i = 0; i < 500 && (fd = ConnectToDaemon()) < 0; ++i) usleep(10000);
-        ASSERT_GE(fd, 0) << Log();
-        close(fd);
-    }
-
-    // SIGTERM or SIGINT stops the daemon cleanly and takes its socket away.
-    void Stop(int signal_number = SIGTERM) {
-        kill(daemon_, signal_number);
-        int status = 0;
-        EXPECT_EQ(daemon_, waitpid(daemon_, &status, 0));
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << "\n" << Log();
-        EXPECT_NE(0, access(kDaemonSocket, F_OK)) << "socket left behind";
-        daemon_ = -1;
-    }
-
-    pid_t daemon_ = -1;
-};
 
 TEST_F(DaemonE2e, QuerySyntax) {
     Start();
@@ -390,27 +286,6 @@ TEST_F(DaemonE2e, LiveChangesWaitForAnotherWriter) {
     EXPECT_EQ(Names({"/docs/marmot.txt"}), PathsInTime("marmot", 0, {"/docs/marmot.txt"}));
 }
 
-// Clients at once, while indexing runs add a batch of files and remove the
-// previous one.
-TEST_F(DaemonE2e, ManyClientsWhileTheIndexChanges) {
-    Start();
-    const std::pair<const char *, size_t> queries[] = {{"fox", 4}, {"ZARNMDExtension:log", 5}, {"needle", 1}, {"zzz", 0}};
-    std::atomic<bool> done{false};
-    std::atomic<int> wrong{0};
-    std::vector<std::thread> clients;
-    for (size_t t = 0; t < 6; ++t)
-        clients.emplace_back([&, t] {
-            for (size_t i = t; !done || i < t + 20; ++i) wrong += Hits(Search(queries[i % 4].first)).size() != queries[i % 4].second;
-        });
-    for (int round = 0; round < 4; ++round)
-        EXPECT_EQ(0, Shell("mkdir -p /var/docs/churn && cd /var/docs/churn && rm -f * && for f in $(seq -f '" + std::to_string(round) +
-                         "-%g' 40); do echo quux > $f.txt; done && " ZARNELASTICD " index").status);
-    done = true;
-    for (std::thread &client : clients) client.join();
-    EXPECT_EQ(0, wrong.load());
-    EXPECT_EQ(40u, Hits(Search("quux")).size());
-}
-
 TEST_F(DaemonE2e, SilentAndSlowClientsDoNotHoldTheOnlyWorker) {
     Start("", "--workers 1");
     const int silent = ConnectToDaemon(), partial_header = ConnectToDaemon(), partial_body = ConnectToDaemon();
@@ -434,7 +309,7 @@ TEST_F(DaemonE2e, OneDaemonPerSocketAndAPeerOtherThanRootActsOnlyAsItself) {
     EXPECT_NE(std::string::npos, Log().find("collector: agent \"e2e\" uid 0 (peer uid 0) searches fileindex_docs")) << Log();
     // A daemon that died without cleaning up leaves its socket behind.
     kill(daemon_, SIGKILL);
-    waitpid(daemon_, nullptr, 0);
+    EXPECT_TRUE(WIFSIGNALED(Ended()));
     ASSERT_EQ(0, access(kDaemonSocket, F_OK));
     // Owners read otherwise from in there: no live rescan may rewrite the records.
     Start("unshare --user --map-user=1000 --map-group=1000", "--no-live");

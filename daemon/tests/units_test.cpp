@@ -384,8 +384,7 @@ TEST(DaemonUnits, RecordCopiesDecodeAndShardsReadSignaturesByMatches) {
         {"/s/a/b", "b", "/s/a", "3"},
         {"/s/a/c/d", "d", "/s/a/c", "4"},
     };
-    SetIndexShards("/var/index", {"/var/shard1", "/var/shard2"});
-    std::unique_ptr<IndexWriter> writer = OpenIndexWriter("/var/index");
+    std::unique_ptr<IndexWriter> writer = OpenIndexWriter("/var/index", EngineOptions(), {"/var/shard1", "/var/shard2"});
     for (const Case &c : cases) {
         FileRecord record;
         record.path = c.path;

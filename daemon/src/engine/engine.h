@@ -79,7 +79,16 @@ struct FileRecord {
     std::string signature;  // what the next run compares to spot changes
 };
 
-// One share's index, opened for writing by a single writer.
+// One share's index, opened for writing by a single writer, which holds the
+// index's lock from its opening to its end.
+//
+// Failures.  Every call throws Failure and nothing else; the process never
+// ends over an index.  A failure of the writing itself (a full disk, an I/O
+// error in a commit or a rewrite) ends this writer's work: the call that
+// meets it, or the next one, throws it (kInternal, with the engine's own
+// message), later calls throw it again, and searches keep the last commit
+// made before it.  Changes given since that commit are not in the index: the
+// caller keeps what it must redo and opens a new writer to retry later.
 class IndexWriter {
 public:
     virtual ~IndexWriter() = default;
@@ -104,7 +113,9 @@ public:
     // Commits, and rewrites the index compactly when this writer changed a
     // large part of it (a first build above all): documents that arrive in
     // batches leave the engine's trees half full.  Searches move to the
-    // rewritten index at their next start.
+    // rewritten index at their next start.  When the commit went through but
+    // the rewrite failed, the commit stands and Finish still throws.  The
+    // writer takes nothing more after Finish.
     virtual void Finish() = 0;
 };
 
@@ -117,19 +128,26 @@ struct EngineOptions {
     unsigned shard_timeout_ms = kDefaultShardTimeoutMs;
 };
 
-// Opens the index kept in directory `dir`; Failure kNotFound when there is none.
+// Opens the index kept in directory `dir`; Failure kNotFound when there is
+// none.  Each search answers from one whole state of the index, whatever
+// writers do meanwhile.
 std::unique_ptr<SearchIndex> OpenSearchIndex(const std::string &dir, const EngineOptions &options = EngineOptions());
 
-// Opens or creates the index in `dir`; Failure kLocked while another writer
-// holds it.
-std::unique_ptr<IndexWriter> OpenIndexWriter(const std::string &dir, const EngineOptions &options = EngineOptions());
+// Closes the indexes that searches keep open but no search is using, where
+// a writer has put a rewritten one in place since: their files are removed,
+// and their space comes back once nobody holds them.  The daemon calls it
+// on a timer; an in-process writer, after each rewrite.
+void ReleaseRetiredIndexes();
 
-// Makes the index in `dir` a sharded one over `shards` (each "HOST:PORT" of
-// a xapian-tcpsrv --writable, or an absolute path), or leaves it as it is
-// when it is one already.  Ids depend on the shards and their order: after
-// a change of the list the next run indexes anew, into shards that must be
-// empty.  Failure kBadRequest for a shard given wrongly.
-void SetIndexShards(const std::string &dir, const std::vector<std::string> &shards);
+// Opens or creates the index in `dir`; Failure kLocked while another writer
+// holds it.  With `shards` given, first makes it a sharded one over them
+// (each "HOST:PORT" of a xapian-tcpsrv --writable, or an absolute path),
+// unless it is one already, under the same lock.  Ids depend on the shards
+// and their order: after a change of the list the index is written anew,
+// into shards that must be empty.  Failure kBadRequest for a shard given
+// wrongly.
+std::unique_ptr<IndexWriter> OpenIndexWriter(const std::string &dir, const EngineOptions &options = EngineOptions(),
+                                             const std::vector<std::string> &shards = {});
 
 }  // namespace zarnd
 

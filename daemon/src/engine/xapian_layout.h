@@ -36,6 +36,11 @@ constexpr char kFormat[] = "4";
 // database itself is of the first format.
 constexpr char kStubFile[] = "XAPIANDB";
 constexpr char kPlainDatabaseFile[] = "iamglass";
+constexpr char kGenerationPrefix[] = "gen-";
+// A new stub is written under this prefix and a unique end, then renamed.
+constexpr char kStubTempPrefix[] = "XAPIANDB.new-";
+// The lock that writers and readers share (xapian_index_lock.h).
+constexpr char kLockFile[] = "zarnelasticd.lock";
 
 // How a query refers to a field's terms.
 enum class TermKind {

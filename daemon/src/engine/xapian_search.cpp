@@ -4,6 +4,7 @@
 #include <chrono>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <set>
 
 #include <xapian.h>
@@ -14,6 +15,7 @@
 #include "schema.h"
 #include "xapian_document.h"
 #include "xapian_highlight.h"
+#include "xapian_index_lock.h"
 #include "xapian_layout.h"
 #include "xapian_open.h"
 #include "xapian_page.h"
@@ -24,14 +26,37 @@ namespace zarnd {
 
 namespace {
 
+// What identifies a stub file: a new stub is a new file.  The change time
+// tells apart two stubs that had the same inode in turn.
+struct StubId {
+    dev_t dev = 0;
+    ino_t ino = 0;
+    struct timespec changed = {0, 0};
+
+    bool operator==(const StubId &other) const {
+        return dev == other.dev && ino == other.ino && changed.tv_sec == other.changed.tv_sec &&
+               changed.tv_nsec == other.changed.tv_nsec;
+    }
+};
+
+// The stub of `dir` as it is now; false when `dir` holds no stub.
+bool ReadStubId(const std::string &dir, StubId *id) {
+    struct stat st;
+    if (stat((dir + "/" + xap::kStubFile).c_str(), &st) != 0) return false;
+    *id = {st.st_dev, st.st_ino, st.st_ctim};
+    return true;
+}
+
 // A share's index as open for searching: the database that a match runs
 // on, and each shard's own (the same one when the index has no shards),
 // where the documents' text is read.
 struct OpenIndex {
+    std::string dir;
     Xapian::Database db;
     std::vector<Xapian::Database> shards;
     bool remote = false;  // a shard is served over the network
-    ino_t stub = 0;       // the inode of the stub it was opened through; 0: none
+    bool has_stub = false;
+    StubId stub;  // of the stub it was opened through
     std::vector<std::string> copies;  // the copies of shards that serve it
     std::chrono::steady_clock::time_point opened = std::chrono::steady_clock::now();
     bool on_replica = false;  // a replica serves in place of its shard's first copy
@@ -41,6 +66,13 @@ struct OpenIndex {
         Xapian::docid local = doc_id;
         xap::SplitId(doc_id, shards.size(), &shard, &local);
         return {&shards[shard], local};
+    }
+
+    // Whether the stub still names what this was opened from.
+    bool Current() const {
+        StubId now;
+        const bool stub_now = ReadStubId(dir, &now);
+        return stub_now == has_stub && (!stub_now || now == stub);
     }
 };
 
@@ -65,85 +97,112 @@ void CheckShards(const OpenIndex &index, const std::vector<xap::Shard> &layout) 
 
 // Opens the index of `dir`, as its stub says, each shard through the first
 // of its copies that answers, none of those in `failed`.
-OpenIndex OpenIndexOf(const std::string &dir, ino_t stub, const EngineOptions &options, std::set<std::string> *failed) {
-    OpenIndex index;
-    index.stub = stub;
+std::unique_ptr<OpenIndex> OpenIndexOf(const std::string &dir, const EngineOptions &options,
+                                       std::set<std::string> *failed) {
+    std::unique_ptr<OpenIndex> index(new OpenIndex);
+    index->dir = dir;
     std::vector<xap::Shard> layout;
-    if (!xap::ReadShards(dir, &layout)) {
-        index.db = Xapian::Database(dir);
-        index.shards.push_back(index.db);
+    {
+        // From reading the stub until the files it names are open, no writer
+        // removes them; the id read first may be older than the stub that
+        // the engine reads, which costs one more opening later, never a
+        // stale index.
+        xap::OpeningLock opening(dir);
+        index->has_stub = ReadStubId(dir, &index->stub);
+        struct stat st;
+        if (!index->has_stub && stat((dir + "/" + xap::kPlainDatabaseFile).c_str(), &st) != 0)
+            throw Failure(kNotFound, "no index in " + dir);
+        if (!xap::ReadShards(dir, &layout)) {
+            try {
+                index->db = Xapian::Database(dir);
+            } catch (const Xapian::DatabaseOpeningError &) {
+                throw Failure(kNotFound, "no index in " + dir);
+            }
+            index->shards.push_back(index->db);
+        }
     }
     for (const xap::Shard &shard : layout) {
         std::string served;
-        index.shards.push_back(xap::OpenShardCopy(shard, options.shard_timeout_ms, failed, &served));
-        index.copies.push_back(served);
-        index.on_replica = index.on_replica || served != shard.Name();
-        index.db.add_database(index.shards.back());
-        index.remote = index.remote || shard.remote();
+        index->shards.push_back(xap::OpenShardCopy(shard, options.shard_timeout_ms, failed, &served));
+        index->copies.push_back(served);
+        index->on_replica = index->on_replica || served != shard.Name();
+        index->db.add_database(index->shards.back());
+        index->remote = index->remote || shard.remote();
     }
-    CheckShards(index, layout);
+    CheckShards(*index, layout);
     return index;
 }
 
-// Open indexes by directory, kept per thread: a Xapian::Database must not
-// be shared between threads, and opening one costs more than a small
-// search.  Each use reopens it at the latest commit.
+// Open indexes, shared by the worker threads: a search takes one for its
+// own use (a Xapian::Database must not be used by two threads at once) and
+// gives it back, for opening one costs more than a small search.  One whose
+// stub has changed is closed instead of used, and Release closes those that
+// wait unused, so that no idle worker keeps a retired generation's files.
 class OpenDatabases {
 public:
-    // `failed`: the copies of shards that failed during this search.
-    static OpenIndex &Get(const std::string &dir, const EngineOptions &options, std::set<std::string> *failed) {
-        return Mine().Find(dir, options, failed);
+    static OpenDatabases &Shared() {
+        static OpenDatabases *const shared = new OpenDatabases;  // used until the very end
+        return *shared;
     }
 
-    // Forgets `dir` so that its next Get opens it anew.
-    static void Drop(const std::string &dir) { Mine().open_.erase(dir); }
-
-private:
-    static OpenDatabases &Mine() {
-        thread_local OpenDatabases cache;
-        return cache;
-    }
-
-    static constexpr size_t kMaxOpen = 16;
-
-    OpenIndex &Find(const std::string &dir, const EngineOptions &options, std::set<std::string> *failed) {
-        // What the directory holds now, asked each time: an index removed
-        // or rewritten since stays open through the files of its time.
-        struct stat st;
-        ino_t current = 0;
-        if (stat((dir + "/" + xap::kStubFile).c_str(), &st) == 0)
-            current = st.st_ino;
-        else if (stat((dir + "/" + xap::kPlainDatabaseFile).c_str(), &st) != 0) {
-            open_.erase(dir);
-            throw Failure(kNotFound, "no index in " + dir);
+    // An index of `dir`, at its latest commit.  `failed`: the copies of
+    // shards that failed during this search.
+    std::unique_ptr<OpenIndex> Take(const std::string &dir, const EngineOptions &options, std::set<std::string> *failed) {
+        std::unique_ptr<OpenIndex> index;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            auto it = idle_.find(dir);
+            if (it != idle_.end()) {
+                index = std::move(it->second);
+                idle_.erase(it);
+            }
         }
-        auto it = open_.find(dir);
-        if (it != open_.end() && it->second.stub == current && !Stale(it->second)) {
+        if (index && index->Current() && !Stale(*index)) {
             try {
-                it->second.db.reopen();
-                return it->second;
+                index->db.reopen();
+                return index;
             } catch (const Xapian::NetworkTimeoutError &e) {
                 // A copy that does not answer: no second wait for it in this
                 // search; another copy of its shard may serve.
                 const std::string copy = xap::ShardOfError(e);
-                if (copy.empty()) {
-                    open_.erase(it);
-                    throw Unavailable(e);
-                }
+                if (copy.empty()) throw Unavailable(e);
                 failed->insert(copy);
                 xap::NoteCopyFailed(copy, e.get_msg());
             } catch (const Xapian::Error &) {
-                // A connection that a shard closed while idle: open it afresh below.
+                // A connection that a shard closed while idle, or a generation
+                // retired meanwhile: open it afresh below.
             }
         }
-        if (it != open_.end()) open_.erase(it);
-        if (open_.size() >= kMaxOpen) open_.erase(open_.begin());
-        try {
-            return open_.emplace(dir, OpenIndexOf(dir, current, options, failed)).first->second;
-        } catch (const Xapian::DatabaseOpeningError &) {
-            throw Failure(kNotFound, "no index in " + dir);
+        index.reset();
+        return OpenIndexOf(dir, options, failed);
+    }
+
+    void Give(std::unique_ptr<OpenIndex> index) {
+        std::unique_ptr<OpenIndex> dropped;  // closed outside the lock
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (idle_.size() >= kMaxIdle) {
+            dropped = std::move(idle_.begin()->second);
+            idle_.erase(idle_.begin());
+        }
+        idle_.emplace(index->dir, std::move(index));
+    }
+
+    void Release() {
+        std::vector<std::unique_ptr<OpenIndex>> dropped;
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (auto it = idle_.begin(); it != idle_.end();) {
+            if (it->second->Current()) {
+                ++it;
+            } else {
+                dropped.push_back(std::move(it->second));
+                it = idle_.erase(it);
+            }
         }
     }
+
+private:
+    // Enough for each worker to keep an index of each of a few shares.
+    static constexpr size_t kMaxIdle = 64;
 
     // An index opened on a copy that failed since (found by another thread:
     // this one need not wait for it too), or on a replica for a while
@@ -154,7 +213,8 @@ private:
                (index.on_replica && now - index.opened > std::chrono::seconds(xap::kBackToFirstCopyS));
     }
 
-    std::map<std::string, OpenIndex> open_;
+    std::mutex mutex_;
+    std::multimap<std::string, std::unique_ptr<OpenIndex>> idle_;
 };
 
 // A writer may commit while a search reads; the reader then reopens and runs
@@ -234,14 +294,17 @@ private:
         std::set<std::string> failed;
         int unnamed = 0;
         for (int attempt = 1;;) {
+            // An index that failed is not given back: the next try opens anew.
+            std::unique_ptr<OpenIndex> index;
             try {
-                action(OpenDatabases::Get(dir_, options_, &failed));
+                // Opening reads the index too: a commit may overtake it.
+                index = OpenDatabases::Shared().Take(dir_, options_, &failed);
+                action(*index);
+                OpenDatabases::Shared().Give(std::move(index));
                 return;
             } catch (const Xapian::DatabaseModifiedError &e) {
                 if (attempt++ == kSearchAttempts) throw Failure(kInternal, "index changed during the search: " + e.get_msg());
-                OpenDatabases::Drop(dir_);
             } catch (const Xapian::NetworkError &e) {
-                OpenDatabases::Drop(dir_);
                 // An error that names no copy (a connection closed while a
                 // document was read) earns one more try: the copies that
                 // refuse then show themselves as the index opens again.
@@ -249,8 +312,11 @@ private:
                 if (copy.empty() ? unnamed++ > 0 : !failed.insert(copy).second) throw Unavailable(e);
                 if (!copy.empty()) xap::NoteCopyFailed(copy, e.get_msg());
             } catch (const Xapian::Error &e) {
-                OpenDatabases::Drop(dir_);
                 throw Failure(kInternal, e.get_description());
+            } catch (const Failure &) {
+                // The search's own fault, not the index's.
+                if (index) OpenDatabases::Shared().Give(std::move(index));
+                throw;
             }
         }
     }
@@ -311,5 +377,7 @@ std::unique_ptr<SearchIndex> NewSearchIndex(const std::string &dir, const Engine
 }
 
 }  // namespace xap
+
+void ReleaseRetiredIndexes() { OpenDatabases::Shared().Release(); }
 
 }  // namespace zarnd

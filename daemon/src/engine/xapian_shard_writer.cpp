@@ -1,6 +1,5 @@
 // The writer of a sharded index: one DatabaseWriter per shard, each with its
 // own writing thread, and every document sent to the shard of its path.
-
 #include "engine.h"
 #include "failure.h"
 #include "xapian_layout.h"
@@ -15,7 +14,8 @@ namespace {
 
 class ShardedWriter : public IndexWriter {
 public:
-    explicit ShardedWriter(std::vector<std::unique_ptr<DatabaseWriter>> shards) : shards_(std::move(shards)) {}
+    ShardedWriter(std::vector<std::unique_ptr<DatabaseWriter>> shards, std::unique_ptr<WriterLock> lock)
+        : lock_(std::move(lock)), shards_(std::move(shards)) {}
 
     void Put(const FileRecord &record) override { ShardOf(record.path).Put(record); }
     void Add(const FileRecord &record) override { ShardOf(record.path).Add(record); }
@@ -54,6 +54,8 @@ private:
 
     DatabaseWriter &ShardOf(const std::string &path) { return *shards_[ShardOfPath(path, shards_.size())]; }
 
+    // Held while the shards are written: the shard list changes under it.
+    const std::unique_ptr<WriterLock> lock_;
     std::vector<std::unique_ptr<DatabaseWriter>> shards_;
 };
 
@@ -70,7 +72,8 @@ std::unique_ptr<DatabaseWriter> OpenShardWriter(const std::vector<Shard> &shards
                                          "\", expected \"" + expected + "\"): empty it, or list the shards in the order they were first given");
         db.set_metadata(kShardKey, expected);
         db.set_metadata(kFormatKey, kFormat);
-        return std::unique_ptr<DatabaseWriter>(new DatabaseWriter(db, "shard " + shard.Name(), MaxLocalId(k, shards.size()), true));
+        return std::unique_ptr<DatabaseWriter>(new DatabaseWriter(db, "shard " + shard.Name(), MaxLocalId(k, shards.size()),
+                                                                shard.remote() ? std::string() : shard.path, true));
     } catch (const Xapian::DatabaseLockError &) {
         throw Failure(kLocked, "shard " + shard.Name() + " is being written by another process");
     } catch (const Xapian::Error &e) {
@@ -80,12 +83,11 @@ std::unique_ptr<DatabaseWriter> OpenShardWriter(const std::vector<Shard> &shards
 
 }  // namespace
 
-std::unique_ptr<IndexWriter> OpenShardedWriter(const std::string &dir, const EngineOptions &options) {
-    std::vector<Shard> shards;
-    ReadShards(dir, &shards);
+std::unique_ptr<IndexWriter> OpenShardedWriter(const std::vector<Shard> &shards, const EngineOptions &options,
+                                               std::unique_ptr<WriterLock> lock) {
     std::vector<std::unique_ptr<DatabaseWriter>> writers;
     for (size_t k = 0; k < shards.size(); ++k) writers.push_back(OpenShardWriter(shards, k, options));
-    return std::unique_ptr<IndexWriter>(new ShardedWriter(std::move(writers)));
+    return std::unique_ptr<IndexWriter>(new ShardedWriter(std::move(writers), std::move(lock)));
 }
 
 }  // namespace xap

@@ -1,6 +1,9 @@
 #include "xapian_shards.h"
 
 #include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -11,6 +14,7 @@
 #include <mutex>
 
 #include "engine.h"
+#include "failpoint.h"
 #include "failure.h"
 #include "log.h"
 #include "xapian_layout.h"
@@ -124,23 +128,46 @@ bool ReadShards(const std::string &dir, std::vector<Shard> *shards) {
     return true;
 }
 
-void WriteStub(const std::string &dir, const std::string &content) {
-    const std::string stub = dir + "/" + kStubFile, fresh = stub + ".new";
-    std::FILE *out = std::fopen(fresh.c_str(), "we");
-    const bool written = out != nullptr && std::fputs(content.c_str(), out) >= 0;
-    if (out != nullptr && std::fclose(out) != 0)
-        throw Failure(kInternal, "cannot write " + fresh + ": " + std::strerror(errno));
-    if (!written || std::rename(fresh.c_str(), stub.c_str()) != 0)
-        throw Failure(kInternal, "cannot write " + stub + ": " + std::strerror(errno));
+bool WriteStub(const std::string &dir, const std::string &content) {
+    FailPoint(failpoint::kStub, dir);
+    const std::string stub = dir + "/" + kStubFile;
+    std::string fresh = dir + "/" + kStubTempPrefix + "XXXXXX";
+    const int fd = mkostemp(&fresh[0], O_CLOEXEC);
+    if (fd < 0) {
+        const int error = errno;
+        throw Failure(kInternal, "cannot write the stub of " + dir + ": " + std::strerror(error));
+    }
+    // The new stub's content reaches the disk before its name, and its name
+    // before the caller removes what the old one named.
+    int error = 0;
+    for (size_t done = 0; error == 0 && done < content.size();) {
+        const ssize_t n = write(fd, content.data() + done, content.size() - done);
+        if (n > 0)
+            done += static_cast<size_t>(n);
+        else if (n == 0 || errno != EINTR)
+            error = n == 0 ? EIO : errno;
+    }
+    if (error == 0 && (fchmod(fd, 0644) != 0 || fsync(fd) != 0)) error = errno;
+    if (close(fd) != 0 && error == 0) error = errno;
+    if (error == 0 && rename(fresh.c_str(), stub.c_str()) != 0) error = errno;
+    if (error != 0) {
+        unlink(fresh.c_str());
+        throw Failure(kInternal, "cannot write " + stub + ": " + std::strerror(error));
+    }
+    const int directory = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const bool synced = directory >= 0 && fsync(directory) == 0;
+    if (!synced) ZARN_LOG(LOG_WARNING, "cannot sync %s: %s", dir.c_str(), std::strerror(errno));
+    if (directory >= 0) close(directory);
+    return synced;
 }
 
-void WriteShards(const std::string &dir, const std::vector<Shard> &shards) {
+bool WriteShards(const std::string &dir, const std::vector<Shard> &shards) {
     std::string content;
     for (const Shard &shard : shards) {
         content += StubLine(shard);
         for (const Shard &copy : shard.copies) content += kCopyMark + StubLine(copy);
     }
-    WriteStub(dir, content);
+    return WriteStub(dir, content);
 }
 
 Xapian::Database OpenShard(const Shard &shard, unsigned timeout_ms) {

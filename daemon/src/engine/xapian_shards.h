@@ -45,11 +45,14 @@ bool ReadShards(const std::string &dir, std::vector<Shard> *shards);
 bool ParseShard(const std::string &text, Shard *shard);
 
 // Replaces the stub of `dir` by one holding `content`, atomically: a reader
-// sees the old stub or the new one, never a part of one.
-void WriteStub(const std::string &dir, const std::string &content);
+// sees the old stub or the new one, never a part of one.  Failure when the
+// old one stays.  Once the new one is in place, returns whether it is on
+// disk for good (the directory synced); until then what the old one named
+// must stay, for a power cut may bring the old one back.
+bool WriteStub(const std::string &dir, const std::string &content);
 
-// Writes the stub of `dir` to list `shards`.
-void WriteShards(const std::string &dir, const std::vector<Shard> &shards);
+// Writes the stub of `dir` to list `shards`, as WriteStub.
+bool WriteShards(const std::string &dir, const std::vector<Shard> &shards);
 
 // A remote shard is opened with `timeout_ms` (EngineOptions, engine.h) for
 // each answer and for the connection.

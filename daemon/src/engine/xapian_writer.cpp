@@ -1,7 +1,13 @@
 #include "xapian_writer.h"
 
-#include <algorithm>
+#include <errno.h>
+#include <sys/statvfs.h>
 
+#include <algorithm>
+#include <cstring>
+
+#include "failpoint.h"
+#include "log.h"
 #include "schema.h"
 #include "xapian_document.h"
 #include "xapian_layout.h"
@@ -16,19 +22,36 @@ namespace {
 // enough to bound memory whatever the files hold.
 constexpr size_t kMaxQueued = 256;
 constexpr size_t kMaxQueuedBytes = 64u << 20;
+// Free space that any commit asks for beyond its own changes.
+constexpr uint64_t kCommitMargin = 8u << 20;
 
 // Id terms that a subtree's lookup expands to at most.
 constexpr Xapian::termcount kMaxSubtreeTerms = 100000;
 
 }  // namespace
 
-DatabaseWriter::DatabaseWriter(Xapian::WritableDatabase db, const std::string &name, Xapian::docid max_id, bool shard)
-    : db_(std::move(db)), name_(name), max_id_(max_id), shard_(shard) {
+void RequireSpace(const std::string &dir, uint64_t bytes, const std::string &what) {
+    struct statvfs fs;
+    if (dir.empty() || statvfs(dir.c_str(), &fs) != 0) return;  // the write itself will tell
+    const uint64_t free = static_cast<uint64_t>(fs.f_bavail) * fs.f_frsize;
+    if (free >= bytes) return;
+    throw Failure(kInternal, "not enough free space for " + what + " in " + dir + ": " + std::to_string(free >> 20) +
+                                 " MB free, " + std::to_string((bytes + (1u << 20) - 1) >> 20) + " MB needed (" +
+                                 std::strerror(ENOSPC) + ")");
+}
+
+DatabaseWriter::DatabaseWriter(Xapian::WritableDatabase db, const std::string &name, Xapian::docid max_id,
+                               const std::string &dir, bool shard)
+    : db_(std::move(db)), name_(name), max_id_(max_id), dir_(dir), shard_(shard) {
     generator_.set_flags(kTermFlags);
     generator_.set_max_word_length(64);  // longer "words" are noise (hashes, base64)
     Guard([&] {
         documents_at_open_ = db_.get_doccount();
         last_id_ = db_.get_lastdocid();
+        // Changes wait in a transaction from commit to commit: a database
+        // closed after a failure drops them instead of committing them,
+        // which the engine would try even on a full disk.
+        db_.begin_transaction();
     });
     writing_ = std::thread([this] { Write(); });
 }
@@ -137,16 +160,32 @@ void DatabaseWriter::Write() {
         // A writer that goes writes what it was given first, as a database
         // closed with changes pending commits them.
         changed_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
-        if (queue_.empty()) return;
+        if (queue_.empty()) {
+            if (failure_ || uncommitted_bytes_ == 0) return;
+            lock.unlock();
+            try {
+                Guard([&] { Apply(Change{Change::kCommit, {}, {}, {}, {}, 0}); });
+            } catch (const std::exception &e) {
+                ZARN_LOG(LOG_ERR, "%s: the last changes are lost: %s", name_.c_str(), e.what());
+            }
+            return;
+        }
         Change change = std::move(queue_.front());
         queue_.pop_front();
         busy_ = true;
         lock.unlock();
         std::unique_ptr<Failure> failure;
+        // Nothing the engine throws may end the process: a full disk or an
+        // I/O error in a commit ends this writer's work, and the caller hears
+        // of it; the last commit stays what searches see.
         try {
             Guard([&] { Apply(change); });
         } catch (const Failure &f) {
             failure.reset(new Failure(f.code(), name_ + ": " + f.what()));
+        } catch (const std::exception &e) {
+            failure.reset(new Failure(kInternal, name_ + ": " + e.what()));
+        } catch (...) {
+            failure.reset(new Failure(kInternal, name_ + ": unknown error"));
         }
         const size_t bytes = change.bytes;
         change = Change();  // its document goes on this thread
@@ -160,9 +199,16 @@ void DatabaseWriter::Write() {
 }
 
 void DatabaseWriter::Apply(const Change &change) {
+    if (change.kind != Change::kCommit) uncommitted_bytes_ += change.bytes + 1024;
     switch (change.kind) {
     case Change::kCommit:
-        db_.commit();
+        FailPoint(failpoint::kCommitting, dir_);
+        // What a commit writes: the changes' terms and text, then copies of
+        // the blocks it touches.
+        RequireSpace(dir_, kCommitMargin + 2 * uncommitted_bytes_, "a commit");
+        db_.commit_transaction();
+        uncommitted_bytes_ = 0;
+        db_.begin_transaction();
         return;
     case Change::kRemove:
         // Every document of the path: an index written before paths were
@@ -172,6 +218,7 @@ void DatabaseWriter::Apply(const Change &change) {
     case Change::kAdd:
     case Change::kReplace: {
         // A replaced record keeps its id; only a new one takes the next.
+        FailPoint(failpoint::kAdding, dir_);
         const Xapian::docid old_id = change.kind == Change::kAdd ? 0 : DocIdOf(change.id_term);
         if (old_id == 0 && last_id_ >= max_id_)
             throw Failure(kInternal, "no document id left for " + change.path + ": remove the index to rebuild it");

@@ -27,9 +27,12 @@ namespace xap {
 class DatabaseWriter : public IndexWriter {
 public:
     // `name` names the database in messages; new documents take ids up to
-    // `max_id`.  A shard's documents carry DocIdTerm (xapian_record.h), and
-    // its records are read by matches rather than walks over value streams.
-    DatabaseWriter(Xapian::WritableDatabase db, const std::string &name, Xapian::docid max_id, bool shard = false);
+    // `max_id`; `dir` is where it lies ("" when on another machine), for
+    // free space and the tests' failpoints.  A shard's documents carry
+    // DocIdTerm (xapian_record.h), and its records are read by matches rather
+    // than walks over value streams.
+    DatabaseWriter(Xapian::WritableDatabase db, const std::string &name, Xapian::docid max_id, const std::string &dir,
+                   bool shard = false);
     ~DatabaseWriter() override;
 
     void Put(const FileRecord &record) override;
@@ -81,10 +84,12 @@ private:
     Xapian::WritableDatabase db_;  // the writing thread's, but while it is idle
     const std::string name_;
     const Xapian::docid max_id_;
+    const std::string dir_;
     const bool shard_;
     Xapian::doccount documents_at_open_ = 0;
     Xapian::docid last_id_ = 0;  // the highest id ever given, as the writing thread counts
     uint64_t changes_ = 0;
+    uint64_t uncommitted_bytes_ = 0;  // of the changes since the last commit; the writing thread's
     Xapian::TermGenerator generator_;
     ChunkPacker packer_;
 
@@ -98,6 +103,13 @@ private:
     std::unique_ptr<Failure> failure_;
     std::thread writing_;
 };
+
+// Failure kInternal, as a full disk, unless the file system of `dir` has
+// `bytes` free for `what`: the engine may end the process when the disk
+// fills in the middle of a commit (an exception where it cannot leave), so
+// a write that would not fit is refused before it starts.  "" skips the
+// check (a database on another machine).
+void RequireSpace(const std::string &dir, uint64_t bytes, const std::string &what);
 
 }  // namespace xap
 }  // namespace zarnd

@@ -58,11 +58,11 @@ private:
 
 // The daemon holds a share's index only while it applies a batch of live
 // changes (or rescans the share after lost events): a run waits for it.
-std::unique_ptr<IndexWriter> OpenWriterWhenFree(const std::string &dir) {
+std::unique_ptr<IndexWriter> OpenWriterWhenFree(const std::string &dir, const std::vector<std::string> &shards) {
     const Clock::time_point deadline = Clock::now() + kLockWait;
     for (;;) {
         try {
-            return OpenIndexWriter(dir);
+            return OpenIndexWriter(dir, EngineOptions(), shards);
         } catch (const Failure &failure) {
             if (failure.code() != kLocked || Clock::now() >= deadline) throw;
         }
@@ -92,8 +92,7 @@ bool IndexShare(const std::string &share, const std::set<std::string> &folders, 
     }
     try {
         const std::string dir = IndexDirOfShare(share);
-        if (!options.shards.empty()) SetIndexShards(dir, options.shards);
-        std::unique_ptr<IndexWriter> writer = OpenWriterWhenFree(dir);
+        std::unique_ptr<IndexWriter> writer = OpenWriterWhenFree(dir, options.shards);
         Progress progress(options.progress);
         const ShareWalk walk{share, root, writer.get(), nullptr,
                              [&progress](const IndexCounts &counts) { progress.Tick(counts); }};

@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "engine.h"
 #include "failure.h"
 #include "log.h"
 #include "protocol.h"
@@ -30,6 +31,10 @@ namespace {
 constexpr int kPartialRecheckMs = 10;
 // How long accepting rests when the process is out of descriptors.
 constexpr int kAcceptRestMs = 100;
+// How often the open indexes that no search uses are checked for a writer's
+// rewrite (ReleaseRetiredIndexes): what a retired generation's disk space
+// waits at most, for the price of a few stat calls.
+constexpr std::chrono::seconds kReleasePeriod{2};
 
 enum class RequestState { kIncomplete, kComplete, kTooLarge, kClosed };
 
@@ -214,7 +219,7 @@ private:
     bool Resting(Clock::time_point now) const { return now < accept_resumes_; }
 
     // Until the nearest deadline (of a request, of a wait for a worker, of a
-    // rest) or recheck of a partial request; -1 when there is none.
+    // rest, of a release of retired indexes) or recheck of a partial request.
     int PollTimeout() {
         const Clock::time_point now = Clock::now();
         Clock::time_point nearest = scheduler_.NextExpiry();
@@ -224,7 +229,7 @@ private:
             partial = partial || connection.partial;
         }
         if (Resting(now)) nearest = std::min(nearest, accept_resumes_);
-        if (nearest == Clock::time_point::max()) return -1;
+        nearest = std::min(nearest, release_at_);
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(nearest - now);
         const int millis = static_cast<int>(std::max<long long>(0, left.count()) + 1);
         return partial ? std::min(millis, kPartialRecheckMs) : millis;
@@ -254,6 +259,10 @@ public:
             }
             Sort(polled);
             if (polled[1].revents != 0) Accept();
+            if (Clock::now() >= release_at_) {
+                ReleaseRetiredIndexes();
+                release_at_ = Clock::now() + kReleasePeriod;
+            }
         }
     }
 
@@ -280,6 +289,7 @@ private:
     int signal_fd_ = -1;  // readable once the process is to stop
     ino_t socket_inode_ = 0;
     Clock::time_point accept_resumes_;  // accepting rests until then
+    Clock::time_point release_at_;      // of the next ReleaseRetiredIndexes
 };
 
 Listener::Listener(const ServerOptions &options) : server_(new Server(options)) {}
