@@ -113,6 +113,13 @@ prepare() {
 
   echo "== Making share '$share' from a copy of /usr/share/doc ($(find /usr/share/doc | wc -l) entries)"
   cp -RP --preserve=mode,timestamps /usr/share/doc "$share_root"
+  # Documents made by their own libraries: their words and properties are
+  # read by the extraction workers.
+  mkdir "$share_root/office"
+  zarnelasticd_documents --one "$share_root/office/plan.pdf" pdf "Harbour plan" "Mira Okafor" \
+    "The new quay opens in spring; the cormorant colony moves to the north pier."
+  zarnelasticd_documents --one "$share_root/office/minutes.docx" docx "Board minutes" "Tomas Lindqvist" \
+    "The board approved the budget for the lighthouse repairs."
   printf '%s\t%s\n' "$share" "$share_root" >"$share_table"
   export ZARN_SHARE_TABLE="$share_table"
   printf '[{"path": "/%s"}]\n' "$share" >"$folder_config"
@@ -155,6 +162,15 @@ searches() {
       zarnsearch search "$share" "ZARNMDParent:$parent" --sort ZARNMDFSName:desc:natural --size 5
   fi
 
+  show "A PDF found by a word of its body (read by an extraction worker)" \
+    zarnsearch search "$share" cormorant --highlight
+  show "An office document found by its author" \
+    zarnsearch search "$share" 'ZARNMDAuthors:lindqvist'
+  pdf=$(zarnsearch search "$share" cormorant --json | sed -n 's/.*"doc_id":\([0-9]*\).*/\1/p' | head -1)
+  if [ -n "$pdf" ]; then
+    show "The PDF's properties, typed" \
+      zarnsearch doc "$share" "$pdf" ZARNMDTitle ZARNMDAuthors ZARNMDCreator ZARNMDContentCreationDate ZARNMDIsEncrypted
+  fi
   show "The second page of three, with the highlighted fragments" \
     zarnsearch search "$share" xapian --highlight --page 1 --size 3
   show "The same hits for programs: one JSON object per line" \

@@ -2,7 +2,9 @@
 //
 //   zarnelasticd [--foreground] [--workers N] [--search-budget SECONDS]
 //                [--shard-timeout SECONDS] [--no-live] [--max-watches N] [--debug]
+//                [--extract-workers N] [--extract-timeout SECONDS]
 //   zarnelasticd index [--progress | --quiet] [--share NAME [--shards SHARD,...]]
+//                [--extract-workers N] [--extract-timeout SECONDS]
 //   zarnelasticd --help | --version
 #include <syslog.h>
 #include <unistd.h>
@@ -15,6 +17,7 @@
 
 #include "engine.h"
 
+#include "extract/pool.h"
 #include "index_run.h"
 #include "process.h"
 
@@ -47,7 +50,14 @@ void PrintUsage(FILE *out) {
                  "                                    'zarnelasticd index'\n"
                  "           --max-watches N          folders watched for live indexing at most (default:\n"
                  "                                    as many as fs.inotify.max_user_watches allows)\n"
+                 "           --extract-workers N      documents read at once by extraction workers\n"
+                 "                                    (1 to 256, default: one per core; 0: documents\n"
+                 "                                    are indexed by name and metadata only)\n"
+                 "           --extract-timeout SECONDS  time a worker may spend on one file before it is\n"
+                 "                                    stopped and the file indexed without content\n"
+                 "                                    (default 30)\n"
                  "       zarnelasticd index [--progress | --quiet] [--share NAME [--shards SHARD,...]]\n"
+                 "                          [--extract-workers N] [--extract-timeout SECONDS]\n"
                  "           --share NAME             index this share only\n"
                  "           --shards SHARD,...       spread its index over these shards from now on,\n"
                  "                                    each HOST:PORT of a xapian-tcpsrv --writable\n"
@@ -79,10 +89,15 @@ int Request(const char *arg) {
 
 int Index(int argc, char **argv) {
     zarnd::IndexOptions options;
+    zarnd::extract::PoolOptions extraction;
     options.progress = isatty(STDERR_FILENO) == 1;
     for (int i = 2; i < argc; ++i) {
+        bool bad = false;
         if (const int status = Request(argv[i]); status >= 0)
             return status;
+        else if (zarnd::extract::ParseExtractOption(argc, argv, &i, &extraction, &bad)) {
+            if (bad) return Usage();
+        }
         else if (std::strcmp(argv[i], "--progress") == 0)
             options.progress = true;
         else if (std::strcmp(argv[i], "--quiet") == 0)
@@ -98,15 +113,22 @@ int Index(int argc, char **argv) {
     if (!options.shards.empty() && options.share.empty()) return Usage();
     openlog("zarnelasticd", LOG_PID, LOG_DAEMON);
     zarnd::RaiseDescriptorLimit();
-    return zarnd::RunIndexer(options);
+    zarnd::extract::StartExtraction(extraction);
+    const int status = zarnd::RunIndexer(options);
+    zarnd::extract::StopExtraction();
+    return status;
 }
 
 int Serve(int argc, char **argv) {
     zarnd::ServerOptions options;
     bool debug = false;
+    zarnd::extract::PoolOptions extraction;
     for (int i = 1; i < argc; ++i) {
+        bool bad = false;
         if (const int status = Request(argv[i]); status >= 0) {
             return status;
+        } else if (zarnd::extract::ParseExtractOption(argc, argv, &i, &extraction, &bad)) {
+            if (bad) return Usage();
         } else if (std::strcmp(argv[i], "--foreground") == 0) {
             options.foreground = true;
         } else if (std::strcmp(argv[i], "--debug") == 0) {
@@ -141,7 +163,11 @@ int Serve(int argc, char **argv) {
     openlog("zarnelasticd", LOG_PID | (options.foreground ? LOG_PERROR : 0), LOG_DAEMON);
     setlogmask(LOG_UPTO(debug ? LOG_DEBUG : LOG_INFO));
     zarnd::RaiseDescriptorLimit();
-    return zarnd::RunServer(options);
+    // Only live indexing reads files: without it no worker is needed.
+    if (options.live) zarnd::extract::StartExtraction(extraction);
+    const int status = zarnd::RunServer(options);
+    zarnd::extract::StopExtraction();
+    return status;
 }
 
 }  // namespace

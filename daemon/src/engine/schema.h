@@ -1,5 +1,6 @@
-// The metadata fields that the indexer stores for every file and folder.  The
-// dates and the size travel as JSON integers, every other field as a string.
+// The metadata fields that the indexer stores for every file and folder, and
+// those read from inside documents.  The dates and the size travel as JSON
+// integers, every other field as a string.
 // Each search engine decides how it keeps them (see its layout).
 #ifndef ZARND_SCHEMA_H
 #define ZARND_SCHEMA_H
@@ -21,6 +22,17 @@ constexpr char kOwnerGroupID[] = "ZARNMDOwnerGroupID";  // decimal text
 constexpr char kParent[] = "ZARNMDParent";              // share-relative folder
 constexpr char kSearchFileName[] = "ZARNMDSearchFileName";
 constexpr char kTextContent[] = "ZARNMDTextContent";
+
+// Read from inside documents by the extraction workers (extract/).
+constexpr char kTitle[] = "ZARNMDTitle";
+constexpr char kAuthors[] = "ZARNMDAuthors";
+constexpr char kKeywords[] = "ZARNMDKeywords";
+constexpr char kDescription[] = "ZARNMDDescription";
+constexpr char kCreator[] = "ZARNMDCreator";  // the program that made the document
+constexpr char kIdentifier[] = "ZARNMDIdentifier";
+constexpr char kContentCreationDate[] = "ZARNMDContentCreationDate";
+constexpr char kContentModificationDate[] = "ZARNMDContentModificationDate";
+constexpr char kIsEncrypted[] = "ZARNMDIsEncrypted";  // "y" or "n"
 
 }  // namespace field
 

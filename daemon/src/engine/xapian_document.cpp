@@ -55,6 +55,7 @@ void AddField(const FieldLayout &layout, const Json::Value &value, Xapian::Docum
             IndexNameWords(generator, text, layout.prefix);
         else
             IndexWords(generator, text, layout.prefix);
+        if (layout.bare) IndexWords(generator, text, "");
         generator->increase_termpos();  // no phrase across two fields
         break;
     case TermKind::kExact:

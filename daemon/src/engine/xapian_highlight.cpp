@@ -113,9 +113,12 @@ bool IsContinuationByte(char c) { return (static_cast<unsigned char>(c) & 0xC0) 
 
 }  // namespace
 
+// The engine's snippet tends to start at a match: asked for twice the
+// length, it holds context on both sides, and CutFragment then keeps the
+// match in the middle.
 std::string HighlightField(const Xapian::MSet &mset, const std::string &text, const Xapian::Stem &stemmer,
                            size_t frag_length) {
-    return mset.snippet(text, frag_length, stemmer, Xapian::MSet::SNIPPET_EMPTY_WITHOUT_MATCH | kTermFlags,
+    return mset.snippet(text, 2 * frag_length, stemmer, Xapian::MSet::SNIPPET_EMPTY_WITHOUT_MATCH | kTermFlags,
                         kHighlightStart, kHighlightEnd, kOmit);
 }
 
