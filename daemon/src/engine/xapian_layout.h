@@ -26,7 +26,7 @@ constexpr char kRestrictionPrefix[] = "XR";
 // Bumped whenever what a document holds changes shape; an index of another
 // format is rebuilt by the indexer and refused by searches until then.
 constexpr char kFormatKey[] = "zarnelasticd.format";
-constexpr char kFormat[] = "2";
+constexpr char kFormat[] = "3";
 
 // A share's index directory holds a stub file naming the generation that
 // is current, "glass gen-N", and that generation's database in gen-N: a
@@ -49,7 +49,8 @@ struct FieldLayout {
     Xapian::valueno natural_slot;  // the natural-order key; BAD_VALUENO for numbers
     TermKind terms;
     const char *prefix;  // "" for the text content: the default field
-    bool numeric;        // slot holds Xapian::sortable_serialise of the integer
+    bool numeric;        // slot holds Xapian::sortable_serialise of the number
+    bool bare = false;   // its words are also found without the field's name
 };
 
 // Every stored field, in a fixed order; `count` receives their number.
