@@ -41,16 +41,18 @@ bool Run(const std::string &command, std::string *error) {
 
 }  // namespace
 
-bool MakeBaseFiles(const std::string &dir, const std::string &video_title, std::string *error) {
+bool MakeBaseFiles(const std::string &dir, const std::vector<std::string> &video_titles, std::string *error) {
     const std::string ffmpeg = "ffmpeg -nostdin -loglevel error -y ";
     const std::string sound = "-f lavfi -i sine=frequency=440:sample_rate=44100:duration=1 -ac 2 ";
     for (const std::string &kind : kSongKinds)
         if (!Run(ffmpeg + sound + SongCodec(kind) + " " + dir + "/base." + kind, error)) return false;
-    for (const std::string &kind : kVideoKinds)
-        if (!Run(ffmpeg + "-f lavfi -i testsrc=size=160x120:rate=10:duration=1 " + sound + VideoCodec(kind) +
-                     " -metadata title='" + video_title + "' " + dir + "/base." + kind,
+    for (size_t i = 0; i < kVideoKinds.size(); ++i) {
+        const std::string title = i < video_titles.size() ? " -metadata title='" + video_titles[i] + "'" : "";
+        if (!Run(ffmpeg + "-f lavfi -i testsrc=size=160x120:rate=10:duration=1 " + sound + VideoCodec(kVideoKinds[i]) +
+                     title + " " + dir + "/base." + kVideoKinds[i],
                  error))
             return false;
+    }
     for (const std::string &kind : kPhotoKinds)
         if (!Run(ffmpeg + "-f lavfi -i testsrc=size=320x240 -frames:v 1 " + dir + "/base." + kind, error)) return false;
     return true;

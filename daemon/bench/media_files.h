@@ -30,8 +30,9 @@ struct PhotoTags {
 };
 
 // `dir`/base.EXT for every kind, one second long (a still for photos);
-// videos carry the title `video_title`.  False, with *error, on failure.
-bool MakeBaseFiles(const std::string &dir, const std::string &video_title, std::string *error);
+// the video of kVideoKinds[i] carries the title video_titles[i] (or none).
+// False, with *error, on failure.
+bool MakeBaseFiles(const std::string &dir, const std::vector<std::string> &video_titles, std::string *error);
 
 // Writes the tags into an existing song or photo.
 bool TagSong(const std::string &path, const SongTags &tags);

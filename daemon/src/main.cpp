@@ -2,11 +2,14 @@
 //
 //   zarnelasticd [--foreground] [--workers N] [--search-budget SECONDS]
 //                [--shard-timeout SECONDS] [--no-live] [--max-watches N] [--debug]
+//                [--extract-workers N] [--extract-timeout SECONDS]
 //   zarnelasticd index [--progress | --quiet] [--share NAME [--shards SHARD,...]]
+//                [--extract-workers N] [--extract-timeout SECONDS]
 //   zarnelasticd --help | --version
 #include <syslog.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +18,7 @@
 
 #include "engine.h"
 
+#include "extract/pool.h"
 #include "index_run.h"
 #include "process.h"
 
@@ -47,13 +51,38 @@ void PrintUsage(FILE *out) {
                  "                                    'zarnelasticd index'\n"
                  "           --max-watches N          folders watched for live indexing at most (default:\n"
                  "                                    as many as fs.inotify.max_user_watches allows)\n"
+                 "           --extract-workers N      documents read at once by extraction workers\n"
+                 "                                    (1 to 256, default: one per core)\n"
+                 "           --extract-timeout SECONDS  time a worker may spend on one file before it is\n"
+                 "                                    stopped and the file indexed without content\n"
+                 "                                    (default 30)\n"
                  "       zarnelasticd index [--progress | --quiet] [--share NAME [--shards SHARD,...]]\n"
+                 "                          [--extract-workers N] [--extract-timeout SECONDS]\n"
                  "           --share NAME             index this share only\n"
                  "           --shards SHARD,...       spread its index over these shards from now on,\n"
                  "                                    each HOST:PORT of a xapian-tcpsrv --writable\n"
                  "                                    or the absolute path of a local database\n"
                  "       zarnelasticd --help | --version\n",
                  zarnd::kDefaultSearchBudgetS, zarnd::kDefaultShardTimeoutMs / 1000.0);
+}
+
+// --extract-workers N and --extract-timeout SECONDS, of both commands; false
+// when argv[*i] is neither (or its value is wrong: *bad is then set).
+bool ExtractOption(int argc, char **argv, int *i, zarnd::extract::PoolOptions *options, bool *bad) {
+    const bool workers = std::strcmp(argv[*i], "--extract-workers") == 0;
+    if ((!workers && std::strcmp(argv[*i], "--extract-timeout") != 0) || *i + 1 >= argc) return false;
+    char *end = nullptr;
+    const double value = std::strtod(argv[++*i], &end);
+    if (end == argv[*i] || *end != '\0') {
+        *bad = true;
+    } else if (workers) {
+        *bad = !(value >= 1 && value <= 256 && value == static_cast<unsigned>(value));
+        options->workers = static_cast<unsigned>(value);
+    } else {
+        *bad = !(value >= 0.1 && value <= 3600);
+        options->timeout = std::chrono::milliseconds(static_cast<long long>(value * 1000));
+    }
+    return true;
 }
 
 // A wrong command line: the usage on standard error, exit 2.
@@ -78,10 +107,15 @@ int Request(const char *arg) {
 
 int Index(int argc, char **argv) {
     zarnd::IndexOptions options;
+    zarnd::extract::PoolOptions extraction;
     options.progress = isatty(STDERR_FILENO) == 1;
     for (int i = 2; i < argc; ++i) {
+        bool bad = false;
         if (const int status = Request(argv[i]); status >= 0)
             return status;
+        else if (ExtractOption(argc, argv, &i, &extraction, &bad)) {
+            if (bad) return Usage();
+        }
         else if (std::strcmp(argv[i], "--progress") == 0)
             options.progress = true;
         else if (std::strcmp(argv[i], "--quiet") == 0)
@@ -97,15 +131,22 @@ int Index(int argc, char **argv) {
     if (!options.shards.empty() && options.share.empty()) return Usage();
     openlog("zarnelasticd", LOG_PID, LOG_DAEMON);
     zarnd::RaiseDescriptorLimit();
-    return zarnd::RunIndexer(options);
+    zarnd::extract::StartExtraction(extraction);
+    const int status = zarnd::RunIndexer(options);
+    zarnd::extract::StopExtraction();
+    return status;
 }
 
 int Serve(int argc, char **argv) {
     zarnd::ServerOptions options;
     bool debug = false;
+    zarnd::extract::PoolOptions extraction;
     for (int i = 1; i < argc; ++i) {
+        bool bad = false;
         if (const int status = Request(argv[i]); status >= 0) {
             return status;
+        } else if (ExtractOption(argc, argv, &i, &extraction, &bad)) {
+            if (bad) return Usage();
         } else if (std::strcmp(argv[i], "--foreground") == 0) {
             options.foreground = true;
         } else if (std::strcmp(argv[i], "--debug") == 0) {
@@ -140,7 +181,11 @@ int Serve(int argc, char **argv) {
     openlog("zarnelasticd", LOG_PID | (options.foreground ? LOG_PERROR : 0), LOG_DAEMON);
     setlogmask(LOG_UPTO(debug ? LOG_DEBUG : LOG_INFO));
     zarnd::RaiseDescriptorLimit();
-    return zarnd::RunServer(options);
+    // Only live indexing reads files: without it no worker is needed.
+    if (options.live) zarnd::extract::StartExtraction(extraction);
+    const int status = zarnd::RunServer(options);
+    zarnd::extract::StopExtraction();
+    return status;
 }
 
 }  // namespace

@@ -30,7 +30,15 @@ public:
         *value = static_cast<unsigned char>(data_[at_++]);
         return true;
     }
-    bool Number(uint64_t *value) { return GetVarint(data_, &at_, value); }
+    // Only the shortest form, as PutVarint writes it (no padded or
+    // overflowing groups).
+    bool Number(uint64_t *value) {
+        const size_t start = at_;
+        if (!GetVarint(data_, &at_, value)) return false;
+        std::string canonical;
+        PutVarint(&canonical, *value);
+        return data_.compare(start, at_ - start, canonical) == 0;
+    }
     // A length-prefixed text of at most `cap` bytes, valid UTF-8.
     bool Text(std::string *text, size_t cap) {
         uint64_t size = 0;

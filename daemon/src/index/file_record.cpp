@@ -13,7 +13,7 @@ namespace {
 
 // Bumped whenever the records made from the same file change, so that the
 // next run rebuilds every record.
-constexpr char kRecordVersion[] = "r1";
+constexpr char kRecordVersion[] = "r2";
 
 void PutNumber(std::string *out, uint64_t value) {
     for (int shift = 0; shift < 64; shift += 8) out->push_back(static_cast<char>(value >> shift));

@@ -78,6 +78,7 @@ void Add(IndexCounts *total, const IndexCounts &counts) {
     total->bytes_read += counts.bytes_read;
     total->bytes_walked += counts.bytes_walked;
     total->skipped += counts.skipped;
+    total->not_read += counts.not_read;
 }
 
 bool IndexShare(const std::string &share, const std::set<std::string> &folders, const IndexOptions &options,
@@ -103,12 +104,12 @@ bool IndexShare(const std::string &share, const std::set<std::string> &folders, 
         const uint64_t files = c.added + c.updated + c.unchanged;
         // The rate is of what was read: a file gives at most its text cap,
         // however large it is.
-        std::printf("%s: %llu added, %llu updated, %llu removed, %llu unchanged, %llu skipped; "
+        std::printf("%s: %llu added, %llu updated, %llu removed, %llu unchanged, %llu skipped, %llu contents not read; "
                     "%.1f MB read (of %.1f MB walked) in %.2f s (%.0f files/s, %.1f MB/s read)\n",
                     share.c_str(), static_cast<unsigned long long>(c.added),
                     static_cast<unsigned long long>(c.updated), static_cast<unsigned long long>(c.removed),
                     static_cast<unsigned long long>(c.unchanged), static_cast<unsigned long long>(c.skipped),
-                    c.bytes_read / 1e6, c.bytes_walked / 1e6, seconds, files / seconds,
+                    static_cast<unsigned long long>(c.not_read), c.bytes_read / 1e6, c.bytes_walked / 1e6, seconds, files / seconds,
                     c.bytes_read / 1e6 / seconds);
         std::fflush(stdout);
         ZARN_LOG(LOG_INFO, "indexed share %s: %llu added, %llu updated, %llu removed, %llu unchanged",

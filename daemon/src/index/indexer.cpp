@@ -14,6 +14,8 @@
 #include <vector>
 
 #include "engine.h"
+#include "extract/content.h"
+#include "extract/pool.h"
 #include "failure.h"
 #include "file_record.h"
 #include "log.h"
@@ -81,7 +83,9 @@ public:
     ShareIndexer(const std::string &share, const std::string &root, IndexWriter *writer, const ProgressHook &on_progress,
                  std::map<std::string, std::string> stored, bool complete, const FolderHook &on_folder)
         : share_(share), root_(root), writer_(writer), on_progress_(on_progress), on_folder_(on_folder),
-          stored_(std::move(stored)), complete_(complete) {}
+          stored_(std::move(stored)), complete_(complete) {
+        if (extract::Pool *pool = extract::ExtractionPool()) batch_.reset(new extract::Batch(pool));
+    }
 
     // Indexes the share-relative `path` and, for a folder, everything in it.
     // False when there is no such file or folder on the share's file system.
@@ -128,8 +132,10 @@ public:
         return true;
     }
 
-    // Removes the records of everything the walks did not meet.
+    // Writes the records still waiting for their content, and removes the
+    // records of everything the walks did not meet.
     void RemoveUnseen() {
+        while (batch_ && batch_->pending() > 0) Collect(true);
         for (const auto &gone : stored_) {
             writer_->Remove(gone.first);
             ++counts_.removed;
@@ -186,19 +192,24 @@ private:
             const bool regular = S_ISREG(entry.st.stx_mode) && dirfd >= 0;
             const int fd = regular ? OpenFileAt(dirfd, name) : -1;
             uint64_t read = 0;
-            const FileRecord record = MakeRecord(entry, fd, &read);
+            FileRecord record = MakeRecord(entry, fd, &read);
             // Two names may repair to one path: only a path met for the
             // first time is surely new to the index.
-            if (complete_ && !known && written_.insert(std::hash<std::string>()(record.path)).second)
-                writer_->Add(record);
-            else
-                writer_->Put(record);
+            const bool add = complete_ && !known && written_.insert(std::hash<std::string>()(record.path)).second;
             if (fd >= 0) {
                 counts_.bytes_read += read;
                 counts_.bytes_walked += entry.st.stx_size;
                 batch_bytes_ += entry.st.stx_size;
-                close(fd);
             }
+            if (fd >= 0 && batch_ && extract::WantsWorker(record, entry.st.stx_size)) {
+                // The worker takes the descriptor; the record waits for it.
+                batch_->Submit(next_tag_, fd, extract::RequestFor(record, entry.st.stx_size));
+                waiting_.emplace(next_tag_++, Waiting{std::move(record), add});
+            } else {
+                Write(record, add);
+                if (fd >= 0) close(fd);
+            }
+            if (batch_) Collect(false);
             ++(known ? counts_.updated : counts_.added);
             if (++batch_records_ >= kBatchRecords || batch_bytes_ >= kBatchBytes) {
                 writer_->Commit();
@@ -207,6 +218,42 @@ private:
         }
         if (on_progress_) on_progress_(counts_);
     }
+
+    void Write(const FileRecord &record, bool add) {
+        if (add)
+            writer_->Add(record);
+        else
+            writer_->Put(record);
+    }
+
+    // Writes the records whose content came back; waits for one when `wait`.
+    // A failure costs the file its content only: its record goes in with
+    // name and metadata, and it is read again when it changes.
+    void Collect(bool wait) {
+        for (auto &done : batch_->Take(wait)) {
+            const auto found = waiting_.find(done.first);
+            if (found == waiting_.end()) continue;
+            FileRecord &record = found->second.record;
+            const extract::Outcome &outcome = done.second;
+            if (outcome.failed) {
+                ++counts_.not_read;
+                extract::DropContent(&record);
+                ZARN_LOG(LOG_WARNING, "content of %s not read: %s", record.path.c_str(), outcome.reason.c_str());
+                if (on_progress_)  // a batch run's: on its standard error too
+                    std::fprintf(stderr, "zarnelasticd: content of %s not read: %s\n", record.path.c_str(),
+                                 outcome.reason.c_str());
+            } else {
+                extract::MergeReply(outcome.reply, &record);
+            }
+            Write(record, found->second.add);
+            waiting_.erase(found);
+        }
+    }
+
+    struct Waiting {
+        FileRecord record;
+        bool add;
+    };
 
     const std::string share_;
     const std::string root_;
@@ -220,6 +267,9 @@ private:
     uint64_t batch_records_ = 0;  // put since the last commit
     uint64_t batch_bytes_ = 0;
     dev_t device_ = 0;
+    std::map<uint64_t, Waiting> waiting_;  // records whose content a worker reads
+    uint64_t next_tag_ = 0;
+    std::unique_ptr<extract::Batch> batch_;  // last: its end waits for the workers
 };
 
 }  // namespace

@@ -23,6 +23,7 @@ struct IndexCounts {
     uint64_t bytes_read = 0;    // read from the files of added and updated records
     uint64_t bytes_walked = 0;  // the sizes of those files
     uint64_t skipped = 0;  // entries that could not be examined
+    uint64_t not_read = 0;  // files whose content an extraction worker failed to read
 };
 
 // Called with every folder that a walk opens: its descriptor, and its

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 #include "utf8.h"
 
@@ -24,8 +26,73 @@ size_t PieceLength(const std::string &text, size_t at) {
     return length == 0 ? 1 : length;
 }
 
-// Where the cut fragment starts: at the beginning, unless that would leave
-// out the first highlight; then late enough for the highlight to fit.
+const char kOmit[] = "\xE2\x80\xA6";  // what stands where text was cut
+const size_t kOmitBytes = std::strlen(kOmit);
+
+// The fragment's pieces, a highlight with its word as one piece, so that no
+// cut falls inside one.
+std::vector<std::pair<size_t, size_t>> Pieces(const std::string &text) {
+    std::vector<std::pair<size_t, size_t>> pieces;  // begin, end
+    for (size_t at = 0; at < text.size();) {
+        size_t end = at + PieceLength(text, at);
+        if (end - at == kStartBytes && text.compare(at, kStartBytes, kHighlightStart) == 0) {
+            const size_t close = text.find(kHighlightEnd, end);
+            end = close == std::string::npos ? text.size() : close + kEndBytes;
+        }
+        pieces.emplace_back(at, end);
+        at = end;
+    }
+    return pieces;
+}
+
+bool Blank(const std::string &text, const std::pair<size_t, size_t> &piece) {
+    return piece.second - piece.first == 1 && std::strchr(" \t\r\n", text[piece.first]) != nullptr;
+}
+
+// The first highlight with context on both sides, cut at word boundaries,
+// "…" where text was left out; "" when the highlight and the marks do not
+// fit in `budget` bytes.
+std::string AroundFirstHighlight(const std::string &text, size_t budget) {
+    const auto pieces = Pieces(text);
+    size_t hit = 0;
+    while (hit < pieces.size() && text.compare(pieces[hit].first, kStartBytes, kHighlightStart) != 0) ++hit;
+    if (hit == pieces.size()) hit = 0;  // no highlight: the start of the text
+    const auto size = [&](size_t first, size_t last) { return pieces[last].second - pieces[first].first; };
+    const auto marks = [&](size_t first, size_t last) {
+        return (first > 0 ? kOmitBytes : 0) + (last + 1 < pieces.size() ? kOmitBytes : 0);
+    };
+    if (size(hit, hit) + marks(hit, hit) > budget) return std::string();
+    // Grow a piece at a time on the side that has less, while it fits.
+    size_t first = hit, last = hit;
+    for (bool grew = true; grew;) {
+        grew = false;
+        const bool left_first = size(first, hit) <= size(hit, last);
+        for (int side = 0; side < 2 && !grew; ++side) {
+            if ((side == 0) == left_first && first > 0 && size(first - 1, last) + marks(first - 1, last) <= budget) {
+                --first;
+                grew = true;
+            } else if ((side == 0) != left_first && last + 1 < pieces.size() &&
+                       size(first, last + 1) + marks(first, last + 1) <= budget) {
+                ++last;
+                grew = true;
+            }
+        }
+    }
+    // Cuts fall between blank-separated words ("example.org" stays whole),
+    // and no blank stands next to a mark.
+    while (first < hit && first > 0 && !Blank(text, pieces[first - 1])) ++first;
+    while (last > hit && last + 1 < pieces.size() && !Blank(text, pieces[last + 1])) --last;
+    while (first < hit && first > 0 && Blank(text, pieces[first])) ++first;
+    while (last > hit && last + 1 < pieces.size() && Blank(text, pieces[last])) --last;
+    std::string out = text.substr(pieces[first].first, size(first, last));
+    if (first > 0 && out.compare(0, kOmitBytes, kOmit) != 0) out = kOmit + out;
+    if (last + 1 < pieces.size() && (out.size() < kOmitBytes || out.compare(out.size() - kOmitBytes, kOmitBytes, kOmit) != 0))
+        out += kOmit;
+    return out;
+}
+
+// Where the cut fragment starts when even a highlight alone does not fit:
+// late enough for as much of it as can be shown.
 size_t FirstPieceToKeep(const std::string &text, size_t budget) {
     const size_t first = text.find(kHighlightStart);
     if (first == std::string::npos) return 0;
@@ -44,7 +111,8 @@ std::string CutFragment(const std::string &fragment, size_t frag_length) {
     if (frag_length < 2) return std::string();
     const size_t budget = frag_length - 1;
     if (fragment.size() <= budget) return fragment;
-    std::string out;
+    std::string out = AroundFirstHighlight(fragment, budget);
+    if (!out.empty()) return out;
     bool open = false;
     for (size_t at = FirstPieceToKeep(fragment, budget); at < fragment.size();) {
         const size_t length = PieceLength(fragment, at);

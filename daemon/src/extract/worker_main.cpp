@@ -1,0 +1,165 @@
+// zarnelasticd-extract: the extraction worker.  The daemon and the indexer
+// start it with their end of a socket as descriptor 3; it confines itself
+// (sandbox.h) and then answers one request per file it is handed, until the
+// socket closes.
+//
+//   zarnelasticd-extract [--uid UID --gid GID] [--probe]
+//
+// --probe: confine, print what the sandbox allows (ProbeSandbox), exit.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include <magic.h>
+#include <poppler-document.h>
+#include <poppler-global.h>
+#include <poppler-page.h>
+
+#include "extract/channel.h"
+#include "extract/markup.h"
+#include "extract/run.h"
+#include "extract/sandbox.h"
+
+namespace {
+
+using namespace zarnd::extract;
+
+constexpr int kSocketFd = 3;
+// Larger files are not read: their names and metadata are still indexed.
+constexpr size_t kMaxDocumentBytes = 256u << 20;
+// libmagic looks at the start of a file.
+constexpr size_t kSniffBytes = 64 * 1024;
+
+void Quiet(const std::string &, void *) {}
+
+// A one-page PDF, read once before the sandbox closes so that poppler sets
+// up its global state (and reads its configuration) while it still may.
+constexpr char kWarmUpPdf[] =
+    "%PDF-1.1\n1 0 obj<</Type/Catalog/Pages 2 0 R>>endobj\n2 0 obj<</Type/Pages/Kids[3 0 R]/Count 1>>endobj\n"
+    "3 0 obj<</Type/Page/Parent 2 0 R/MediaBox[0 0 10 10]>>endobj\ntrailer<</Root 1 0 R>>\n%%EOF\n";
+
+void WarmUp() {
+    poppler::set_debug_error_function(Quiet, nullptr);
+    std::unique_ptr<poppler::document> doc(
+        poppler::document::load_from_raw_data(kWarmUpPdf, static_cast<int>(sizeof kWarmUpPdf - 1)));
+    if (doc) {
+        std::unique_ptr<poppler::page> page(doc->create_page(0));
+        if (page) page->text();
+    }
+    InitMarkup();
+}
+
+std::string Lower(std::string text) {
+    for (char &c : text)
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    return text;
+}
+
+uint64_t CpuMs() {
+    rusage usage;
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<uint64_t>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000 +
+           static_cast<uint64_t>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000;
+}
+
+// libmagic's answer, unless it only says "some text" and the name says
+// which markup: a page without <html> is still a page.
+std::string KindOf(const char *magic_kind, const std::string &extension) {
+    const std::string kind = magic_kind == nullptr ? "application/octet-stream" : magic_kind;
+    if (kind != "text/plain") return kind;
+    if (extension == "html" || extension == "htm" || extension == "xhtml") return "text/html";
+    if (extension == "xml") return "text/xml";
+    return kind;
+}
+
+Reply Failed(const std::string &reason) {
+    Reply reply;
+    reply.status = Status::kFailed;
+    reply.reason = reason;
+    return reply;
+}
+
+Reply ExtractFile(int fd, const Request &request, magic_t magic) {
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return Failed("not a regular file");
+    if (st.st_size == 0) return Reply();
+    const size_t size = static_cast<size_t>(st.st_size);
+    if (size > kMaxDocumentBytes)
+        return Failed("larger than " + std::to_string(kMaxDocumentBytes >> 20) + " MiB: not read");
+    void *map = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
+    if (map == MAP_FAILED) return Failed(std::string("cannot map the file: ") + std::strerror(errno));
+    Input input{static_cast<const char *>(map), size, std::string(), Lower(request.extension)};
+    input.kind = KindOf(magic_buffer(magic, map, std::min(size, kSniffBytes)), input.extension);
+    Reply reply = RunExtractor(input);
+    munmap(map, size);
+    return reply;
+}
+
+int Serve(magic_t magic) {
+    for (;;) {
+        std::string payload;
+        int fd = -1;
+        const Received got = ReceiveFrame(kSocketFd, &payload, &fd);
+        if (got == Received::kClosed) return 0;
+        if (got != Received::kFrame) return 1;
+        Request request;
+        Reply reply = fd < 0                              ? Failed("no file came with the request")
+                      : !DecodeRequest(payload, &request) ? Failed("malformed request")
+                                                          : ExtractFile(fd, request, magic);
+        if (fd >= 0) close(fd);
+        reply.cpu_ms = CpuMs();
+        if (!SendFrame(kSocketFd, EncodeReply(reply))) return 1;
+    }
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    // Nothing the caller held stays open here but the socket and the
+    // standard streams.
+    close_range(kSocketFd + 1, ~0u, 0);
+    uid_t uid = 65534;
+    gid_t gid = 65534;
+    bool probe = false;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--uid") == 0 && i + 1 < argc)
+            uid = static_cast<uid_t>(std::strtoul(argv[++i], nullptr, 10));
+        else if (std::strcmp(argv[i], "--gid") == 0 && i + 1 < argc)
+            gid = static_cast<gid_t>(std::strtoul(argv[++i], nullptr, 10));
+        else if (std::strcmp(argv[i], "--probe") == 0)
+            probe = true;
+        else {
+            std::fprintf(stderr, "usage: zarnelasticd-extract [--uid UID --gid GID] [--probe]\n");
+            return 2;
+        }
+    }
+    magic_t magic = magic_open(MAGIC_MIME_TYPE | MAGIC_NO_CHECK_COMPRESS | MAGIC_NO_CHECK_ELF);
+    if (magic == nullptr || magic_load(magic, nullptr) != 0) {
+        std::fprintf(stderr, "zarnelasticd-extract: cannot load the magic database\n");
+        return 1;
+    }
+    WarmUp();
+    const int quiet = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    std::string problem;
+    if (quiet < 0 || !EnterSandbox(uid, gid, &problem)) {
+        std::fprintf(stderr, "zarnelasticd-extract: cannot confine itself: %s\n", problem.c_str());
+        return 1;
+    }
+    if (probe) {
+        std::printf("%s\n", ProbeSandbox().c_str());
+        return 0;
+    }
+    // Confined, it may not write files: a library's message to a standard
+    // error that is a log file would end it.
+    dup2(quiet, STDERR_FILENO);
+    close(quiet);
+    return Serve(magic);
+}
