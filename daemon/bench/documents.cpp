@@ -129,7 +129,8 @@ Entries Epub(const DocumentProperties &p, const std::string &body) {
                  Element("dc:title", p.title) + Element("dc:creator", p.author) + Element("dc:subject", p.keywords) +
                  Element("dc:description", p.subject) + Element("dc:date", p.created) +
                  (p.modified.empty() ? "" : "<meta property=\"dcterms:modified\">" + p.modified + "</meta>") +
-                 "</metadata></package>"},
+                 "</metadata><manifest><item id=\"c1\" href=\"chapter1.xhtml\" media-type=\"application/xhtml+xml\"/>"
+                 "</manifest><spine><itemref idref=\"c1\"/></spine></package>"},
             {"OEBPS/chapter1.xhtml", std::string(kXmlHead) + "<html xmlns=\"http://www.w3.org/1999/xhtml\"><head><title>" +
                                          Escaped(p.title) + "</title></head><body>" + Element("p", body) +
                                          "</body></html>"}};

@@ -52,7 +52,8 @@ void PrintUsage(FILE *out) {
                  "           --max-watches N          folders watched for live indexing at most (default:\n"
                  "                                    as many as fs.inotify.max_user_watches allows)\n"
                  "           --extract-workers N      documents read at once by extraction workers\n"
-                 "                                    (1 to 256, default: one per core)\n"
+                 "                                    (1 to 256, default: one per core; 0: documents\n"
+                 "                                    are indexed by name and metadata only)\n"
                  "           --extract-timeout SECONDS  time a worker may spend on one file before it is\n"
                  "                                    stopped and the file indexed without content\n"
                  "                                    (default 30)\n"
@@ -66,6 +67,13 @@ void PrintUsage(FILE *out) {
                  zarnd::kDefaultSearchBudgetS, zarnd::kDefaultShardTimeoutMs / 1000.0);
 }
 
+bool g_extraction_off = false;  // --extract-workers 0
+
+// Starts the extraction workers unless they were turned off.
+void StartWorkers(const zarnd::extract::PoolOptions &options) {
+    if (!g_extraction_off) zarnd::extract::StartExtraction(options);
+}
+
 // --extract-workers N and --extract-timeout SECONDS, of both commands; false
 // when argv[*i] is neither (or its value is wrong: *bad is then set).
 bool ExtractOption(int argc, char **argv, int *i, zarnd::extract::PoolOptions *options, bool *bad) {
@@ -76,8 +84,9 @@ bool ExtractOption(int argc, char **argv, int *i, zarnd::extract::PoolOptions *o
     if (end == argv[*i] || *end != '\0') {
         *bad = true;
     } else if (workers) {
-        *bad = !(value >= 1 && value <= 256 && value == static_cast<unsigned>(value));
+        *bad = !(value >= 0 && value <= 256 && value == static_cast<unsigned>(value));
         options->workers = static_cast<unsigned>(value);
+        g_extraction_off = value == 0;
     } else {
         *bad = !(value >= 0.1 && value <= 3600);
         options->timeout = std::chrono::milliseconds(static_cast<long long>(value * 1000));
@@ -131,7 +140,7 @@ int Index(int argc, char **argv) {
     if (!options.shards.empty() && options.share.empty()) return Usage();
     openlog("zarnelasticd", LOG_PID, LOG_DAEMON);
     zarnd::RaiseDescriptorLimit();
-    zarnd::extract::StartExtraction(extraction);
+    StartWorkers(extraction);
     const int status = zarnd::RunIndexer(options);
     zarnd::extract::StopExtraction();
     return status;
@@ -182,7 +191,7 @@ int Serve(int argc, char **argv) {
     setlogmask(LOG_UPTO(debug ? LOG_DEBUG : LOG_INFO));
     zarnd::RaiseDescriptorLimit();
     // Only live indexing reads files: without it no worker is needed.
-    if (options.live) zarnd::extract::StartExtraction(extraction);
+    if (options.live) StartWorkers(extraction);
     const int status = zarnd::RunServer(options);
     zarnd::extract::StopExtraction();
     return status;

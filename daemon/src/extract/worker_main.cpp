@@ -70,13 +70,24 @@ uint64_t CpuMs() {
            static_cast<uint64_t>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000;
 }
 
-// libmagic's answer, unless it only says "some text" and the name says
-// which markup: a page without <html> is still a page.
+// libmagic's answer, unless it names no more than "text", "zip" or "some
+// bytes": then the name says which kind to try (a page without <html>, an
+// e-book whose first entry libmagic does not follow).  A file that is not
+// what its name says then fails to parse, and its failure is logged.
 std::string KindOf(const char *magic_kind, const std::string &extension) {
     const std::string kind = magic_kind == nullptr ? "application/octet-stream" : magic_kind;
-    if (kind != "text/plain") return kind;
-    if (extension == "html" || extension == "htm" || extension == "xhtml") return "text/html";
-    if (extension == "xml") return "text/xml";
+    static const char *const kByName[][2] = {
+        {"html", "text/html"},       {"htm", "text/html"},        {"xhtml", "text/html"},
+        {"xml", "text/xml"},         {"pdf", "application/pdf"},  {"docx", "application/zip"},
+        {"xlsx", "application/zip"}, {"pptx", "application/zip"}, {"odt", "application/zip"},
+        {"ods", "application/zip"},  {"odp", "application/zip"},  {"epub", "application/zip"},
+    };
+    if (kind != "text/plain" && kind != "application/octet-stream" && kind != "application/zip") return kind;
+    for (const auto &entry : kByName) {
+        const bool text_kind = std::strncmp(entry[1], "text/", 5) == 0;
+        // Text stays text unless the name says markup; bytes are never markup.
+        if (extension == entry[0] && text_kind == (kind == "text/plain")) return entry[1];
+    }
     return kind;
 }
 
