@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs the Debian packages the build and the tests need, when missing.
 set -eu
-packages="cmake g++ make pkg-config libjsoncpp-dev libgtest-dev libgmock-dev util-linux valgrind clang libclang-rt-14-dev abigail-tools libxapian-dev xapian-tools zlib1g-dev libpoppler-cpp-dev libarchive-dev libxml2-dev libmagic-dev libseccomp-dev libcairo2-dev qpdf recollcmd libexiv2-dev libtag1-dev libavformat-dev libavcodec-dev libavutil-dev ffmpeg"
+packages="cmake g++ make pkg-config libjsoncpp-dev libgtest-dev libgmock-dev util-linux valgrind clang libclang-rt-14-dev abigail-tools libxapian-dev xapian-tools zlib1g-dev libpoppler-cpp-dev libarchive-dev libxml2-dev libmagic-dev libseccomp-dev libcairo2-dev qpdf recollcmd libexiv2-dev libtag1-dev libavformat-dev libavcodec-dev libavutil-dev ffmpeg python3-mutagen libimage-exiftool-perl"
 missing=""
 for p in $packages; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"

@@ -1,7 +1,8 @@
 #!/bin/sh
 # Documents beside recollindex, in the same run, inside a private namespace:
-#  - per kind (pdf docx xlsx pptx odt ods odp epub html): N documents made
-#    by their libraries (zarnelasticd_documents), indexed by
+#  - per kind (pdf docx xlsx pptx odt ods odp epub html, and song, video and
+#    photo, each cycling through its formats): N documents made by their
+#    libraries (zarnelasticd_documents, zarnelasticd_media), indexed by
 #    `zarnelasticd index` and by `recollindex` (its default helpers), files/s
 #    of each and how many of the documents' own words each finds;
 #  - the documents together, and with a generated text tree of T entries
@@ -29,7 +30,7 @@ exec sh "$here/../../tests/support/sandbox.sh" sh ${ZARN_BENCH_TRACE:+-x} -c '
   set -eu
   build=$1 per_kind=$2 text=$3
   work=$(mktemp -d /var/documents.XXXXXX)
-  kinds="pdf docx xlsx pptx odt ods odp epub html"
+  kinds="pdf docx xlsx pptx odt ods odp epub html song video photo"
   export ZARN_SHARE_TABLE="$work/shares"
   : > "$ZARN_SHARE_TABLE"
   folders=""
@@ -39,7 +40,11 @@ exec sh "$here/../../tests/support/sandbox.sh" sh ${ZARN_BENCH_TRACE:+-x} -c '
     echo "[$folders]" > /var/packages/Norvex/etc/fileindex.folders
   }
   for kind in $kinds; do
-    "$build/daemon/zarnelasticd_documents" "$work/$kind" "$per_kind" "$kind" > "$work/$kind.words"
+    case $kind in
+      song|video|photo) make=zarnelasticd_media ;;
+      *) make=zarnelasticd_documents ;;
+    esac
+    "$build/daemon/$make" "$work/$kind" "$per_kind" "$kind" > "$work/$kind.words"
     add_share "$kind" "$work/$kind"
   done
   mkdir "$work/mixed"

@@ -115,6 +115,12 @@ bool TagPhoto(const std::string &path, const PhotoTags &tags) {
     }
 }
 
+bool RetitleVideo(const std::string &from, const std::string &to, const std::string &title) {
+    std::string error;
+    return Run("ffmpeg -nostdin -loglevel error -y -i " + from + " -map 0 -c copy -metadata title='" + title + "' " + to,
+               &error);
+}
+
 bool CopyFile(const std::string &from, const std::string &to) {
     std::ifstream in(from, std::ios::binary);
     std::ofstream out(to, std::ios::binary | std::ios::trunc);

@@ -39,6 +39,8 @@ bool TagSong(const std::string &path, const SongTags &tags);
 bool TagPhoto(const std::string &path, const PhotoTags &tags);
 
 bool CopyFile(const std::string &from, const std::string &to);
+// A copy of a video with another title, its streams copied as they are.
+bool RetitleVideo(const std::string &from, const std::string &to, const std::string &title);
 
 }  // namespace zarnbench
 
