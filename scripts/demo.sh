@@ -104,6 +104,18 @@ stop_shards() {
   shard_pids=
 }
 
+# make_album DIR: three songs of one album, made and tagged by ffmpeg, their
+# names out of track order.
+make_album() {
+  mkdir -p "$1"
+  for song in "3 Locomotion" "1 Moments Notice" "2 Lazy Bird"; do
+    track=${song%% *} title=${song#* }
+    ffmpeg -nostdin -loglevel error -f lavfi -i "sine=frequency=$((220 * track)):duration=$((track + 1))" \
+      -c:a libmp3lame -metadata title="$title" -metadata artist="Mira Okafor" -metadata album="Blue Train" \
+      -metadata track="$track" -metadata date=1957 -metadata genre="Hard bop" "$1/$title.mp3"
+  done
+}
+
 prepare() {
   mount -t tmpfs -o mode=0755 tmpfs /var
   mkdir -p /var/run /var/shares "$(dirname "$folder_config")"
@@ -111,8 +123,9 @@ prepare() {
   # the machine's log.
   if [ -e /dev/log ]; then mount --bind /dev/null /dev/log; fi
 
-  echo "== Making share '$share' from a copy of /usr/share/doc ($(find /usr/share/doc | wc -l) entries)"
+  echo "== Making share '$share' from a copy of /usr/share/doc ($(find /usr/share/doc | wc -l) entries) and an album of three songs"
   cp -RP --preserve=mode,timestamps /usr/share/doc "$share_root"
+  make_album "$share_root/music"
   printf '%s\t%s\n' "$share" "$share_root" >"$share_table"
   export ZARN_SHARE_TABLE="$share_table"
   printf '[{"path": "/%s"}]\n' "$share" >"$folder_config"
@@ -170,6 +183,20 @@ searches() {
       zarnsearch doc "$share" "$doc_id" ZARNMDPath ZARNMDFSSize ZARNMDIsDir \
       ZARNMDFSContentChangeDate ZARNMDOwnerUserID ZARNMDTitle ZARNMDColour
   fi
+
+  show "Music: a song by its artist, a word of its tags" \
+    zarnsearch search "$share" okafor --size 5
+  show "An album in track order" \
+    zarnsearch search "$share" 'ZARNMDAlbum:"blue train"' --sort ZARNMDAlbum --sort ZARNMDAudioTrackNumber
+  hit=$(zarnsearch search "$share" 'ZARNMDAlbum:"blue train"' --sort ZARNMDAudioTrackNumber --size 1 --json | sed -n 2p)
+  doc_id=$(printf '%s' "$hit" | sed -n 's/.*"doc_id":\([0-9]*\).*/\1/p')
+  if [ -n "$doc_id" ]; then
+    show "Its first track's fields, typed" \
+      zarnsearch doc "$share" "$doc_id" ZARNMDTitle ZARNMDAuthors ZARNMDAudioTrackNumber ZARNMDRecordingYear \
+      ZARNMDDurationSecond ZARNMDAudioSampleRate ZARNMDCodecs ZARNMDMediaTypes
+  fi
+  show "Songs between 2.5 and 5 seconds long, the longest first" \
+    zarnsearch search "$share" 'ZARNMDDurationSecond:2.5..5' --sort ZARNMDDurationSecond:desc
 
   show "Where the share's index lives" zarnsearch where "$share"
   show "Is the share indexed?" zarnsearch indexed share "$share"

@@ -15,8 +15,9 @@
 
 namespace {
 
-std::string Letters(unsigned n) {
-    std::string word = "zq";
+// "zq" and n in letters; another prefix for the words that files share.
+std::string Letters(unsigned n, const char *prefix = "zq") {
+    std::string word = prefix;
     do {
         word += static_cast<char>('a' + n % 26);
         n /= 26;
@@ -55,11 +56,11 @@ int main(int argc, char **argv) {
         else if (!zarnbench::CopyFile(base + "/base." + formats[format], path))
             return 1;
         if (kind == "song")
-            tagged = zarnbench::TagSong(path, {"Song " + word, "Artist " + Letters(i % 50), "Album " + Letters(i / 12),
-                                               "Composer " + Letters(i % 7), "Jazz", "", int(i % 12) + 1, 1950 + int(i % 70)});
+            tagged = zarnbench::TagSong(path, {"Song " + word, "Artist " + Letters(i % 50, "zr"), "Album " + Letters(i / 12, "zs"),
+                                               "Composer " + Letters(i % 7, "zt"), "Jazz", "", int(i % 12) + 1, 1950 + int(i % 70)});
         else if (kind == "photo")
             tagged = zarnbench::TagPhoto(path, {"Kestrel", "K-" + std::to_string(i % 9), "a view of " + word,
-                                                "Photographer " + Letters(i % 30), "Darkroom", "Shot " + word,
+                                                "Photographer " + Letters(i % 30, "zr"), "Darkroom", "Shot " + word,
                                                 {"holiday", "sea"}, 100 << (i % 5), 300, int(i % 6), 28, 250,
                                                 "2020:07:01 10:00:00", ""});
         if (!tagged) {
