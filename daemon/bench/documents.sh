@@ -65,7 +65,8 @@ exec sh "$here/../../tests/support/sandbox.sh" sh ${ZARN_BENCH_TRACE:+-x} -c '
   theirs() {  # theirs SHARE: seconds of recollindex on a new configuration
     rm -rf "$work/recoll-$1"; mkdir "$work/recoll-$1"
     printf "topdirs = %s\nloglevel = 1\nskippedNames+ = @eaDir\n" "$work/$1" > "$work/recoll-$1/recoll.conf"
-    t0=$(now); recollindex -c "$work/recoll-$1" > "$work/recoll-$1.log" 2>&1 || true; t1=$(now)
+    # Its helpers are the Debian ones: they need the Debian python3 and modules.
+    t0=$(now); PATH=/usr/bin:$PATH recollindex -c "$work/recoll-$1" > "$work/recoll-$1.log" 2>&1 || true; t1=$(now)
     seconds "$t0" "$t1"
   }
   count() {  # count SHARE FILES: files, entries in the share

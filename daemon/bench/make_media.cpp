@@ -11,21 +11,11 @@
 #include <cstdlib>
 #include <string>
 
+#include "bench_words.h"
 #include "media_files.h"
 
-namespace {
 
-// "zq" and n in letters; another prefix for the words that files share.
-std::string Letters(unsigned n, const char *prefix = "zq") {
-    std::string word = prefix;
-    do {
-        word += static_cast<char>('a' + n % 26);
-        n /= 26;
-    } while (n > 0);
-    return word;
-}
-
-}  // namespace
+using zarnbench::Letters;
 
 int main(int argc, char **argv) {
     const std::string kind = argc == 4 ? argv[3] : "";

@@ -62,25 +62,13 @@ protected:
         ASSERT_TRUE(zarnbench::MakeBaseFiles("/var/base", {"granite", "heather", "indigo", "juniper", "kelp"}, &error))
             << error;
     }
-    void TearDown() override {
-        if (daemon_ > 0) {
-            kill(daemon_, SIGTERM);
-            waitpid(daemon_, nullptr, 0);
-        }
-    }
+    void TearDown() override { StopDaemon(&daemon_); }
     static std::string Path(const std::string &name) { return std::string(kShare) + "/" + name; }
     static std::string Base(const std::string &kind) { return "/var/base/base." + kind; }
     static Result Index() { return Shell(ZARNELASTICD " index --extract-timeout 5 --extract-workers 2"); }
     void Start() {
-        daemon_ = fork();
-        if (daemon_ == 0) {
-            execl("/bin/sh", "sh", "-c", "exec " ZARNELASTICD " --foreground 2>>/var/daemon.log", nullptr);
-            _exit(127);
-        }
-        int fd = -1;
-        for (int i = 0; i < 500 && (fd = ConnectToDaemon()) < 0; ++i) usleep(10000);
-        ASSERT_GE(fd, 0) << Shell("cat /var/daemon.log").out;
-        close(fd);
+        daemon_ = StartDaemon(ZARNELASTICD " --foreground 2>>/var/daemon.log");
+        ASSERT_GT(daemon_, 0) << Shell("cat /var/daemon.log").out;
     }
     pid_t daemon_ = -1;
 };
