@@ -65,7 +65,7 @@ private:
 bool Accepts(const Input &input) {
     static const char *const kKinds[] = {"audio/mpeg", "audio/flac", "audio/x-flac", "audio/ogg", "audio/x-m4a",
                                          "audio/mp4", "audio/x-wav", "audio/wav", "audio/x-aiff", "audio/x-ape",
-                                         "audio/x-wavpack", "audio/x-ms-wma", "audio/x-hx-aac-adts"};
+                                         "audio/x-wavpack", "audio/x-ms-wma"};
     for (const char *kind : kKinds)
         if (input.kind == kind) return true;
     return false;
