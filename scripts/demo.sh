@@ -111,7 +111,7 @@ make_album() {
   for song in "3 Locomotion" "1 Moments Notice" "2 Lazy Bird"; do
     track=${song%% *} title=${song#* }
     ffmpeg -nostdin -loglevel error -f lavfi -i "sine=frequency=$((220 * track)):duration=$((track + 1))" \
-      -c:a libmp3lame -metadata title="$title" -metadata artist="Mira Okafor" -metadata album="Blue Train" \
+      -c:a libmp3lame -metadata title="$title" -metadata artist="Ines Varga" -metadata album="Blue Train" \
       -metadata track="$track" -metadata date=1957 -metadata genre="Hard bop" "$1/$title.mp3"
   done
 }
@@ -125,6 +125,13 @@ prepare() {
 
   echo "== Making share '$share' from a copy of /usr/share/doc ($(find /usr/share/doc | wc -l) entries) and an album of three songs"
   cp -RP --preserve=mode,timestamps /usr/share/doc "$share_root"
+  # Documents made by their own libraries: their words and properties are
+  # read by the extraction workers.
+  mkdir "$share_root/office"
+  zarnelasticd_documents --one "$share_root/office/plan.pdf" pdf "Harbour plan" "Mira Okafor" \
+    "The new quay opens in spring; the cormorant colony moves to the north pier."
+  zarnelasticd_documents --one "$share_root/office/minutes.docx" docx "Board minutes" "Tomas Lindqvist" \
+    "The board approved the budget for the lighthouse repairs."
   make_album "$share_root/music"
   printf '%s\t%s\n' "$share" "$share_root" >"$share_table"
   export ZARN_SHARE_TABLE="$share_table"
@@ -168,6 +175,15 @@ searches() {
       zarnsearch search "$share" "ZARNMDParent:$parent" --sort ZARNMDFSName:desc:natural --size 5
   fi
 
+  show "A PDF found by a word of its body (read by an extraction worker)" \
+    zarnsearch search "$share" cormorant --highlight
+  show "An office document found by its author" \
+    zarnsearch search "$share" 'ZARNMDAuthors:lindqvist'
+  pdf=$(zarnsearch search "$share" cormorant --json | sed -n 's/.*"doc_id":\([0-9]*\).*/\1/p' | head -1)
+  if [ -n "$pdf" ]; then
+    show "The PDF's properties, typed" \
+      zarnsearch doc "$share" "$pdf" ZARNMDTitle ZARNMDAuthors ZARNMDCreator ZARNMDContentCreationDate ZARNMDIsEncrypted
+  fi
   show "The second page of three, with the highlighted fragments" \
     zarnsearch search "$share" xapian --highlight --page 1 --size 3
   show "The same hits for programs: one JSON object per line" \
@@ -185,7 +201,7 @@ searches() {
   fi
 
   show "Music: a song by its artist, a word of its tags" \
-    zarnsearch search "$share" okafor --size 5
+    zarnsearch search "$share" varga --size 5
   show "An album in track order" \
     zarnsearch search "$share" 'ZARNMDAlbum:"blue train"' --sort ZARNMDAlbum --sort ZARNMDAudioTrackNumber
   hit=$(zarnsearch search "$share" 'ZARNMDAlbum:"blue train"' --sort ZARNMDAudioTrackNumber --size 1 --json | sed -n 2p)

@@ -1,3 +1,4 @@
+// zarnelasticd_documents --one PATH KIND TITLE AUTHOR BODY: one document.
 // zarnelasticd_documents DIR N [KIND,...]: writes N documents into DIR,
 // cycling through the kinds (default: pdf docx xlsx pptx odt ods odp epub
 // html), each made by its own library (documents.h).  Each body holds
@@ -41,8 +42,14 @@ std::vector<std::string> Vocabulary() {
 using zarnbench::Letters;
 
 int main(int argc, char **argv) {
+    if (argc == 7 && std::string(argv[1]) == "--one") {
+        const zarnbench::DocumentProperties properties = {argv[4], argv[5], "", "", "zarnelasticd_documents",
+                                                          "2026-11-24T09:00:00Z", ""};
+        return zarnbench::WriteDocument(argv[2], argv[3], properties, argv[6]) ? 0 : 1;
+    }
     if (argc < 3) {
-        std::fprintf(stderr, "usage: zarnelasticd_documents DIR N [KIND,...]\n");
+        std::fprintf(stderr, "usage: zarnelasticd_documents DIR N [KIND,...]\n"
+                             "       zarnelasticd_documents --one PATH KIND TITLE AUTHOR BODY\n");
         return 2;
     }
     const std::string dir = argv[1];
@@ -61,7 +68,7 @@ int main(int argc, char **argv) {
         const std::string word = Letters(i);
         std::string body;
         for (int w = 0; w < 300; ++w) body += vocabulary[random() % vocabulary.size()] + (w == 150 ? " " + word + " " : " ");
-        zarnbench::DocumentProperties properties = {"Report " + std::to_string(i), "Author " + Letters(i % 50),
+        zarnbench::DocumentProperties properties = {"Report " + std::to_string(i), "Author " + std::to_string(i % 50),
                                                     "", "", "make_documents", "2020-01-01T00:00:00Z", ""};
         const std::string path = dir + "/" + kind + "-" + std::to_string(i) + "." + kind;
         if (!zarnbench::WriteDocument(path, kind, properties, body)) {

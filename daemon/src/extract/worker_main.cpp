@@ -36,7 +36,7 @@ constexpr int kSocketFd = 3;
 // Larger files are not read: their names and metadata are still indexed.
 constexpr size_t kMaxDocumentBytes = 256u << 20;
 // libmagic looks at the start of a file.
-constexpr size_t kSniffBytes = 64 * 1024;
+constexpr size_t kSniffBytes = 8 * 1024;
 
 void Quiet(const std::string &, void *) {}
 
