@@ -9,7 +9,6 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -67,33 +66,6 @@ void PrintUsage(FILE *out) {
                  zarnd::kDefaultSearchBudgetS, zarnd::kDefaultShardTimeoutMs / 1000.0);
 }
 
-bool g_extraction_off = false;  // --extract-workers 0
-
-// Starts the extraction workers unless they were turned off.
-void StartWorkers(const zarnd::extract::PoolOptions &options) {
-    if (!g_extraction_off) zarnd::extract::StartExtraction(options);
-}
-
-// --extract-workers N and --extract-timeout SECONDS, of both commands; false
-// when argv[*i] is neither (or its value is wrong: *bad is then set).
-bool ExtractOption(int argc, char **argv, int *i, zarnd::extract::PoolOptions *options, bool *bad) {
-    const bool workers = std::strcmp(argv[*i], "--extract-workers") == 0;
-    if ((!workers && std::strcmp(argv[*i], "--extract-timeout") != 0) || *i + 1 >= argc) return false;
-    char *end = nullptr;
-    const double value = std::strtod(argv[++*i], &end);
-    if (end == argv[*i] || *end != '\0') {
-        *bad = true;
-    } else if (workers) {
-        *bad = !(value >= 0 && value <= 256 && value == static_cast<unsigned>(value));
-        options->workers = static_cast<unsigned>(value);
-        g_extraction_off = value == 0;
-    } else {
-        *bad = !(value >= 0.1 && value <= 3600);
-        options->timeout = std::chrono::milliseconds(static_cast<long long>(value * 1000));
-    }
-    return true;
-}
-
 // A wrong command line: the usage on standard error, exit 2.
 int Usage() {
     PrintUsage(stderr);
@@ -122,7 +94,7 @@ int Index(int argc, char **argv) {
         bool bad = false;
         if (const int status = Request(argv[i]); status >= 0)
             return status;
-        else if (ExtractOption(argc, argv, &i, &extraction, &bad)) {
+        else if (zarnd::extract::ParseExtractOption(argc, argv, &i, &extraction, &bad)) {
             if (bad) return Usage();
         }
         else if (std::strcmp(argv[i], "--progress") == 0)
@@ -140,7 +112,7 @@ int Index(int argc, char **argv) {
     if (!options.shards.empty() && options.share.empty()) return Usage();
     openlog("zarnelasticd", LOG_PID, LOG_DAEMON);
     zarnd::RaiseDescriptorLimit();
-    StartWorkers(extraction);
+    zarnd::extract::StartExtraction(extraction);
     const int status = zarnd::RunIndexer(options);
     zarnd::extract::StopExtraction();
     return status;
@@ -154,7 +126,7 @@ int Serve(int argc, char **argv) {
         bool bad = false;
         if (const int status = Request(argv[i]); status >= 0) {
             return status;
-        } else if (ExtractOption(argc, argv, &i, &extraction, &bad)) {
+        } else if (zarnd::extract::ParseExtractOption(argc, argv, &i, &extraction, &bad)) {
             if (bad) return Usage();
         } else if (std::strcmp(argv[i], "--foreground") == 0) {
             options.foreground = true;
@@ -191,7 +163,7 @@ int Serve(int argc, char **argv) {
     setlogmask(LOG_UPTO(debug ? LOG_DEBUG : LOG_INFO));
     zarnd::RaiseDescriptorLimit();
     // Only live indexing reads files: without it no worker is needed.
-    if (options.live) StartWorkers(extraction);
+    if (options.live) zarnd::extract::StartExtraction(extraction);
     const int status = zarnd::RunServer(options);
     zarnd::extract::StopExtraction();
     return status;

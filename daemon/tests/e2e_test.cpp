@@ -249,8 +249,9 @@ TEST_F(DaemonE2e, HitsCarryTheRequestedFieldsAndHighlightsCut) {
     EXPECT_EQ(R"({"ZARNMDIsDir":"y"})" "\n" R"({"ZARNMDIsDir":"n","ZARNMDTextContent":"annual report: revenue grew\n"})" "\n"
               R"({"ZARNMDIsDir":"n","ZARNMDTextContent":"gzipped fox notes\n"})" "\n", shown);
     // Highlights cut to the fragment length; none without a match in the text.
-    for (const auto &c : {std::make_pair(40, "\xE2\x80\xA6<em>needle</em>\n\xC3\xA9t\xC3\xA9 line 31\n\xC3\xA9t\xC3\xA9 "),
-                          std::make_pair(21, "\xE2\x80\xA6<em>needle</em>\n")}) {
+    // Context on both sides, whole words, "…" where cut.
+    for (const auto &c : {std::make_pair(40, "\xE2\x80\xA6line 30 <em>needle</em>\n\xC3\xA9t\xC3\xA9\xE2\x80\xA6"),
+                          std::make_pair(21, "\xE2\x80\xA6<em>needle</em>")}) {
         Json::Value cut = Search("needle");
         cut["data"]["highlight"][0]["field"] = "ZARNMDTextContent";
         cut["data"]["highlight"][0]["frag_length"] = c.first;

@@ -100,12 +100,13 @@ TEST(DaemonUnits, FragmentIsCutBelowTheLimitWithoutBreakingAnything) {
         {mail, 40, "\xE2\x80\xA6the <em>xapian</em> bindings\xE2\x80\xA6"},
         {mail, 60, "\xE2\x80\xA6wrote the <em>xapian</em> bindings for us all"},
         {"\xE2\x80\xA6 ab cd <em>x</em> ef gh \xE2\x80\xA6", 24, "\xE2\x80\xA6" "cd <em>x</em> ef\xE2\x80\xA6"},
-        {"0123456789 <em>x</em>", 12, " <em>x</em>"},  // no room for a mark
+        {"0123456789 <em>x</em>", 14, "\xE2\x80\xA6<em>x</em>"},  // room for one mark
+        {"0123456789 <em>x</em>", 12, "<em>x</em>"},
         {"abcdef", 2, "a"},
         {"ab\xC3\xA9z", 4, "ab"},  // no half character
         {"a &amp; b", 5, "a\xE2\x80\xA6"},  // no half escape
         {"xy <em>word</em> tail", 12, "<em>wo</em>"},  // the match shown, if only in part
-        {"<em>a</em> <em>b</em>", 13, "<em>a</em> "},
+        {"<em>a</em> <em>b</em>", 13, "<em>a</em>"},
         {"anything", 1, ""},
         {"a <em>b</em> c", 10, ""},  // no empty highlight, no half tag
     };

@@ -109,8 +109,11 @@ bool IsContinuationByte(char c) { return (static_cast<unsigned char>(c) & 0xC0) 
 
 }  // namespace
 
+// The engine's snippet tends to start at a match: asked for twice the
+// length, it holds context on both sides, and CutFragment then keeps the
+// match in the middle.
 std::string HighlightField(const Xapian::MSet &mset, const std::string &text, size_t frag_length) {
-    return mset.snippet(text, frag_length, Xapian::Stem(), Xapian::MSet::SNIPPET_EMPTY_WITHOUT_MATCH | kTermFlags,
+    return mset.snippet(text, 2 * frag_length, Xapian::Stem(), Xapian::MSet::SNIPPET_EMPTY_WITHOUT_MATCH | kTermFlags,
                         kHighlightStart, kHighlightEnd, kOmit);
 }
 
@@ -144,14 +147,14 @@ std::string HighlightText(const Xapian::MSet &mset, const Xapian::Database &db, 
     // first, should a damaged layout start above it).
     const size_t above = static_cast<size_t>(std::upper_bound(starts.begin(), starts.end(), anchor - 1) - starts.begin());
     const size_t chunk = above == 0 ? 0 : above - 1;
-    // The window: half a fragment's length before the anchor, one and a
-    // half after it, reaching into the neighbouring chunks only where it must.
+    // The window: a fragment's length before the anchor, one and a half
+    // after it, reaching into the neighbouring chunks only where it must.
     std::string text;
     if (!ReadChunks(source, chunk, chunk, &text)) return "";
     size_t offset = OffsetOfWord(text, anchor > starts[chunk] ? anchor - starts[chunk] - 1 : 0);
     size_t first = chunk, last = chunk;
     std::string more;
-    while (offset < frag_length / 2 && first > 0 && ReadChunks(source, first - 1, first - 1, &more)) {
+    while (offset < frag_length && first > 0 && ReadChunks(source, first - 1, first - 1, &more)) {
         text.insert(0, more);
         offset += more.size();
         --first;
@@ -160,7 +163,7 @@ std::string HighlightText(const Xapian::MSet &mset, const Xapian::Database &db, 
         text += more;
         ++last;
     }
-    size_t begin = offset > frag_length / 2 ? offset - frag_length / 2 : 0;
+    size_t begin = offset > frag_length ? offset - frag_length : 0;
     while (begin < text.size() && IsContinuationByte(text[begin])) ++begin;
     size_t end = std::min(text.size(), offset + frag_length + frag_length / 2);
     while (end < text.size() && IsContinuationByte(text[end])) ++end;

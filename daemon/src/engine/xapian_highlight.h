@@ -14,7 +14,7 @@ namespace zarnd {
 namespace xap {
 
 // The fragment of document `doc_id`'s text content around its best matches
-// with `query`, about frag_length bytes (before CutFragment), matches in
+// with `query`, about twice frag_length bytes (for CutFragment), matches in
 // kHighlightStart/End; "" when the text holds no match.  Term positions
 // come from `db`, the text from `source`.
 std::string HighlightText(const Xapian::MSet &mset, const Xapian::Database &db, Xapian::docid doc_id,

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 
 #include "extract/channel.h"
@@ -215,6 +216,7 @@ Pool *ExtractionPool() {
 }
 
 bool StartExtraction(PoolOptions options) {
+    if (!options.enabled) return false;
     if (options.worker.empty()) options.worker = DefaultWorkerPath();
     if (!Executable(options.worker)) {
         ZARN_LOG(LOG_WARNING, "no extraction worker (%s): documents are indexed without their content",
@@ -227,6 +229,24 @@ bool StartExtraction(PoolOptions options) {
     }
     std::lock_guard<std::mutex> lock(g_mutex);
     g_options.reset(new PoolOptions(options));
+    return true;
+}
+
+bool ParseExtractOption(int argc, char **argv, int *i, PoolOptions *options, bool *bad) {
+    const bool workers = std::strcmp(argv[*i], "--extract-workers") == 0;
+    if ((!workers && std::strcmp(argv[*i], "--extract-timeout") != 0) || *i + 1 >= argc) return false;
+    char *end = nullptr;
+    const double value = std::strtod(argv[++*i], &end);
+    if (end == argv[*i] || *end != '\0') {
+        *bad = true;
+    } else if (workers) {
+        *bad = !(value >= 0 && value <= 256 && value == static_cast<unsigned>(value));
+        options->workers = static_cast<unsigned>(value);
+        options->enabled = value != 0;
+    } else {
+        *bad = !(value >= 0.1 && value <= 3600);
+        options->timeout = std::chrono::milliseconds(static_cast<long long>(value * 1000));
+    }
     return true;
 }
 

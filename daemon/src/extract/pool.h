@@ -25,6 +25,7 @@ namespace zarnd {
 namespace extract {
 
 struct PoolOptions {
+    bool enabled = true;  // false: documents are indexed by name and metadata only
     std::string worker;  // the worker program; "" for DefaultWorkerPath()
     unsigned workers = 0;  // 0: one per core
     std::chrono::milliseconds timeout{30000};  // per file
@@ -114,8 +115,14 @@ std::string DefaultWorkerPath();
 // started at its first use;
 // null when extraction is off (no worker program, or never started).
 Pool *ExtractionPool();
-// False, with a log line, when the worker program is missing.
+// False when extraction is not enabled, or, with a log line, when the
+// worker program is missing.
 bool StartExtraction(PoolOptions options);
+
+// --extract-workers N (0: not enabled) and --extract-timeout SECONDS, as
+// argv[*i] and its value, into *options (*i moves past the value).  False
+// when argv[*i] is neither; *bad is set for a value out of range.
+bool ParseExtractOption(int argc, char **argv, int *i, PoolOptions *options, bool *bad);
 void StopExtraction();
 
 }  // namespace extract

@@ -239,7 +239,9 @@ private:
                 ++counts_.not_read;
                 extract::DropContent(&record);
                 ZARN_LOG(LOG_WARNING, "content of %s not read: %s", record.path.c_str(), outcome.reason.c_str());
-                if (on_progress_)  // a batch run's: on its standard error too
+                // A batch run (the walk with a progress hook) says it on
+                // standard error too.
+                if (on_progress_)
                     std::fprintf(stderr, "zarnelasticd: content of %s not read: %s\n", record.path.c_str(),
                                  outcome.reason.c_str());
             } else {

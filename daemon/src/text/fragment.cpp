@@ -50,18 +50,25 @@ bool Blank(const std::string &text, const std::pair<size_t, size_t> &piece) {
 }
 
 // The first highlight with context on both sides, cut at word boundaries,
-// "…" where text was left out; "" when the highlight and the marks do not
-// fit in `budget` bytes.
+// "…" where text was left out; "" when the highlight alone does not fit in
+// `budget` bytes.
 std::string AroundFirstHighlight(const std::string &text, size_t budget) {
     const auto pieces = Pieces(text);
     size_t hit = 0;
     while (hit < pieces.size() && text.compare(pieces[hit].first, kStartBytes, kHighlightStart) != 0) ++hit;
-    if (hit == pieces.size()) hit = 0;  // no highlight: the start of the text
+    const bool highlighted = hit < pieces.size();
+    if (!highlighted) hit = 0;  // the start of the text
     const auto size = [&](size_t first, size_t last) { return pieces[last].second - pieces[first].first; };
     const auto marks = [&](size_t first, size_t last) {
         return (first > 0 ? kOmitBytes : 0) + (last + 1 < pieces.size() ? kOmitBytes : 0);
     };
-    if (size(hit, hit) + marks(hit, hit) > budget) return std::string();
+    if (size(hit, hit) > budget || (!highlighted && size(hit, hit) + marks(hit, hit) > budget)) return std::string();
+    if (size(hit, hit) + marks(hit, hit) > budget) {  // the highlight, and one mark if it fits
+        std::string out = text.substr(pieces[hit].first, size(hit, hit));
+        if (hit > 0 && out.size() + kOmitBytes <= budget) return kOmit + out;
+        if (hit + 1 < pieces.size() && out.size() + kOmitBytes <= budget) out += kOmit;
+        return out;
+    }
     // Grow a piece at a time on the side that has less, while it fits.
     size_t first = hit, last = hit;
     for (bool grew = true; grew;) {
