@@ -4,6 +4,7 @@
 #include <archive_entry.h>
 #include <cairo-pdf.h>
 #include <cairo.h>
+#include <fontconfig/fontconfig.h>
 
 #include <cstdio>
 #include <memory>
@@ -175,6 +176,11 @@ bool WritePdf(const std::string &path, const DocumentProperties &p, const std::v
     const bool ok = cairo_surface_status(surface) == CAIRO_STATUS_SUCCESS;
     cairo_surface_destroy(surface);
     return ok;
+}
+
+void ReleaseFontCaches() {
+    cairo_debug_reset_static_data();
+    FcFini();
 }
 
 bool WriteZip(const std::string &path, const std::vector<std::pair<std::string, std::string>> &entries) {

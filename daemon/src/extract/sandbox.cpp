@@ -89,15 +89,14 @@ bool InstallFilter(std::string *problem) {
         SCMP_SYS(getrandom),     SCMP_SYS(recvmsg),       SCMP_SYS(sendmsg),         SCMP_SYS(fcntl),
         SCMP_SYS(nanosleep),     SCMP_SYS(clock_nanosleep), SCMP_SYS(sysinfo),       SCMP_SYS(getuid),
         SCMP_SYS(geteuid),       SCMP_SYS(getgid),        SCMP_SYS(getegid),         SCMP_SYS(getgroups),
-        SCMP_SYS(tgkill),        SCMP_SYS(restart_syscall), SCMP_SYS(dup),          SCMP_SYS(dup2),
+        SCMP_SYS(tgkill),        SCMP_SYS(restart_syscall), SCMP_SYS(poll),         SCMP_SYS(ppoll), SCMP_SYS(dup),          SCMP_SYS(dup2),
         SCMP_SYS(dup3),
     };
     int status = 0;
     for (int call : kAllowed) status |= seccomp_rule_add(filter, SCMP_ACT_ALLOW, call, 0);
-#if defined(__SANITIZE_ADDRESS__)
-    // UBSan's check of an object's dynamic type (TagLib's streams) tests
-    // whether memory is readable through a pipe: refused, it reports every
-    // such object as broken.  Sanitizer builds only.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    // The sanitizers test whether memory is readable by writing it to a
+    // pipe; refused, they report every object as invalid.
     status |= seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(pipe2), 0);
 #endif
     // fstat through fstatat on a descriptor only, never a path.

@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <string>
 
@@ -27,6 +28,12 @@
 #include "extract/markup.h"
 #include "extract/run.h"
 #include "extract/sandbox.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+// The leak check at exit stops the process's threads through ptrace, which
+// the sandbox forbids: it would fail every worker's exit.
+extern "C" int __lsan_is_turned_off() { return 1; }
+#endif
 
 namespace {
 
@@ -44,9 +51,14 @@ void Quiet(const std::string &, void *) {}
 // up its global state (and reads its configuration) while it still may.
 constexpr char kWarmUpPdf[] =
     "%PDF-1.1\n1 0 obj<</Type/Catalog/Pages 2 0 R>>endobj\n2 0 obj<</Type/Pages/Kids[3 0 R]/Count 1>>endobj\n"
-    "3 0 obj<</Type/Page/Parent 2 0 R/MediaBox[0 0 10 10]>>endobj\ntrailer<</Root 1 0 R>>\n%%EOF\n";
+    "3 0 obj<</Type/Page/Parent 2 0 R/MediaBox[0 0 10 10]/Contents 4 0 R"
+    "/Resources<</Font<</F1 5 0 R>>>>>>endobj\n4 0 obj<</Length 24>>stream\nBT /F1 9 Tf (w) Tj ET\n\nendstream endobj\n"
+    "5 0 obj<</Type/Font/Subtype/Type1/BaseFont/Helvetica>>endobj\ntrailer<</Root 1 0 R>>\n%%EOF\n";
 
-void WarmUp() {
+// poppler's global state lives while a document does: the warm-up
+// document stays open for the worker's life, so that the state is not made
+// anew (and its files looked for) inside the sandbox.
+std::unique_ptr<poppler::document> WarmUp() {
     poppler::set_debug_error_function(Quiet, nullptr);
     std::unique_ptr<poppler::document> doc(
         poppler::document::load_from_raw_data(kWarmUpPdf, static_cast<int>(sizeof kWarmUpPdf - 1)));
@@ -55,6 +67,7 @@ void WarmUp() {
         if (page) page->text();
     }
     InitMarkup();
+    return doc;
 }
 
 std::string Lower(std::string text) {
@@ -152,12 +165,16 @@ int main(int argc, char **argv) {
             return 2;
         }
     }
+    // Times are read as UTC, and the zone is never looked up again: the
+    // sandbox would refuse to open its file.
+    setenv("TZ", "UTC", 1);
+    tzset();
     magic_t magic = magic_open(MAGIC_MIME_TYPE | MAGIC_NO_CHECK_COMPRESS | MAGIC_NO_CHECK_ELF);
     if (magic == nullptr || magic_load(magic, nullptr) != 0) {
         std::fprintf(stderr, "zarnelasticd-extract: cannot load the magic database\n");
         return 1;
     }
-    WarmUp();
+    const std::unique_ptr<poppler::document> warm = WarmUp();
     const int quiet = open("/dev/null", O_WRONLY | O_CLOEXEC);
     std::string problem;
     if (quiet < 0 || !EnterSandbox(uid, gid, &problem)) {
