@@ -200,8 +200,8 @@ searches() {
       ZARNMDFSContentChangeDate ZARNMDOwnerUserID ZARNMDTitle ZARNMDColour
   fi
 
-  show "Music: a song by its artist, a word of its tags" \
-    zarnsearch search "$share" varga --size 5
+  show "Music: songs by their artist" \
+    zarnsearch search "$share" ZARNMDAuthors:varga --size 5
   show "An album in track order" \
     zarnsearch search "$share" 'ZARNMDAlbum:"blue train"' --sort ZARNMDAlbum --sort ZARNMDAudioTrackNumber
   hit=$(zarnsearch search "$share" 'ZARNMDAlbum:"blue train"' --sort ZARNMDAudioTrackNumber --size 1 --json | sed -n 2p)
@@ -325,7 +325,7 @@ log=$build/demo-build.log
 echo "== Building zarnelasticd and zarnsearch in $build (log: $log)"
 mkdir -p "$build"
 if ! { cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo &&
-  cmake --build "$build" -j "$(nproc 2>/dev/null || echo 2)" --target zarnelasticd zarnsearch; } \
+  cmake --build "$build" -j "$(nproc 2>/dev/null || echo 2)" --target zarnelasticd zarnsearch zarnelasticd_documents; } \
   >"$log" 2>&1; then
   tail -n 30 "$log" >&2
   echo "the build failed; the whole log is in $log" >&2

@@ -87,8 +87,18 @@ private:
     const Exiv2::XmpData &xmp_;
 };
 
+// The kinds exiv2 reads metadata of, as libmagic names them; an icon or a
+// bitmap of another kind keeps its name and metadata only.
 bool Accepts(const Input &input) {
-    return input.kind.compare(0, 6, "image/") == 0 && input.kind != "image/svg+xml";
+    static const char *const kKinds[] = {
+        "image/jpeg",          "image/png",          "image/tiff",        "image/webp",       "image/heic",
+        "image/heif",          "image/avif",         "image/gif",         "image/bmp",        "image/jp2",
+        "image/x-canon-cr2",   "image/x-canon-crw",  "image/x-nikon-nef", "image/x-sony-arw", "image/x-adobe-dng",
+        "image/x-olympus-orf", "image/x-panasonic-rw2", "image/x-fuji-raf", "image/x-pentax-pef",
+        "image/x-samsung-srw", "image/vnd.adobe.photoshop"};
+    for (const char *kind : kKinds)
+        if (input.kind == kind) return true;
+    return false;
 }
 
 void SetText(const Metadata &meta, std::initializer_list<const char *> keys, const char *field, Sink *sink) {

@@ -79,8 +79,15 @@ struct Demuxer {
     }
 };
 
+// The kinds of the containers above, as libmagic names them.
 bool Accepts(const Input &input) {
-    return input.kind.compare(0, 6, "video/") == 0 || input.kind == "application/x-matroska";
+    static const char *const kKinds[] = {
+        "video/mp4",    "video/quicktime", "video/3gpp",  "video/3gpp2", "video/x-matroska", "video/webm",
+        "video/x-msvideo", "video/x-ms-asf", "video/x-ms-wmv", "video/x-flv", "video/mpeg", "video/mp2t",
+        "video/ogg",    "application/x-matroska"};
+    for (const char *kind : kKinds)
+        if (input.kind == kind) return true;
+    return false;
 }
 
 std::string Error(const char *what, int code) {
