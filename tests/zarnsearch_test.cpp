@@ -104,6 +104,11 @@ TEST(ZarnsearchTest, RequestsOutputAndExitStatus) {
          {"search", "music", "q", "--callback", "--page", "1", "--size", "2", "--uid", "5"}, 0,
          "shown: 2\nDOC ID  TYPE  NAME   PATH\n     1  mp3   a.mp3  /music/a.mp3\n     2  mp3   b.mp3  /music/b.mp3\n",
          "", R"("collector":{"agent":"zarnsearch","uid":5})"},
+        // A name that is not UTF-8 arrives escaped (common/name_text.h): the
+        // table shows its real bytes, --json the form that came.
+        {Reply(1, {Hit(R"(/music/caf\xE9 b\\xE9.mp3)", 3)}), {"search", "music", "q"}, 0,
+         "total: 1, shown: 1\nDOC ID  TYPE  NAME            PATH\n     3  mp3   caf\xE9 b\\xE9.mp3  /music/caf\xE9 b\\xE9.mp3\n",
+         "", ""},
         {Reply(7, {Hit("/music/a.mp3", 1)}), {"count", "music", "q"}, 0, "7\n", "", R"("size":1})"},
         {{ReadRequest(), Send(R"({"success":true,"data":{"ZARNMDTitle":"Live\tat home","ZARNMDFSSize":1234,)"
                               R"("ZARNMDIsDir":"y","ZARNMDDurationSecond":12.5,"ZARNMDAlbum":5}})")},

@@ -95,6 +95,9 @@ std::string JsonText(const Json::Value &value);
 // Texts for the terminal: control characters shown as '?', so that names
 // coming from the index cannot steer the terminal.
 std::string Printable(const std::string &text);
+// The bytes of a file name as the daemon sent it (common/name_text.h), control
+// characters as '?': what a table shows of a name.
+std::string RealName(const std::string &text);
 // Columns a UTF-8 text takes (one per character).
 size_t TextWidth(const std::string &text);
 // The text filled with blanks to `width` columns, on the left when `right`.

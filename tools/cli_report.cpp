@@ -5,6 +5,7 @@
 #include <json/json.h>
 
 #include "cli.h"
+#include "name_text.h"
 #include "zarncontentsearchutils.h"
 
 namespace zarncli {
@@ -132,12 +133,19 @@ std::string JsonText(const Json::Value &value) {
     return Json::writeString(writer, value);
 }
 
-std::string Printable(const std::string &text) {
-    std::string out = ValidUtf8(text);
-    for (char &c : out)
+namespace {
+
+std::string ControlsMarked(std::string text) {
+    for (char &c : text)
         if ((unsigned char)c < 0x20 || c == 0x7f) c = '?';
-    return out;
+    return text;
 }
+
+}  // namespace
+
+std::string Printable(const std::string &text) { return ControlsMarked(ValidUtf8(text)); }
+
+std::string RealName(const std::string &text) { return ControlsMarked(zarn::UnescapeName(text)); }
 
 std::string Pad(const std::string &text, size_t width, bool right) {
     const size_t used = TextWidth(text);

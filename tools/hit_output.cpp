@@ -93,8 +93,8 @@ void HitPrinter::Add(const _tag_search_record &record) {
     HitRow row;
     row.doc_id = std::to_string(record.doc_id);
     row.type = record.is_dir ? "dir" : record.extension[0] ? Printable(record.extension) : "file";
-    row.name = Printable(record.fs_name);
-    row.path = Printable(record.path);
+    row.name = RealName(record.fs_name);
+    row.path = RealName(record.path);
     row.has_highlight = record.highlight != nullptr;
     if (record.highlight) row.highlight = RenderHighlight(record.highlight, terminal_);
     rows_.push_back(std::move(row));

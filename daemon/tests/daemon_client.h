@@ -2,6 +2,7 @@
 #ifndef ZARND_TESTS_DAEMON_CLIENT_H
 #define ZARND_TESTS_DAEMON_CLIENT_H
 
+#include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -20,6 +21,19 @@
 namespace zarntest {
 
 using Replies = std::vector<Json::Value>;
+
+// A loopback port that nobody listens on now.
+inline unsigned FreePort() {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
+    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
+    close(fd);
+    return ntohs(address.sin_port);
+}
 
 // A connection to the daemon's socket; -1 when nobody answers there.
 inline int ConnectToDaemon() {

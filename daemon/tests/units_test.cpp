@@ -3,6 +3,7 @@
 // the last document id, the kernel events that the watcher reads and the
 // order in which the scheduler hands requests to the workers.
 #include <fcntl.h>
+#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 
@@ -13,6 +14,8 @@
 
 #include "harness.h"
 #include "failure.h"
+#include "name_text.h"
+#include "utf8.h"
 #include "file_record.h"
 #include "folders.h"
 #include "fragment.h"
@@ -233,8 +236,28 @@ TEST(DaemonUnits, ShardListsAndCombinedIds) {
     }
 }
 
-// Real kernel events on watched folders /w/a and /w/a/sub, each change
-// giving the paths it makes stale, once per event (kConfig as "config").
+// A name's text form is valid UTF-8, gives back its bytes, and no two names
+// share one.
+TEST(DaemonUnits, NamesAreEscapedReversiblyAndUnambiguously) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"caf\xC3\xA9.txt", "caf\xC3\xA9.txt"},
+        {"caf\xE9.txt", "caf\\xE9.txt"},
+        {"caf\xE8.txt", "caf\\xE8.txt"},
+        {"caf\\xE9.txt", "caf\\\\xE9.txt"},  // a real backslash, then "xE9"
+        {"a\\\\b", "a\\\\\\\\b"},
+        {"\xC0\xAF\xED\xA0\x80\xF4\x90\x80\x80/x\xE2\x82", "\\xC0\\xAF\\xED\\xA0\\x80\\xF4\\x90\\x80\\x80/x\\xE2\\x82"},
+        {"\x80\xFF", "\\x80\\xFF"},
+    };
+    std::set<std::string> forms;
+    for (const auto &c : cases) {
+        const std::string form = EscapeName(c.first);
+        EXPECT_EQ(c.second, form);
+        EXPECT_EQ(form, RepairUtf8(form.data(), form.size()));
+        EXPECT_EQ(c.first, zarn::UnescapeName(form));
+        EXPECT_TRUE(forms.insert(form).second) << form;
+    }
+}
+
 // A free worker takes the oldest request whose uid serves fewer than its
 // share of the workers; root is never held back; a uid holds at most
 // max_per_user connections.  Each row queues its uids in order, then takes
@@ -280,8 +303,17 @@ TEST(DaemonUnits, SchedulerServesAUidUnderItsShareFirstAndNeverMoreThanItsShare)
     EXPECT_TRUE(capped.Admit(0));
     EXPECT_TRUE(capped.Admit(0));
     EXPECT_TRUE(capped.Admit(0));  // root is never capped
+    // Stopped, it closes what waits unserved: a daemon never keeps a
+    // connection's descriptor.
+    Scheduler stopped(16, 16, 1);
+    const int fd = eventfd(0, EFD_CLOEXEC);
+    ASSERT_TRUE(stopped.Admit(1000) && stopped.Push({fd, {1000, 1}, Clock::now(), false}));
+    stopped.Stop();
+    EXPECT_EQ(-1, fcntl(fd, F_GETFD));
 }
 
+// Real kernel events on watched folders /w/a and /w/a/sub, each change
+// giving the paths it makes stale, once per event (kConfig as "config").
 TEST(DaemonUnits, WatcherTurnsEventsIntoStalePaths) {
     ASSERT_EQ(0, std::system("mkdir -p /var/w/a/sub /var/w/a/@eaDir /var/w/etc && echo 1 > /var/w/a/old.txt"));
     Watcher watcher(3);

@@ -154,14 +154,11 @@ void DatabaseWriter::Apply(const Change &change) {
     case Change::kCommit:
         db_.commit();
         return;
-    case Change::kRemove: {
-        const Xapian::docid doc_id = DocIdOf(change.id_term);
-        if (doc_id == 0) return;
-        const size_t chunks = ChunkCount(doc_id);
-        db_.delete_document(doc_id);
-        for (size_t k = 0; k < chunks; ++k) db_.set_metadata(TextChunkKey(doc_id, k), "");
+    case Change::kRemove:
+        // Every document of the path: an index written before paths were
+        // unique may hold several.
+        while (const Xapian::docid doc_id = DocIdOf(change.id_term)) Delete(doc_id);
         return;
-    }
     case Change::kAdd:
     case Change::kReplace: {
         // A replaced record keeps its id; only a new one takes the next.
@@ -174,6 +171,8 @@ void DatabaseWriter::Apply(const Change &change) {
             doc_id = db_.add_document(change.doc);
         else
             db_.replace_document(old_id, change.doc);
+        for (Xapian::docid extra; change.kind == Change::kReplace && (extra = OtherDocIdOf(change.id_term, doc_id));)
+            Delete(extra);
         for (size_t k = 0; k < change.chunks.size(); ++k) db_.set_metadata(TextChunkKey(doc_id, k), change.chunks[k]);
         for (size_t k = change.chunks.size(); k < old_chunks; ++k) db_.set_metadata(TextChunkKey(doc_id, k), "");
         return;
@@ -185,6 +184,19 @@ void DatabaseWriter::Apply(const Change &change) {
 Xapian::docid DatabaseWriter::DocIdOf(const std::string &id_term) {
     Xapian::PostingIterator it = db_.postlist_begin(id_term);
     return it == db_.postlist_end(id_term) ? 0 : *it;
+}
+
+// A document of the term other than `keep`; 0 when none.
+Xapian::docid DatabaseWriter::OtherDocIdOf(const std::string &id_term, Xapian::docid keep) {
+    for (Xapian::PostingIterator it = db_.postlist_begin(id_term); it != db_.postlist_end(id_term); ++it)
+        if (*it != keep) return *it;
+    return 0;
+}
+
+void DatabaseWriter::Delete(Xapian::docid doc_id) {
+    const size_t chunks = ChunkCount(doc_id);
+    db_.delete_document(doc_id);
+    for (size_t k = 0; k < chunks; ++k) db_.set_metadata(TextChunkKey(doc_id, k), "");
 }
 
 size_t DatabaseWriter::ChunkCount(Xapian::docid doc_id) {

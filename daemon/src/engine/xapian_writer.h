@@ -73,6 +73,8 @@ private:
     void Write();
     void Apply(const Change &change);
     Xapian::docid DocIdOf(const std::string &id_term);
+    Xapian::docid OtherDocIdOf(const std::string &id_term, Xapian::docid keep);
+    void Delete(Xapian::docid doc_id);
     size_t ChunkCount(Xapian::docid doc_id);
 
     Xapian::WritableDatabase db_;  // the writing thread's, but while it is idle

@@ -21,6 +21,9 @@ void PutNumber(std::string *out, uint64_t value) {
 
 std::string Text(const std::string &bytes) { return RepairUtf8(bytes.data(), bytes.size()); }
 
+// Names are the record's identity and what clients open: reversible text.
+std::string Name(const std::string &bytes) { return EscapeName(bytes); }
+
 // Birth time where the file system keeps one, else the earliest time known.
 int64_t CreationTime(const struct statx &st) {
     if (st.stx_mask & STATX_BTIME) return st.stx_btime.tv_sec;
@@ -68,13 +71,13 @@ std::string Extension(const std::string &name) {
 FileRecord MakeRecord(const Entry &entry, int content_fd, uint64_t *bytes_read) {
     const bool is_dir = S_ISDIR(entry.st.stx_mode);
     FileRecord record;
-    record.path = Text(entry.path);
+    record.path = Name(entry.path);
     record.access = EncodeAccessChain(entry.access);
     record.signature = EntrySignature(entry);
     Json::Value &f = record.fields;
     f[field::kPath] = record.path;
-    f[field::kFSName] = Text(entry.name);
-    f[field::kExtension] = is_dir ? std::string() : Text(Extension(entry.name));
+    f[field::kFSName] = Name(entry.name);
+    f[field::kExtension] = is_dir ? std::string() : Name(Extension(entry.name));
     f[field::kIsDir] = is_dir ? "y" : "n";
     f[field::kFSSize] = Json::Int64(entry.st.stx_size);
     f[field::kFSCreationDate] = Json::Int64(CreationTime(entry.st));
@@ -82,7 +85,7 @@ FileRecord MakeRecord(const Entry &entry, int content_fd, uint64_t *bytes_read) 
     f[field::kAttributeChangeDate] = Json::Int64(entry.st.stx_ctime.tv_sec);
     f[field::kOwnerUserID] = std::to_string(entry.st.stx_uid);
     f[field::kOwnerGroupID] = std::to_string(entry.st.stx_gid);
-    f[field::kParent] = Text(entry.parent);
+    f[field::kParent] = Name(entry.parent);
     f[field::kSearchFileName] = Text(SearchFileName(entry.name));
     std::string text;
     if (bytes_read != nullptr) *bytes_read = 0;

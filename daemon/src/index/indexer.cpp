@@ -80,10 +80,9 @@ public:
     // `stored` holds the signatures of every record that the walks to come
     // may meet; `complete`, that it holds every record of the index, so that
     // a path missing from it is surely new.
-    ShareIndexer(const std::string &share, const std::string &root, IndexWriter *writer, const ProgressHook &on_progress,
-                 std::map<std::string, std::string> stored, bool complete, const FolderHook &on_folder)
-        : share_(share), root_(root), writer_(writer), on_progress_(on_progress), on_folder_(on_folder),
-          stored_(std::move(stored)), complete_(complete) {
+    ShareIndexer(const ShareWalk &walk, std::map<std::string, std::string> stored, bool complete)
+        : share_(walk.share), root_(walk.root), writer_(walk.writer), on_progress_(walk.on_progress),
+          on_folder_(walk.on_folder), stop_(walk.stop), stored_(std::move(stored)), complete_(complete) {
         if (extract::Pool *pool = extract::ExtractionPool()) batch_.reset(new extract::Batch(pool));
     }
 
@@ -125,17 +124,22 @@ public:
             above = entry.access;
             at = entry.path;
         }
-        if (fd < 0) return false;
+        if (fd < 0 || shallow_) {
+            if (fd >= 0) close(fd);
+            return fd >= 0;
+        }
         if (on_folder_) on_folder_(fd, at);
         Walk(fd, at, above, depth);
         close(fd);
         return true;
     }
 
-    // Writes the records still waiting for their content, and removes the
-    // records of everything the walks did not meet.
+    // Writes the records still waiting for their content, then removes the
+    // records of everything the walks did not meet, unless a walk was
+    // stopped before it met everything.
     void RemoveUnseen() {
         while (batch_ && batch_->pending() > 0) Collect(true);
+        if (Stopped()) return;
         for (const auto &gone : stored_) {
             writer_->Remove(gone.first);
             ++counts_.removed;
@@ -145,9 +149,18 @@ public:
 
     const IndexCounts &counts() const { return counts_; }
 
+    // A folder's own record only, from now on.
+    void Shallow() { shallow_ = true; }
+
 private:
+    bool Stopped() {
+        if (stop_ != nullptr && stop_->load()) counts_.stopped = true;
+        return counts_.stopped;
+    }
+
     void Walk(int dirfd, const std::string &path, const AccessChain &above, int depth) {
         for (const std::string &name : ListFolder(dirfd)) {
+            if (Stopped()) return;
             Entry entry{path + "/" + name, path, name, {}, {}};
             if (!StatAt(dirfd, name.c_str(), &entry.st)) {
                 ++counts_.skipped;
@@ -182,7 +195,7 @@ private:
     // `name` names it in `dirfd` for reading its content (-1: no content).
     void Visit(const Entry &entry, int dirfd, const std::string &name) {
         const std::string signature = EntrySignature(entry);
-        const auto stored = stored_.find(RepairUtf8(entry.path.data(), entry.path.size()));
+        const auto stored = stored_.find(EscapeName(entry.path));
         const bool known = stored != stored_.end();
         const bool current = known && stored->second == signature;
         if (known) stored_.erase(stored);
@@ -193,9 +206,10 @@ private:
             const int fd = regular ? OpenFileAt(dirfd, name) : -1;
             uint64_t read = 0;
             FileRecord record = MakeRecord(entry, fd, &read);
-            // Two names may repair to one path: only a path met for the
-            // first time is surely new to the index.
-            const bool add = complete_ && !known && written_.insert(std::hash<std::string>()(record.path)).second;
+            // Only a path met for the first time is surely new to the
+            // index; one written already (or sharing its hash) is put.
+            const bool first = written_.insert(std::hash<std::string>()(record.path)).second;
+            const bool add = complete_ && !known && first;
             if (fd >= 0) {
                 counts_.bytes_read += read;
                 counts_.bytes_walked += entry.st.stx_size;
@@ -262,13 +276,15 @@ private:
     IndexWriter *const writer_;
     const ProgressHook on_progress_;  // may be empty
     const FolderHook on_folder_;
+    const std::atomic<bool> *const stop_;  // may be null
     std::map<std::string, std::string> stored_;  // path -> signature, not yet met
     const bool complete_;
-    std::unordered_set<size_t> written_;          // hashes of the paths this run wrote
+    std::unordered_set<size_t> written_;  // hashes of every path this run wrote
     IndexCounts counts_;
     uint64_t batch_records_ = 0;  // put since the last commit
     uint64_t batch_bytes_ = 0;
     dev_t device_ = 0;
+    bool shallow_ = false;
     std::map<uint64_t, Waiting> waiting_;  // records whose content a worker reads
     uint64_t next_tag_ = 0;
     std::unique_ptr<extract::Batch> batch_;  // last: its end waits for the workers
@@ -288,8 +304,7 @@ bool ShareRoot(const std::string &share, std::string *root) {
 }
 
 IndexCounts RescanShare(const ShareWalk &walk, const std::set<std::string> &folders) {
-    ShareIndexer indexer(walk.share, walk.root, walk.writer, walk.on_progress, walk.writer->Signatures(), true,
-                         walk.on_folder);
+    ShareIndexer indexer(walk, walk.writer->Signatures(), true);
     for (const std::string &folder : folders)
         if (!indexer.IndexPath(folder))
             ZARN_LOG(LOG_WARNING, "indexed folder %s is not a folder of share %s", folder.c_str(),
@@ -299,10 +314,16 @@ IndexCounts RescanShare(const ShareWalk &walk, const std::set<std::string> &fold
 }
 
 IndexCounts RescanPath(const ShareWalk &walk, const std::string &path) {
-    ShareIndexer indexer(walk.share, walk.root, walk.writer, walk.on_progress,
-                         walk.writer->SignaturesUnder(RepairUtf8(path.data(), path.size())), false, walk.on_folder);
+    ShareIndexer indexer(walk, walk.writer->SignaturesUnder(EscapeName(path)), false);
     indexer.IndexPath(path);
     indexer.RemoveUnseen();
+    return indexer.counts();
+}
+
+IndexCounts RescanFolderRecord(const ShareWalk &walk, const std::string &path) {
+    ShareIndexer indexer(walk, {}, false);
+    indexer.Shallow();
+    indexer.IndexPath(path);
     return indexer.counts();
 }
 

@@ -5,6 +5,7 @@
 #ifndef ZARND_INDEXER_H
 #define ZARND_INDEXER_H
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <set>
@@ -24,6 +25,7 @@ struct IndexCounts {
     uint64_t bytes_walked = 0;  // the sizes of those files
     uint64_t skipped = 0;  // entries that could not be examined
     uint64_t not_read = 0;  // files whose content an extraction worker failed to read
+    bool stopped = false;  // the walk was cut short: nothing was removed
 };
 
 // Called with every folder that a walk opens: its descriptor, and its
@@ -40,6 +42,9 @@ struct ShareWalk {
     IndexWriter *writer;
     FolderHook on_folder;  // may be empty
     ProgressHook on_progress = nullptr;  // may be empty
+    // Once set, a walk stops at its next entry, keeps what it wrote and
+    // removes nothing; may be null.
+    const std::atomic<bool> *stop = nullptr;
 };
 
 // The share's directory from the share service; false for an unknown share.
@@ -54,6 +59,10 @@ IndexCounts RescanShare(const ShareWalk &walk, const std::set<std::string> &fold
 // lies below it: the records of a file, or of a whole subtree that was
 // renamed, moved, removed or given other permissions.
 IndexCounts RescanPath(const ShareWalk &walk, const std::string &path);
+
+// The record of folder `path` alone, not what it holds: a name made or
+// removed in it changed its times.
+IndexCounts RescanFolderRecord(const ShareWalk &walk, const std::string &path);
 
 }  // namespace zarnd
 

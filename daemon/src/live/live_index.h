@@ -2,11 +2,15 @@
 // thread of its own waits on the folders' watches, gathers the paths that
 // changed until the changes pause, then rescans just those paths (a file, or
 // a whole folder that was moved or given other permissions) and commits.
-// When events are lost (the kernel's queue overflowed, or the watch limit
-// left folders unwatched) it rescans the whole share instead.
+// When events are lost (the kernel's queue overflowed, or folders could not
+// be watched) it rescans the whole share instead.  What could not be applied
+// (an index that cannot be opened or written) stays pending and is retried,
+// share by share, with a growing pause.
 #ifndef ZARND_LIVE_INDEX_H
 #define ZARND_LIVE_INDEX_H
 
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <thread>
@@ -18,6 +22,9 @@ namespace zarnd {
 struct LiveOptions {
     std::string config_path = kFolderConfigPath;
     size_t max_watches = 0;  // a cap below the kernel's; 0 for none
+    // A share with unwatched folders is rescanned this often, which also
+    // tries their watches again.
+    std::chrono::milliseconds rewatch_period = std::chrono::minutes(1);
 };
 
 class LiveIndex {
@@ -29,7 +36,9 @@ public:
 
     // Starts the thread: every share is rescanned and watched first.
     bool Start();
-    // Returns once the thread has finished what it was applying.
+    // Returns at once when the thread is applying nothing, else once it
+    // has committed what it applied so far (a rescan cut short is redone
+    // whole at the next start).
     void Stop();
 
     class Loop;
@@ -39,6 +48,7 @@ private:
     std::unique_ptr<Loop> loop_;
     std::thread thread_;
     int stop_fd_ = -1;
+    std::atomic<bool> stopping_{false};
 };
 
 }  // namespace zarnd

@@ -20,6 +20,9 @@ namespace {
 constexpr uint32_t kFolderEvents = IN_CREATE | IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE | IN_MOVED_FROM |
                                    IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR |
                                    IN_DONT_FOLLOW | IN_EXCL_UNLINK;
+// What replaces an indexed folder, seen from its parent.
+constexpr uint32_t kParentEvents =
+    IN_CREATE | IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ONLYDIR | IN_MASK_ADD;
 constexpr uint32_t kConfigEvents = IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_ONLYDIR;
 
 }  // namespace
@@ -33,21 +36,43 @@ Watcher::~Watcher() {
     if (fd_ >= 0) close(fd_);
 }
 
+bool Watcher::Full(const std::string &path) const {
+    if (fd_ < 0 || (max_watches_ > 0 && by_wd_.size() >= max_watches_ && by_path_.count(path) == 0)) {
+        errno = fd_ < 0 ? EBADF : ENOSPC;
+        return true;
+    }
+    return false;
+}
+
 bool Watcher::Watch(int dirfd, const std::string &share, const std::string &path, const std::string &abs_path) {
-    if (fd_ < 0 || (max_watches_ > 0 && by_wd_.size() >= max_watches_ && by_path_.count(path) == 0)) return false;
+    if (Full(path)) return false;
     // Through the open descriptor: the very folder that the walk holds,
     // whatever was renamed since.
     char fd_path[32];
     std::snprintf(fd_path, sizeof fd_path, "/proc/self/fd/%d", dirfd);
     int wd = inotify_add_watch(fd_, fd_path, kFolderEvents & ~IN_DONT_FOLLOW);
     if (wd < 0 && errno == ENOENT) wd = inotify_add_watch(fd_, abs_path.c_str(), kFolderEvents);
-    if (wd < 0) return errno != ENOSPC;
+    // Gone (or no longer a folder) already: its parent's watch reports that.
+    if (wd < 0) return errno == ENOENT || errno == ENOTDIR;
     const auto old = by_path_.find(path);
     if (old != by_path_.end() && old->second != wd) Drop(old->second);  // another folder held the name
     const auto known = by_wd_.find(wd);
     if (known != by_wd_.end() && known->second.path != path) by_path_.erase(known->second.path);  // moved
     by_wd_[wd] = {share, path, abs_path};
     by_path_[path] = wd;
+    return true;
+}
+
+bool Watcher::WatchParent(const std::string &share, const std::string &path, const std::string &abs_path) {
+    const size_t slash = abs_path.rfind('/');
+    if (slash == std::string::npos || fd_ < 0) return false;
+    const int wd = inotify_add_watch(fd_, slash == 0 ? "/" : abs_path.substr(0, slash).c_str(), kParentEvents);
+    if (wd < 0) return false;
+    std::vector<Child> &children = parents_[wd];
+    const Child child{share, path, abs_path.substr(slash + 1)};
+    for (const Child &known : children)
+        if (known.share == share && known.path == path) return true;
+    children.push_back(child);
     return true;
 }
 
@@ -69,6 +94,8 @@ void Watcher::Forget(const std::string &path) {
 
 void Watcher::Clear() {
     while (!by_wd_.empty()) Drop(by_wd_.begin()->first);
+    for (const auto &parent : parents_) inotify_rm_watch(fd_, parent.first);
+    parents_.clear();
 }
 
 bool Watcher::WatchConfig(const std::string &config_path) {
@@ -108,6 +135,7 @@ void Watcher::Handle(const inotify_event &event, std::vector<WatchEvent> *events
         if (name == config_name_) events->push_back({WatchEvent::kConfig, {}, {}});
         return;
     }
+    if (HandleParent(event, name, events)) return;
     const auto it = by_wd_.find(event.wd);
     if (it == by_wd_.end()) return;  // dropped already
     if (event.mask & IN_IGNORED) {
@@ -128,6 +156,22 @@ void Watcher::Handle(const inotify_event &event, std::vector<WatchEvent> *events
     if ((event.mask & IN_ISDIR) && (event.mask & (IN_MOVED_FROM | IN_DELETE))) Forget(path);
     if ((event.mask & IN_CREATE) && !(event.mask & IN_ISDIR) && WaitsForClose(folder, name)) return;
     events->push_back({WatchEvent::kChanged, folder.share, path});
+}
+
+// An indexed folder's name made, moved or removed in its parent: rescan the
+// folder (its records go, or it is walked and watched anew).  True when the
+// event was the parent's alone.
+bool Watcher::HandleParent(const inotify_event &event, const std::string &name, std::vector<WatchEvent> *events) {
+    const auto it = parents_.find(event.wd);
+    if (it == parents_.end()) return false;
+    const std::vector<Child> children = it->second;
+    if (event.mask & IN_IGNORED) parents_.erase(it);
+    for (const Child &child : children) {
+        if (child.name != name || name.empty()) continue;
+        if (event.mask & (IN_MOVED_FROM | IN_DELETE)) Forget(child.path);
+        events->push_back({WatchEvent::kChanged, child.share, child.path});
+    }
+    return by_wd_.count(event.wd) == 0;
 }
 
 }  // namespace zarnd

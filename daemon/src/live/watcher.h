@@ -26,8 +26,9 @@ struct WatchEvent {
 
 class Watcher {
 public:
-    // `max_watches` caps the watches below what the kernel allows (0: no
-    // cap of its own).
+    // `max_watches` caps the folders' watches below what the kernel allows
+    // (0: no cap of its own); the watches of indexed folders' parents are
+    // not counted.
     explicit Watcher(size_t max_watches);
     ~Watcher();
     Watcher(const Watcher &) = delete;
@@ -37,13 +38,19 @@ public:
     int fd() const { return fd_; }
 
     // Watches the open folder `dirfd`, share-relative `path` of `share` at
-    // `abs_path`.  False when the watch limit is reached; a folder that is
-    // gone already counts as watched.
+    // `abs_path`.  False when no watch could be added (the watch limit, or
+    // any other error, in errno); a folder that is gone already counts as
+    // watched.
     bool Watch(int dirfd, const std::string &share, const std::string &path, const std::string &abs_path);
+
+    // Watches the folder that holds indexed folder `path` of `share` (at
+    // `abs_path`) for that name made, moved or removed: the folder's own
+    // watch cannot see it replaced.  False as for Watch.
+    bool WatchParent(const std::string &share, const std::string &path, const std::string &abs_path);
 
     // Drops the watches at `path` and below it (a folder removed or moved).
     void Forget(const std::string &path);
-    // Drops every folder watch; the list's watch stays.
+    // Drops every folder's and parent's watch; the list's watch stays.
     void Clear();
 
     // Watches the folder of the indexed-folder list for changes to the file.
@@ -57,7 +64,7 @@ public:
     // that events the kernel rarely sends can be fed by hand.
     void Handle(const inotify_event &event, std::vector<WatchEvent> *events);
 
-    size_t size() const { return by_wd_.size(); }
+    size_t size() const { return by_wd_.size() + parents_.size(); }
 
 private:
     struct Watched {
@@ -66,7 +73,16 @@ private:
         std::string abs_path;
     };
 
+    // An indexed folder as its parent's watch knows it.
+    struct Child {
+        std::string share;
+        std::string path;
+        std::string name;
+    };
+
+    bool Full(const std::string &path) const;
     void Drop(int wd);
+    bool HandleParent(const inotify_event &event, const std::string &name, std::vector<WatchEvent> *events);
     bool WaitsForClose(const Watched &folder, const std::string &name) const;
 
     const size_t max_watches_;
@@ -75,6 +91,7 @@ private:
     std::string config_name_;
     std::map<int, Watched> by_wd_;
     std::map<std::string, int> by_path_;
+    std::map<int, std::vector<Child>> parents_;
 };
 
 }  // namespace zarnd

@@ -154,17 +154,16 @@ private:
                 }
                 return;
             }
+            // Every connection not kept leaves by the one close below.
             ucred credentials;
             socklen_t size = sizeof credentials;
-            if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
-                close(fd);
-                continue;
-            }
-            const char *refusal = waiting_.size() >= options_.max_waiting ? "too many connections"
-                                  : !scheduler_.Admit(credentials.uid)     ? "too many connections from this user"
-                                                                           : nullptr;
-            if (refusal != nullptr) {
-                SendFailure(fd, kBusy, refusal);
+            const bool known = getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0;
+            const char *refusal = !known                                    ? nullptr
+                                  : waiting_.size() >= options_.max_waiting ? "too many connections"
+                                  : !scheduler_.Admit(credentials.uid)      ? "too many connections from this user"
+                                                                            : nullptr;
+            if (!known || refusal != nullptr) {
+                if (refusal != nullptr) SendFailure(fd, kBusy, refusal);
                 close(fd);
                 continue;
             }

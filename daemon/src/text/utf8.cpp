@@ -1,5 +1,7 @@
 #include "utf8.h"
 
+#include "name_text.h"
+
 namespace zarnd {
 
 namespace {
@@ -51,6 +53,27 @@ std::string RepairUtf8(const char *text, size_t size, size_t *invalid) {
         }
     }
     if (invalid != nullptr) *invalid = bad;
+    return out;
+}
+
+std::string EscapeName(const std::string &name) {
+    static const char kHex[] = "0123456789ABCDEF";
+    std::string out;
+    out.reserve(name.size());
+    for (size_t i = 0; i < name.size();) {
+        const size_t length = Utf8SequenceLength(name.data() + i, name.size() - i);
+        const unsigned char byte = static_cast<unsigned char>(name[i]);
+        if (length == 0) {
+            out += {zarn::kNameEscape, zarn::kNameByteMark, kHex[byte >> 4], kHex[byte & 15]};
+        } else if (name[i] == zarn::kNameEscape) {
+            out += {zarn::kNameEscape, zarn::kNameEscape};
+        } else {
+            out.append(name, i, length);
+            i += length;
+            continue;
+        }
+        ++i;
+    }
     return out;
 }
 

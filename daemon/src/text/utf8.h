@@ -16,6 +16,10 @@ size_t Utf8SequenceLength(const char *text, size_t available);
 // U+FFFD.  Counts the replaced bytes in *invalid when it is not null.
 std::string RepairUtf8(const char *text, size_t size, size_t *invalid = nullptr);
 
+// A file name (any bytes) as valid UTF-8 text that turns back into the same
+// bytes (common/name_text.h): invalid bytes as "\xHH", the backslash doubled.
+std::string EscapeName(const std::string &name);
+
 // The largest length <= limit at which `text` (valid UTF-8) can be cut
 // without splitting a character.
 size_t Utf8CutLength(const std::string &text, size_t limit);
