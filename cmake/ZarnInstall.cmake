@@ -34,6 +34,7 @@ install(CODE "
   configure_file(\"${CMAKE_CURRENT_LIST_DIR}/zarnelasticd.service.in\"
                  \"${PROJECT_BINARY_DIR}/zarnelasticd.service\" @ONLY)")
 install(FILES ${PROJECT_BINARY_DIR}/zarnelasticd.service ${CMAKE_CURRENT_LIST_DIR}/xapian-tcpsrv@.service
+  ${CMAKE_CURRENT_LIST_DIR}/xapian-replicate-server.service ${CMAKE_CURRENT_LIST_DIR}/xapian-replicate@.service
   DESTINATION lib/systemd/system)
 
 # CMake package: zarncontentsearchutils::zarncontentsearchutils and

@@ -61,7 +61,8 @@ void PrintUsage(FILE *out) {
                  "           --share NAME             index this share only\n"
                  "           --shards SHARD,...       spread its index over these shards from now on,\n"
                  "                                    each HOST:PORT of a xapian-tcpsrv --writable\n"
-                 "                                    or the absolute path of a local database\n"
+                 "                                    or the absolute path of a local database,\n"
+                 "                                    then its replicas, each after a '+'\n"
                  "       zarnelasticd --help | --version\n",
                  zarnd::kDefaultSearchBudgetS, zarnd::kDefaultShardTimeoutMs / 1000.0);
 }

@@ -25,6 +25,7 @@
 #include "watcher.h"
 #include "xapian_document.h"
 #include "xapian_layout.h"
+#include "xapian_record.h"
 #include "xapian_shards.h"
 
 namespace zarnd {
@@ -202,12 +203,20 @@ TEST(DaemonUnits, ShardListsAndCombinedIds) {
     const std::pair<const char *, const char *> shards[] = {
         {"10.0.0.2:7301", "10.0.0.2:7301"}, {"/srv/shard", "/srv/shard"}, {"host:65535", "host:65535"},
         {"host:0", ""}, {"host:65536", ""}, {"host:", ""}, {":7301", ""}, {"host", ""}, {"a b:1", ""}, {"rel/path", ""},
+        {"a:1+b:2+c:3", "a:1+b:2+c:3"}, {"/srv/shard+b:2", "/srv/shard+b:2"}, {"a:1+", ""}, {"+a:1", ""}, {"a:1++b:2", ""},
+        {"a:1+b", ""},
     };
     for (const auto &c : shards) {
         xap::Shard shard;
         EXPECT_EQ(*c.second != '\0', xap::ParseShard(c.first, &shard)) << c.first;
         if (*c.second) {
-            EXPECT_EQ(c.second, shard.Name());
+            EXPECT_EQ(c.second, shard.ListName());
+            // The stub keeps the copies, and still opens as Xapian's own.
+            mkdir("/var/copies", 0755);
+            xap::WriteShards("/var/copies", {shard, shard});
+            std::vector<xap::Shard> back;
+            ASSERT_TRUE(xap::ReadShards("/var/copies", &back)) << c.first;
+            EXPECT_EQ(std::vector<xap::Shard>({shard, shard}), back) << c.first;
         }
     }
     mkdir("/var/index", 0755);
@@ -358,5 +367,62 @@ TEST(DaemonUnits, WatcherTurnsEventsIntoStalePaths) {
     close(fd);
 }
 
+// The record copy that hits carry, and the reads of signatures that a
+// rescan of a shard makes by matches: every record once, a subtree without
+// its siblings, however the pages fall.
+TEST(DaemonUnits, RecordCopiesDecodeAndShardsReadSignaturesByMatches) {
+    struct Case {
+        const char *path, *name, *parent;
+        std::string signature;
+    };
+    const Case cases[] = {
+        {"/s/a.txt", "a.txt", "/s", std::string("sig\0nul", 7)},
+        {"/s/dir", "dir", "/s", ""},
+        {"/s/odd", "other name", "/elsewhere", "s"},  // fields that are not parts of the path
+        {"/s/a", "a", "/s", "1"},
+        {"/s/a.b", "a.b", "/s", "2"},
+        {"/s/a/b", "b", "/s/a", "3"},
+        {"/s/a/c/d", "d", "/s/a/c", "4"},
+    };
+    SetIndexShards("/var/index", {"/var/shard1", "/var/shard2"});
+    std::unique_ptr<IndexWriter> writer = OpenIndexWriter("/var/index");
+    for (const Case &c : cases) {
+        FileRecord record;
+        record.path = c.path;
+        record.signature = c.signature;
+        record.fields["ZARNMDPath"] = c.path;
+        record.fields["ZARNMDFSName"] = c.name;
+        record.fields["ZARNMDParent"] = c.parent;
+        record.fields["ZARNMDIsDir"] = "n";
+        record.fields["ZARNMDFSSize"] = 5;
+        record.fields["ZARNMDTextContent"] = "words";  // not carried
+        const std::string value = xap::EncodeRecordValue(record);
+        std::string path, signature;
+        Json::Value fields;
+        ASSERT_TRUE(xap::DecodeRecordValue(value, &path, &signature, &fields)) << c.path;
+        EXPECT_EQ(c.path, path);
+        EXPECT_EQ(c.signature, signature) << c.path;
+        Json::Value expected = record.fields;
+        expected.removeMember("ZARNMDTextContent");
+        EXPECT_EQ(expected, fields) << c.path;
+        for (size_t cut = 0; cut <= value.find('\0') + 1 + (c.signature.empty() ? 0 : 1); ++cut)
+            EXPECT_FALSE(xap::DecodeRecordValue(value.substr(0, cut), &path, &signature, &fields)) << c.path << " cut at " << cut;
+        writer->Put(record);
+    }
+    writer->Finish();
+    EXPECT_TRUE(xap::CarriesAll({"ZARNMDPath", "ZARNMDIsDir", "ZARNMDFSSize"}));
+    EXPECT_FALSE(xap::CarriesAll({"ZARNMDPath", "ZARNMDTextContent"}));
+    const auto all = writer->Signatures();
+    ASSERT_EQ(7u, all.size());
+    for (const Case &c : cases) EXPECT_EQ(c.signature, all.at(c.path)) << c.path;
+    const std::map<std::string, std::string> under = {{"/s/a", "1"}, {"/s/a/b", "3"}, {"/s/a/c/d", "4"}};
+    EXPECT_EQ(under, writer->SignaturesUnder("/s/a"));
+    for (Xapian::doccount page : {1u, 2u, 3u, 4u, 100u})
+        EXPECT_EQ(7u, xap::ReadSignatures(Xapian::Database("/var/shard1"), Xapian::Query(), page).size() +
+                          xap::ReadSignatures(Xapian::Database("/var/shard2"), Xapian::Query(), page).size())
+            << page;
+}
+
 }  // namespace
 }  // namespace zarnd
+

@@ -26,6 +26,8 @@ for f in "$lib/libzarncontentsearchutils.so.7.0.0" "$lib/libzarnplatform.so" \
          "$prefix/include/zarncontentsearchutils.h" "$prefix/include/zarn_connection.h" \
          "$prefix/include/zarnplatform.h" "$prefix/bin/zarnsearch" "$prefix/sbin/zarnelasticd" \
          "$lib/pkgconfig/zarncontentsearchutils.pc" "$prefix/lib/systemd/system/xapian-tcpsrv@.service" \
+         "$prefix/lib/systemd/system/xapian-replicate-server.service" \
+         "$prefix/lib/systemd/system/xapian-replicate@.service" \
          "$lib/cmake/zarncontentsearchutils/zarncontentsearchutilsConfig.cmake" \
          "$lib/cmake/zarncontentsearchutils/zarncontentsearchutilsConfigVersion.cmake"; do
   [ -e "$f" ] || fail "not installed: ${f#$prefix/}"

@@ -7,6 +7,7 @@
 #include "utf8.h"
 #include "varint.h"
 #include "xapian_layout.h"
+#include "xapian_record.h"
 
 namespace zarnd {
 namespace xap {
@@ -33,16 +34,21 @@ void AddText(const std::string &text, Xapian::Document *doc, Xapian::TermGenerat
     doc->add_value(kTextLayoutSlot, EncodeChunkStarts(starts));
 }
 
+// The sort slots of a field's value; true for a text, whose terms come next.
+bool AddSortSlots(const FieldLayout &layout, const Json::Value &value, Xapian::Document *doc) {
+    if (layout.numeric) {
+        if (value.isNumeric()) doc->add_value(layout.slot, Xapian::sortable_serialise(value.asDouble()));
+        return false;
+    }
+    if (!value.isString()) return false;
+    AddSlots(layout, value.asString(), doc);
+    return true;
+}
+
 void AddField(const FieldLayout &layout, const Json::Value &value, Xapian::Document *doc,
               Xapian::TermGenerator *generator) {
-    if (layout.numeric) {
-        if (!value.isNumeric()) return;
-        doc->add_value(layout.slot, Xapian::sortable_serialise(value.asDouble()));
-        return;
-    }
-    if (!value.isString()) return;
+    if (!AddSortSlots(layout, value, doc)) return;
     const std::string text = value.asString();
-    AddSlots(layout, text, doc);
     switch (layout.terms) {
     case TermKind::kFreeText:
         generator->index_text(text, 1, layout.prefix);
@@ -66,11 +72,10 @@ void AddRestrictions(const std::string &access, Xapian::Document *doc) {
 
 }  // namespace
 
-// A document's data: for each stored field, in layout order, its index
-// (with the top bit set for an integer, the next for a double) and its
-// value, a zigzag varint, 8 bytes of the double's bits (least significant
-// first) or a varint length and the bytes.  Hits decode it without a JSON
-// parse.
+// Compact fields: for each stored field, in layout order, its index (with
+// the top bit set for an integer, the next for a double) and its value, a
+// zigzag varint, 8 bytes of the double's bits (least significant first) or
+// a varint length and the bytes.  Hits decode it without a JSON parse.
 std::string EncodeData(const Json::Value &fields) {
     std::string data;
     size_t count = 0;
@@ -148,8 +153,17 @@ Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *
     doc.add_boolean_term(IdTerm(record.path));
     AddRestrictions(record.access, &doc);
     doc.add_value(kAccessSlot, record.access);
-    doc.add_value(kSignatureSlot, record.signature);
-    doc.set_data(EncodeData(record.fields));
+    // The record's copy holds every field the data would: no data.
+    doc.add_value(kRecordSlot, EncodeRecordValue(record));
+    return doc;
+}
+
+Xapian::Document SortValues(const Json::Value &fields) {
+    Xapian::Document doc;
+    size_t count = 0;
+    const FieldLayout *layouts = FieldLayouts(&count);
+    for (size_t i = 0; i < count; ++i)
+        if (layouts[i].slot != Xapian::BAD_VALUENO) AddSortSlots(layouts[i], fields.get(layouts[i].field, Json::Value()), &doc);
     return doc;
 }
 

@@ -1,6 +1,7 @@
 // A FileRecord as a Xapian document: its fields (the text content left out)
-// as compact data, slot values for sorting and lookups, the terms that queries
-// match, and its text content cut into chunks to be kept beside it.
+// compact in its record slot (xapian_record.h), slot values for sorting and
+// lookups, the terms that queries match, and its text content cut into
+// chunks to be kept beside it.
 #ifndef ZARND_XAPIAN_DOCUMENT_H
 #define ZARND_XAPIAN_DOCUMENT_H
 
@@ -24,9 +25,13 @@ constexpr unsigned kTermFlags = Xapian::TermGenerator::FLAG_CJK_NGRAM;
 Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *generator, ChunkPacker *packer,
                                std::vector<std::string> *text_chunks);
 
+// A document holding nothing but the sort slots of `fields`, as
+// BuildDocument fills them: what a key maker sorts by.
+Xapian::Document SortValues(const Json::Value &fields);
+
 // The fields of a record (integers and strings of the layout's fields, the
-// text content left out) as a document's data, and back; false for data
-// that EncodeData did not make.
+// text content left out) as compact bytes, and back; false for bytes that
+// EncodeData did not make.
 std::string EncodeData(const Json::Value &fields);
 bool DecodeData(const std::string &data, Json::Value *fields);
 

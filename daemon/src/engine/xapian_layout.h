@@ -16,10 +16,11 @@ namespace zarnd {
 namespace xap {
 
 constexpr Xapian::valueno kAccessSlot = 0;      // EncodeAccessChain, for document lookups
-constexpr Xapian::valueno kSignatureSlot = 1;   // change detection of the indexer
+constexpr Xapian::valueno kRecordSlot = 1;      // EncodeRecordValue (xapian_record.h)
 constexpr Xapian::valueno kTextLayoutSlot = 2;  // EncodeChunkStarts of the text content
 
 constexpr char kIdPrefix[] = "Q";  // one unique term per document: its path
+constexpr char kDocIdPrefix[] = "XI";  // a shard's documents: DocIdTerm
 // One term per restriction of the document's access chain (perm.h).
 constexpr char kRestrictionPrefix[] = "XR";
 

@@ -1,9 +1,10 @@
 // SearchIndex on a Xapian database.
 #include <sys/stat.h>
 
-#include <algorithm>
+#include <chrono>
 #include <map>
 #include <memory>
+#include <set>
 
 #include <xapian.h>
 
@@ -15,9 +16,9 @@
 #include "xapian_highlight.h"
 #include "xapian_layout.h"
 #include "xapian_open.h"
-#include "xapian_query.h"
+#include "xapian_page.h"
+#include "xapian_record.h"
 #include "xapian_shards.h"
-#include "xapian_sort.h"
 
 namespace zarnd {
 
@@ -31,6 +32,9 @@ struct OpenIndex {
     std::vector<Xapian::Database> shards;
     bool remote = false;  // a shard is served over the network
     ino_t stub = 0;       // the inode of the stub it was opened through; 0: none
+    std::vector<std::string> copies;  // the copies of shards that serve it
+    std::chrono::steady_clock::time_point opened = std::chrono::steady_clock::now();
+    bool on_replica = false;  // a replica serves in place of its shard's first copy
 
     xap::TextSource TextOf(Xapian::docid doc_id) const {
         size_t shard = 0;
@@ -59,8 +63,9 @@ void CheckShards(const OpenIndex &index, const std::vector<xap::Shard> &layout) 
     }
 }
 
-// Opens the index of `dir`, as its stub says.
-OpenIndex OpenIndexOf(const std::string &dir, ino_t stub, const EngineOptions &options) {
+// Opens the index of `dir`, as its stub says, each shard through the first
+// of its copies that answers, none of those in `failed`.
+OpenIndex OpenIndexOf(const std::string &dir, ino_t stub, const EngineOptions &options, std::set<std::string> *failed) {
     OpenIndex index;
     index.stub = stub;
     std::vector<xap::Shard> layout;
@@ -69,11 +74,10 @@ OpenIndex OpenIndexOf(const std::string &dir, ino_t stub, const EngineOptions &o
         index.shards.push_back(index.db);
     }
     for (const xap::Shard &shard : layout) {
-        try {
-            index.shards.push_back(xap::OpenShard(shard, options.shard_timeout_ms));
-        } catch (const Xapian::NetworkError &e) {
-            throw Failure(kBusy, "shard " + shard.Name() + " is unavailable: " + e.get_msg());
-        }
+        std::string served;
+        index.shards.push_back(xap::OpenShardCopy(shard, options.shard_timeout_ms, failed, &served));
+        index.copies.push_back(served);
+        index.on_replica = index.on_replica || served != shard.Name();
         index.db.add_database(index.shards.back());
         index.remote = index.remote || shard.remote();
     }
@@ -86,7 +90,10 @@ OpenIndex OpenIndexOf(const std::string &dir, ino_t stub, const EngineOptions &o
 // search.  Each use reopens it at the latest commit.
 class OpenDatabases {
 public:
-    static OpenIndex &Get(const std::string &dir, const EngineOptions &options) { return Mine().Find(dir, options); }
+    // `failed`: the copies of shards that failed during this search.
+    static OpenIndex &Get(const std::string &dir, const EngineOptions &options, std::set<std::string> *failed) {
+        return Mine().Find(dir, options, failed);
+    }
 
     // Forgets `dir` so that its next Get opens it anew.
     static void Drop(const std::string &dir) { Mine().open_.erase(dir); }
@@ -99,7 +106,7 @@ private:
 
     static constexpr size_t kMaxOpen = 16;
 
-    OpenIndex &Find(const std::string &dir, const EngineOptions &options) {
+    OpenIndex &Find(const std::string &dir, const EngineOptions &options, std::set<std::string> *failed) {
         // What the directory holds now, asked each time: an index removed
         // or rewritten since stays open through the files of its time.
         struct stat st;
@@ -111,13 +118,20 @@ private:
             throw Failure(kNotFound, "no index in " + dir);
         }
         auto it = open_.find(dir);
-        if (it != open_.end() && it->second.stub == current) {
+        if (it != open_.end() && it->second.stub == current && !Stale(it->second)) {
             try {
                 it->second.db.reopen();
                 return it->second;
             } catch (const Xapian::NetworkTimeoutError &e) {
-                open_.erase(it);
-                throw Unavailable(e);  // a shard that does not answer: no second wait
+                // A copy that does not answer: no second wait for it in this
+                // search; another copy of its shard may serve.
+                const std::string copy = xap::ShardOfError(e);
+                if (copy.empty()) {
+                    open_.erase(it);
+                    throw Unavailable(e);
+                }
+                failed->insert(copy);
+                xap::NoteCopyFailed(copy, e.get_msg());
             } catch (const Xapian::Error &) {
                 // A connection that a shard closed while idle: open it afresh below.
             }
@@ -125,54 +139,22 @@ private:
         if (it != open_.end()) open_.erase(it);
         if (open_.size() >= kMaxOpen) open_.erase(open_.begin());
         try {
-            return open_.emplace(dir, OpenIndexOf(dir, current, options)).first->second;
+            return open_.emplace(dir, OpenIndexOf(dir, current, options, failed)).first->second;
         } catch (const Xapian::DatabaseOpeningError &) {
             throw Failure(kNotFound, "no index in " + dir);
         }
     }
 
-    std::map<std::string, OpenIndex> open_;
-};
-
-// The documents that `user` may not read: those holding a restriction term
-// that the user does not pass.  Restrictions are few (owners, groups and
-// modes in use), so the filter is a short list of terms whose posting lists
-// do the work.  An empty query when nothing is hidden.
-Xapian::Query HiddenFrom(const Xapian::Database &db, const Credentials &user) {
-    std::vector<std::string> hidden;
-    Restriction restriction;
-    for (Xapian::TermIterator t = db.allterms_begin(xap::kRestrictionPrefix);
-         t != db.allterms_end(xap::kRestrictionPrefix); ++t)
-        if (!xap::ParseRestrictionTerm(*t, &restriction) || !Passes(user, restriction)) hidden.push_back(*t);
-    return Xapian::Query(Xapian::Query::OP_OR, hidden.begin(), hidden.end());
-}
-
-// The match of a plan: the page of hits and the exact total.
-struct Match {
-    Match(const OpenIndex &index, const SearchPlan &plan) : enquire(index.db) {
-        const Xapian::Database &db = index.db;
-        query = xap::ParseQuery(plan.query, db);
-        if (plan.reader != nullptr && plan.reader->uid != 0) {
-            const Xapian::Query hidden = HiddenFrom(db, *plan.reader);
-            if (!hidden.empty()) query = Xapian::Query(Xapian::Query::OP_AND_NOT, query, hidden);
-        }
-        enquire.set_query(query);
-        // The network protocol carries no sort function, only a slot.
-        if (index.remote && plan.sort.size() > 1)
-            throw Failure(kBadRequest, "an index with shards on other machines sorts by one key only");
-        xap::SetSortOrder(plan.sort, &enquire, &maker);
-        // Checking every document makes the count exact, not an estimate.
-        // (No match time limit: Xapian 1.4.22's timer may write into a match
-        // that has returned.)
-        mset = enquire.get_mset(plan.from, plan.size, db.get_doccount());
-        if (mset.get_matches_lower_bound() != mset.get_matches_upper_bound())
-            throw Failure(kInternal, "the engine counted the matches inexactly");
+    // An index opened on a copy that failed since (found by another thread:
+    // this one need not wait for it too), or on a replica for a while
+    // (replicas lag: the first copy may be back).
+    static bool Stale(const OpenIndex &index) {
+        const auto now = std::chrono::steady_clock::now();
+        return xap::FailedSince(index.copies, index.opened) ||
+               (index.on_replica && now - index.opened > std::chrono::seconds(xap::kBackToFirstCopyS));
     }
 
-    Xapian::Enquire enquire;
-    Xapian::Query query;
-    std::unique_ptr<Xapian::MultiValueKeyMaker> maker;
-    Xapian::MSet mset;
+    std::map<std::string, OpenIndex> open_;
 };
 
 // A writer may commit while a search reads; the reader then reopens and runs
@@ -186,23 +168,42 @@ public:
 
     void Search(const SearchPlan &plan, const std::function<void(uint64_t)> &on_total,
                 const std::function<bool(const Hit &)> &on_hit) override {
+        // A search that meets a failed copy of a shard after hits went out
+        // goes on with another copy, past the hits sent: the same match on
+        // the same documents, as the total and the ids sent so far show.
         bool started = false;
+        uint64_t total = 0;
+        std::vector<Xapian::docid> sent;
+        const bool carried = plan.highlight.empty() && xap::CarriesAll(plan.fields);
         Retry([&](const OpenIndex &index) {
-            if (started) throw Failure(kInternal, "index changed during the search");
-            const Match match(index, plan);
-            started = true;
-            on_total(match.mset.get_matches_estimated());
-            for (Xapian::MSetIterator it = match.mset.begin(); it != match.mset.end(); ++it)
-                if (!on_hit(MakeHit(index, match, it, plan))) return;
+            const xap::Page page(index.db, index.shards.size(), index.remote, plan, carried);
+            if (started && page.total != total) throw Failure(kInternal, "index changed during the search");
+            if (!started) {
+                started = true;
+                total = page.total;
+                on_total(total);
+            }
+            for (size_t at = 0; at < page.hits.size(); ++at) {
+                const xap::PageHit &item = page.hits[at];
+                if (at < sent.size()) {
+                    if (sent[at] != item.id) throw Failure(kInternal, "index changed during the search");
+                    continue;
+                }
+                Hit hit;
+                if (!carried || !CarriedHit(index, plan, item, &hit)) hit = MakeHit(index, page, item.id, plan);
+                sent.push_back(item.id);
+                if (!on_hit(hit)) return;
+            }
         });
     }
 
     uint64_t PageIds(const SearchPlan &plan, std::vector<uint32_t> *ids) override {
         uint64_t total = 0;
         Retry([&](const OpenIndex &index) {
-            const Match match(index, plan);
-            ids->assign(match.mset.begin(), match.mset.end());
-            total = match.mset.get_matches_estimated();
+            const xap::Page page(index.db, index.shards.size(), index.remote, plan, false);
+            ids->clear();
+            for (const xap::PageHit &hit : page.hits) ids->push_back(hit.id);
+            total = page.total;
         });
         return total;
     }
@@ -214,7 +215,7 @@ public:
             try {
                 const Xapian::Document doc = index.db.get_document(doc_id);
                 *access = doc.get_value(xap::kAccessSlot);
-                found = xap::DecodeData(doc.get_data(), fields);
+                found = xap::DecodeRecordValue(doc.get_value(xap::kRecordSlot), nullptr, nullptr, fields);
                 std::string text;
                 if (found && xap::ReadTextStart(index.TextOf(doc_id), doc, &text)) (*fields)[field::kTextContent] = text;
             } catch (const Xapian::DocNotFoundError &) {
@@ -226,19 +227,27 @@ public:
 
 private:
     // Runs `action` on the open database, again on a fresh one when a commit
-    // or a rebuild overtook it.
+    // or a rebuild overtook it, or when a copy of a shard failed: each copy
+    // fails once at most, and another copy of its shard serves if one does.
     template <class F>
     void Retry(F action) {
-        for (int attempt = 1;; ++attempt) {
+        std::set<std::string> failed;
+        int unnamed = 0;
+        for (int attempt = 1;;) {
             try {
-                action(OpenDatabases::Get(dir_, options_));
+                action(OpenDatabases::Get(dir_, options_, &failed));
                 return;
             } catch (const Xapian::DatabaseModifiedError &e) {
-                if (attempt == kSearchAttempts) throw Failure(kInternal, "index changed during the search: " + e.get_msg());
+                if (attempt++ == kSearchAttempts) throw Failure(kInternal, "index changed during the search: " + e.get_msg());
                 OpenDatabases::Drop(dir_);
             } catch (const Xapian::NetworkError &e) {
                 OpenDatabases::Drop(dir_);
-                throw Unavailable(e);
+                // An error that names no copy (a connection closed while a
+                // document was read) earns one more try: the copies that
+                // refuse then show themselves as the index opens again.
+                const std::string copy = xap::ShardOfError(e);
+                if (copy.empty() ? unnamed++ > 0 : !failed.insert(copy).second) throw Unavailable(e);
+                if (!copy.empty()) xap::NoteCopyFailed(copy, e.get_msg());
             } catch (const Xapian::Error &e) {
                 OpenDatabases::Drop(dir_);
                 throw Failure(kInternal, e.get_description());
@@ -246,13 +255,27 @@ private:
         }
     }
 
-    static Hit MakeHit(const OpenIndex &index, const Match &match, const Xapian::MSetIterator &it,
-                       const SearchPlan &plan) {
+    // A hit of carried fields only, from its record; false when the record
+    // is unreadable.
+    static bool CarriedHit(const OpenIndex &index, const SearchPlan &plan, const xap::PageHit &item, Hit *hit) {
+        const std::string value =
+            item.record.empty() ? index.db.get_document(item.id).get_value(xap::kRecordSlot) : item.record;
+        Json::Value carried;
+        if (!xap::DecodeRecordValue(value, nullptr, nullptr, &carried)) return false;
+        hit->doc_id = item.id;
+        hit->fields = Json::Value(Json::objectValue);
+        for (const std::string &name : plan.fields)
+            if (carried.isMember(name)) hit->fields[name] = carried[name];
+        return true;
+    }
+
+    static Hit MakeHit(const OpenIndex &index, const xap::Page &page, Xapian::docid id, const SearchPlan &plan) {
         Hit hit;
-        hit.doc_id = *it;
-        const Xapian::Document doc = it.get_document();
+        hit.doc_id = id;
+        const Xapian::Document doc = index.db.get_document(id);
         Json::Value stored;
-        if (!xap::DecodeData(doc.get_data(), &stored)) stored = Json::Value(Json::objectValue);
+        if (!xap::DecodeRecordValue(doc.get_value(xap::kRecordSlot), nullptr, nullptr, &stored))
+            stored = Json::Value(Json::objectValue);
         hit.fields = Json::Value(Json::objectValue);
         for (const std::string &name : plan.fields) {
             std::string text;
@@ -265,10 +288,10 @@ private:
         for (const HighlightRequest &request : plan.highlight) {
             std::string fragment;
             if (request.field == field::kTextContent)
-                fragment = xap::HighlightText(match.mset, index.db, hit.doc_id, doc, index.TextOf(hit.doc_id), match.query,
+                fragment = xap::HighlightText(page.mset, index.db, hit.doc_id, doc, index.TextOf(hit.doc_id), page.query,
                                              request.frag_length);
             else if (stored[request.field].isString())
-                fragment = xap::HighlightField(match.mset, stored[request.field].asString(), request.frag_length);
+                fragment = xap::HighlightField(page.mset, stored[request.field].asString(), request.frag_length);
             fragment = CutFragment(fragment, request.frag_length);
             if (!fragment.empty()) hit.highlight[request.field] = fragment;
         }

@@ -70,7 +70,7 @@ std::unique_ptr<DatabaseWriter> OpenShardWriter(const std::vector<Shard> &shards
                                          "\", expected \"" + expected + "\"): empty it, or list the shards in the order they were first given");
         db.set_metadata(kShardKey, expected);
         db.set_metadata(kFormatKey, kFormat);
-        return std::unique_ptr<DatabaseWriter>(new DatabaseWriter(db, "shard " + shard.Name(), MaxLocalId(k, shards.size())));
+        return std::unique_ptr<DatabaseWriter>(new DatabaseWriter(db, "shard " + shard.Name(), MaxLocalId(k, shards.size()), true));
     } catch (const Xapian::DatabaseLockError &) {
         throw Failure(kLocked, "shard " + shard.Name() + " is being written by another process");
     } catch (const Xapian::Error &e) {

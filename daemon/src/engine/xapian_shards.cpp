@@ -2,16 +2,42 @@
 
 #include <errno.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <map>
+#include <mutex>
 
 #include "engine.h"
 #include "failure.h"
+#include "log.h"
 #include "xapian_layout.h"
 
 namespace zarnd {
 namespace xap {
+
+namespace {
+using Clock = std::chrono::steady_clock;
+// A copy that failed this recently is tried after the others.
+constexpr Clock::duration kDownFor = std::chrono::seconds(kBackToFirstCopyS);
+
+// When each copy that failed did so last, for every search thread.
+std::mutex failures_mutex;
+std::map<std::string, Clock::time_point> failures;
+
+bool FailedLately(const std::string &name) {
+    std::lock_guard<std::mutex> lock(failures_mutex);
+    const auto failure = failures.find(name);
+    return failure != failures.end() && Clock::now() - failure->second < kDownFor;
+}
+
+// The stub line of one copy, and the mark before a copy's line: Xapian
+// reads it as a comment, and opens the stub's first copies only.
+std::string StubLine(const Shard &shard) { return (shard.remote() ? "remote :" : "auto ") + shard.Name() + "\n"; }
+constexpr char kCopyMark[] = "# copy ";
+}  // namespace
 
 namespace {
 
@@ -23,24 +49,7 @@ bool ParsePort(const std::string &text, unsigned *port) {
     return *port >= 1 && *port <= 65535;
 }
 
-// One line of a stub: "remote :HOST:PORT", or "auto PATH" / "glass PATH"
-// for a local database (relative to the stub's directory).
-bool ParseStubLine(const std::string &dir, const std::string &line, Shard *shard) {
-    const size_t space = line.find(' ');
-    if (space == std::string::npos) return false;
-    const std::string kind = line.substr(0, space), rest = line.substr(space + 1);
-    if (kind == "remote") return rest.size() > 1 && rest[0] == ':' && ParseShard(rest.substr(1), shard);
-    if ((kind != "auto" && kind != "glass") || rest.empty()) return false;
-    *shard = Shard();
-    shard->path = rest[0] == '/' ? rest : dir + "/" + rest;
-    return true;
-}
-
-}  // namespace
-
-std::string Shard::Name() const { return remote() ? host + ":" + std::to_string(port) : path; }
-
-bool ParseShard(const std::string &text, Shard *shard) {
+bool ParseCopy(const std::string &text, Shard *shard) {
     *shard = Shard();
     if (!text.empty() && text[0] == '/') {
         shard->path = text;
@@ -51,6 +60,43 @@ bool ParseShard(const std::string &text, Shard *shard) {
     shard->host = text.substr(0, colon);
     if (shard->host.find_first_of(" \t\n:/") != std::string::npos) return false;
     return ParsePort(text.substr(colon + 1), &shard->port);
+}
+
+// One line of a stub: "remote :HOST:PORT", or "auto PATH" / "glass PATH"
+// for a local database (relative to the stub's directory).
+bool ParseStubLine(const std::string &dir, const std::string &line, Shard *shard) {
+    const size_t space = line.find(' ');
+    if (space == std::string::npos) return false;
+    const std::string kind = line.substr(0, space), rest = line.substr(space + 1);
+    if (kind == "remote") return rest.size() > 1 && rest[0] == ':' && ParseCopy(rest.substr(1), shard);
+    if ((kind != "auto" && kind != "glass") || rest.empty()) return false;
+    *shard = Shard();
+    shard->path = rest[0] == '/' ? rest : dir + "/" + rest;
+    return true;
+}
+
+}  // namespace
+
+std::string Shard::Name() const { return remote() ? host + ":" + std::to_string(port) : path; }
+
+std::string Shard::ListName() const {
+    std::string name = Name();
+    for (const Shard &copy : copies) name += "+" + copy.Name();
+    return name;
+}
+
+bool ParseShard(const std::string &text, Shard *shard) {
+    const size_t plus = text.find('+');
+    if (!ParseCopy(text.substr(0, plus), shard)) return false;
+    for (size_t at = plus; at != std::string::npos;) {
+        const size_t next = text.find('+', at + 1);
+        Shard copy;
+        if (!ParseCopy(text.substr(at + 1, next == std::string::npos ? std::string::npos : next - at - 1), &copy))
+            return false;
+        shard->copies.push_back(copy);
+        at = next;
+    }
+    return true;
 }
 
 bool ReadShards(const std::string &dir, std::vector<Shard> *shards) {
@@ -65,9 +111,15 @@ bool ReadShards(const std::string &dir, std::vector<Shard> *shards) {
     if (lines.empty() || (lines.size() == 1 && std::sscanf(lines[0].c_str(), "glass gen-%u%c", &generation, &end) == 1))
         return false;
     for (const std::string &line : lines) {
+        const bool copy = line.compare(0, std::strlen(kCopyMark), kCopyMark) == 0;
+        if (!copy && line[0] == '#') continue;
         Shard shard;
-        if (!ParseStubLine(dir, line, &shard)) throw Failure(kInternal, "cannot read the shard list " + dir + "/" + kStubFile + ": " + line);
-        shards->push_back(shard);
+        if (!ParseStubLine(dir, copy ? line.substr(std::strlen(kCopyMark)) : line, &shard) || (copy && shards->empty()))
+            throw Failure(kInternal, "cannot read the shard list " + dir + "/" + kStubFile + ": " + line);
+        if (copy)
+            shards->back().copies.push_back(shard);
+        else
+            shards->push_back(shard);
     }
     return true;
 }
@@ -84,13 +136,53 @@ void WriteStub(const std::string &dir, const std::string &content) {
 
 void WriteShards(const std::string &dir, const std::vector<Shard> &shards) {
     std::string content;
-    for (const Shard &shard : shards) content += (shard.remote() ? "remote :" : "auto ") + shard.Name() + "\n";
+    for (const Shard &shard : shards) {
+        content += StubLine(shard);
+        for (const Shard &copy : shard.copies) content += kCopyMark + StubLine(copy);
+    }
     WriteStub(dir, content);
 }
 
 Xapian::Database OpenShard(const Shard &shard, unsigned timeout_ms) {
     if (!shard.remote()) return Xapian::Database(shard.path);
     return Xapian::Remote::open(shard.host, shard.port, timeout_ms, timeout_ms);
+}
+
+Xapian::Database OpenShardCopy(const Shard &shard, unsigned timeout_ms, std::set<std::string> *failed,
+                               std::string *served) {
+    std::vector<const Shard *> order(1, &shard);
+    for (const Shard &copy : shard.copies) order.push_back(&copy);
+    std::stable_partition(order.begin(), order.end(), [](const Shard *copy) { return !FailedLately(copy->Name()); });
+    std::string why = "no copy left to try";
+    for (const Shard *copy : order) {
+        if (failed->count(copy->Name()) != 0) continue;
+        try {
+            Xapian::Database db = OpenShard(*copy, timeout_ms);
+            *served = copy->Name();
+            if (copy != &shard)
+                ZARN_LOG(LOG_NOTICE, "shard %s served by its copy %s", shard.Name().c_str(), copy->Name().c_str());
+            return db;
+        } catch (const Xapian::NetworkError &e) {
+            failed->insert(copy->Name());
+            NoteCopyFailed(copy->Name(), e.get_msg());
+            why = e.get_msg();
+        }
+    }
+    throw Failure(kBusy, "shard " + shard.ListName() + " is unavailable: " + why);
+}
+
+bool FailedSince(const std::vector<std::string> &names, Clock::time_point since) {
+    std::lock_guard<std::mutex> lock(failures_mutex);
+    return std::any_of(names.begin(), names.end(), [&](const std::string &name) {
+        const auto failure = failures.find(name);
+        return failure != failures.end() && failure->second > since;
+    });
+}
+
+void NoteCopyFailed(const std::string &name, const std::string &why) {
+    ZARN_LOG(LOG_WARNING, "shard copy %s failed: %s", name.c_str(), why.c_str());
+    std::lock_guard<std::mutex> lock(failures_mutex);
+    failures[name] = Clock::now();
 }
 
 Xapian::WritableDatabase OpenShardForWriting(const Shard &shard, unsigned timeout_ms) {

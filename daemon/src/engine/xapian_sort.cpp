@@ -25,10 +25,17 @@ void SetSortOrder(const std::vector<SortKey> &keys, Xapian::Enquire *enquire,
         enquire->set_sort_by_value_then_relevance(SlotOf(keys[0]), keys[0].descending);
         return;
     }
-    maker->reset(new Xapian::MultiValueKeyMaker);
-    for (const SortKey &key : keys) (*maker)->add_value(SlotOf(key), key.descending);
+    *maker = KeyMakerOf(keys);
     enquire->set_sort_by_key_then_relevance(maker->get(), false);
 }
+
+std::unique_ptr<Xapian::MultiValueKeyMaker> KeyMakerOf(const std::vector<SortKey> &keys) {
+    std::unique_ptr<Xapian::MultiValueKeyMaker> maker(new Xapian::MultiValueKeyMaker);
+    for (const SortKey &key : keys) maker->add_value(SlotOf(key), key.descending);
+    return maker;
+}
+
+Xapian::valueno FirstSlot(const std::vector<SortKey> &keys) { return SlotOf(keys.at(0)); }
 
 }  // namespace xap
 }  // namespace zarnd

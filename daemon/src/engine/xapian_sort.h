@@ -21,6 +21,13 @@ namespace xap {
 void SetSortOrder(const std::vector<SortKey> &keys, Xapian::Enquire *enquire,
                   std::unique_ptr<Xapian::MultiValueKeyMaker> *maker);
 
+// The key maker of the keys, whatever their number; Failure kBadRequest as
+// above.
+std::unique_ptr<Xapian::MultiValueKeyMaker> KeyMakerOf(const std::vector<SortKey> &keys);
+
+// The slot that the first key sorts by.
+Xapian::valueno FirstSlot(const std::vector<SortKey> &keys);
+
 }  // namespace xap
 }  // namespace zarnd
 

@@ -5,6 +5,7 @@
 #include "schema.h"
 #include "xapian_document.h"
 #include "xapian_layout.h"
+#include "xapian_record.h"
 
 namespace zarnd {
 namespace xap {
@@ -16,13 +17,19 @@ namespace {
 constexpr size_t kMaxQueued = 256;
 constexpr size_t kMaxQueuedBytes = 64u << 20;
 
+// Id terms that a subtree's lookup expands to at most.
+constexpr Xapian::termcount kMaxSubtreeTerms = 100000;
+
 }  // namespace
 
-DatabaseWriter::DatabaseWriter(Xapian::WritableDatabase db, const std::string &name, Xapian::docid max_id)
-    : db_(std::move(db)), name_(name), max_id_(max_id) {
+DatabaseWriter::DatabaseWriter(Xapian::WritableDatabase db, const std::string &name, Xapian::docid max_id, bool shard)
+    : db_(std::move(db)), name_(name), max_id_(max_id), shard_(shard) {
     generator_.set_flags(kTermFlags);
     generator_.set_max_word_length(64);  // longer "words" are noise (hashes, base64)
-    Guard([&] { documents_at_open_ = db_.get_doccount(); });
+    Guard([&] {
+        documents_at_open_ = db_.get_doccount();
+        last_id_ = db_.get_lastdocid();
+    });
     writing_ = std::thread([this] { Write(); });
 }
 
@@ -48,36 +55,39 @@ std::map<std::string, std::string> DatabaseWriter::Signatures() {
     Drain();
     std::map<std::string, std::string> result;
     Guard([&] {
-        // Both slots hold a value for every document; walk them in step.
-        const Xapian::valueno path_slot = FindLayout(field::kPath)->slot;
-        Xapian::ValueIterator path = db_.valuestream_begin(path_slot);
-        Xapian::ValueIterator signature = db_.valuestream_begin(kSignatureSlot);
-        const Xapian::ValueIterator end = db_.valuestream_end(path_slot);
-        for (; path != end; ++path) {
-            signature.skip_to(path.get_docid());
-            const bool has = signature != db_.valuestream_end(kSignatureSlot) && signature.get_docid() == path.get_docid();
-            result[*path] = has ? *signature : std::string();
+        // A shard's value stream would cost a message per document.
+        if (shard_) {
+            result = ReadSignatures(db_, Xapian::Query());
+            return;
         }
+        std::string path, signature;
+        for (auto value = db_.valuestream_begin(kRecordSlot); value != db_.valuestream_end(kRecordSlot); ++value)
+            if (DecodeRecordValue(*value, &path, &signature, nullptr)) result[path] = signature;
     });
     return result;
 }
 
-// Through the id terms that begin with the path: a subtree's records
-// without a walk over the whole index.
+// Through the id terms that begin with the path, in one match: the cost
+// follows the subtree, not the index.  A subtree of more than
+// kMaxSubtreeTerms records is read from the range of record values between
+// the path's own and those of paths that continue it with '/' ('0' follows
+// it), a walk over the whole slot.  Both hold a few siblings too ("dir.txt"
+// beside "dir"), left out below.
 std::map<std::string, std::string> DatabaseWriter::SignaturesUnder(const std::string &path) {
     Drain();
-    std::map<std::string, std::string> result;
+    std::map<std::string, std::string> result, found;
     Guard([&] {
-        const std::string start = BoundedTermStart(kIdPrefix, path);
-        const Xapian::valueno path_slot = FindLayout(field::kPath)->slot;
-        for (auto term = db_.allterms_begin(start); term != db_.allterms_end(start); ++term) {
-            for (auto doc = db_.postlist_begin(*term); doc != db_.postlist_end(*term); ++doc) {
-                const Xapian::Document document = db_.get_document(*doc);
-                std::string stored = document.get_value(path_slot);
-                if (PathWithin(stored, path)) result[std::move(stored)] = document.get_value(kSignatureSlot);
-            }
+        try {
+            found = ReadSignatures(db_, Xapian::Query(Xapian::Query::OP_WILDCARD, BoundedTermStart(kIdPrefix, path),
+                                                      kMaxSubtreeTerms, Xapian::Query::WILDCARD_LIMIT_ERROR));
+        } catch (const Xapian::WildcardError &) {
+            found = ReadSignatures(db_, Xapian::Query(Xapian::Query::OP_AND_NOT,
+                                                      Xapian::Query(Xapian::Query::OP_VALUE_GE, kRecordSlot, path + '\0'),
+                                                      Xapian::Query(Xapian::Query::OP_VALUE_GE, kRecordSlot, path + '0')));
         }
     });
+    for (auto &record : found)
+        if (PathWithin(record.first, path)) result.insert(std::move(record));
     return result;
 }
 
@@ -163,14 +173,20 @@ void DatabaseWriter::Apply(const Change &change) {
     case Change::kReplace: {
         // A replaced record keeps its id; only a new one takes the next.
         const Xapian::docid old_id = change.kind == Change::kAdd ? 0 : DocIdOf(change.id_term);
-        if (old_id == 0 && db_.get_lastdocid() >= max_id_)
+        if (old_id == 0 && last_id_ >= max_id_)
             throw Failure(kInternal, "no document id left for " + change.path + ": remove the index to rebuild it");
         const size_t old_chunks = old_id == 0 ? 0 : ChunkCount(old_id);
-        Xapian::docid doc_id = old_id;
-        if (old_id == 0)
-            doc_id = db_.add_document(change.doc);
-        else
-            db_.replace_document(old_id, change.doc);
+        // Ids counted here: a shard's database would ask its server each time.
+        const Xapian::docid doc_id = old_id == 0 ? last_id_ + 1 : old_id;
+        if (shard_) {
+            // This thread owns the change's document.
+            Xapian::Document doc = change.doc;
+            doc.add_boolean_term(DocIdTerm(doc_id));
+            db_.replace_document(doc_id, doc);
+        } else {
+            db_.replace_document(doc_id, change.doc);
+        }
+        last_id_ = std::max(last_id_, doc_id);
         for (Xapian::docid extra; change.kind == Change::kReplace && (extra = OtherDocIdOf(change.id_term, doc_id));)
             Delete(extra);
         for (size_t k = 0; k < change.chunks.size(); ++k) db_.set_metadata(TextChunkKey(doc_id, k), change.chunks[k]);

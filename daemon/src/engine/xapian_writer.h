@@ -27,8 +27,9 @@ namespace xap {
 class DatabaseWriter : public IndexWriter {
 public:
     // `name` names the database in messages; new documents take ids up to
-    // `max_id`.
-    DatabaseWriter(Xapian::WritableDatabase db, const std::string &name, Xapian::docid max_id);
+    // `max_id`.  A shard's documents carry DocIdTerm (xapian_record.h), and
+    // its records are read by matches rather than walks over value streams.
+    DatabaseWriter(Xapian::WritableDatabase db, const std::string &name, Xapian::docid max_id, bool shard = false);
     ~DatabaseWriter() override;
 
     void Put(const FileRecord &record) override;
@@ -80,7 +81,9 @@ private:
     Xapian::WritableDatabase db_;  // the writing thread's, but while it is idle
     const std::string name_;
     const Xapian::docid max_id_;
+    const bool shard_;
     Xapian::doccount documents_at_open_ = 0;
+    Xapian::docid last_id_ = 0;  // the highest id ever given, as the writing thread counts
     uint64_t changes_ = 0;
     Xapian::TermGenerator generator_;
     ChunkPacker packer_;

@@ -17,7 +17,8 @@ struct IndexOptions {
     bool progress = false;  // a progress line on standard error
     std::string share;      // only this share; "" for every share
     // The shards to spread the share's index over ("HOST:PORT" or a path
-    // each), kept for later runs; empty: as the index is now.
+    // each, then "+COPY" for each replica), kept for later runs; empty: as
+    // the index is now.
     std::vector<std::string> shards;
 };
 
