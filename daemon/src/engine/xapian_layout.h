@@ -27,7 +27,7 @@ constexpr char kRestrictionPrefix[] = "XR";
 // Bumped whenever what a document holds changes shape; an index of another
 // format is rebuilt by the indexer and refused by searches until then.
 constexpr char kFormatKey[] = "zarnelasticd.format";
-constexpr char kFormat[] = "3";
+constexpr char kFormat[] = "4";
 
 // A share's index directory holds a stub file naming the generation that
 // is current, "glass gen-N", and that generation's database in gen-N: a
