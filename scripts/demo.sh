@@ -104,6 +104,18 @@ stop_shards() {
   shard_pids=
 }
 
+# make_album DIR: three songs of one album, made and tagged by ffmpeg, their
+# names out of track order.
+make_album() {
+  mkdir -p "$1"
+  for song in "3 Locomotion" "1 Moments Notice" "2 Lazy Bird"; do
+    track=${song%% *} title=${song#* }
+    ffmpeg -nostdin -loglevel error -f lavfi -i "sine=frequency=$((220 * track)):duration=$((track + 1))" \
+      -c:a libmp3lame -metadata title="$title" -metadata artist="Ines Varga" -metadata album="Blue Train" \
+      -metadata track="$track" -metadata date=1957 -metadata genre="Hard bop" "$1/$title.mp3"
+  done
+}
+
 prepare() {
   mount -t tmpfs -o mode=0755 tmpfs /var
   mkdir -p /var/run /var/shares "$(dirname "$folder_config")"
@@ -111,7 +123,7 @@ prepare() {
   # the machine's log.
   if [ -e /dev/log ]; then mount --bind /dev/null /dev/log; fi
 
-  echo "== Making share '$share' from a copy of /usr/share/doc ($(find /usr/share/doc | wc -l) entries)"
+  echo "== Making share '$share' from a copy of /usr/share/doc ($(find /usr/share/doc | wc -l) entries) and an album of three songs"
   cp -RP --preserve=mode,timestamps /usr/share/doc "$share_root"
   # Documents made by their own libraries: their words and properties are
   # read by the extraction workers.
@@ -120,6 +132,7 @@ prepare() {
     "The new quay opens in spring; the cormorant colony moves to the north pier."
   zarnelasticd_documents --one "$share_root/office/minutes.docx" docx "Board minutes" "Tomas Lindqvist" \
     "The board approved the budget for the lighthouse repairs."
+  make_album "$share_root/music"
   printf '%s\t%s\n' "$share" "$share_root" >"$share_table"
   export ZARN_SHARE_TABLE="$share_table"
   printf '[{"path": "/%s"}]\n' "$share" >"$folder_config"
@@ -186,6 +199,20 @@ searches() {
       zarnsearch doc "$share" "$doc_id" ZARNMDPath ZARNMDFSSize ZARNMDIsDir \
       ZARNMDFSContentChangeDate ZARNMDOwnerUserID ZARNMDTitle ZARNMDColour
   fi
+
+  show "Music: songs by their artist" \
+    zarnsearch search "$share" ZARNMDAuthors:varga --size 5
+  show "An album in track order" \
+    zarnsearch search "$share" 'ZARNMDAlbum:"blue train"' --sort ZARNMDAlbum --sort ZARNMDAudioTrackNumber
+  hit=$(zarnsearch search "$share" 'ZARNMDAlbum:"blue train"' --sort ZARNMDAudioTrackNumber --size 1 --json | sed -n 2p)
+  doc_id=$(printf '%s' "$hit" | sed -n 's/.*"doc_id":\([0-9]*\).*/\1/p')
+  if [ -n "$doc_id" ]; then
+    show "Its first track's fields, typed" \
+      zarnsearch doc "$share" "$doc_id" ZARNMDTitle ZARNMDAuthors ZARNMDAudioTrackNumber ZARNMDRecordingYear \
+      ZARNMDDurationSecond ZARNMDAudioSampleRate ZARNMDCodecs ZARNMDMediaTypes
+  fi
+  show "Songs between 2.5 and 5 seconds long, the longest first" \
+    zarnsearch search "$share" 'ZARNMDDurationSecond:2.5..5' --sort ZARNMDDurationSecond:desc
 
   show "Where the share's index lives" zarnsearch where "$share"
   show "Is the share indexed?" zarnsearch indexed share "$share"
@@ -298,7 +325,7 @@ log=$build/demo-build.log
 echo "== Building zarnelasticd and zarnsearch in $build (log: $log)"
 mkdir -p "$build"
 if ! { cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo &&
-  cmake --build "$build" -j "$(nproc 2>/dev/null || echo 2)" --target zarnelasticd zarnsearch; } \
+  cmake --build "$build" -j "$(nproc 2>/dev/null || echo 2)" --target zarnelasticd zarnsearch zarnelasticd_documents; } \
   >"$log" 2>&1; then
   tail -n 30 "$log" >&2
   echo "the build failed; the whole log is in $log" >&2

@@ -8,7 +8,7 @@ set -eu
 cd "$(dirname "$0")/.."
 seconds=${1:-30}
 [ $# -gt 0 ] && shift
-fuzzers=${*:-"packet_read hit_and_rewrite reply_stream document_reply folder_checks daemon_request extract_wire extract_documents"}
+fuzzers=${*:-"packet_read hit_and_rewrite reply_stream document_reply folder_checks daemon_request extract_wire extract_documents extract_media"}
 jobs=$(nproc 2>/dev/null || echo 2)
 sh scripts/setup.sh
 

@@ -1,7 +1,8 @@
 #!/bin/sh
 # Documents beside recollindex, in the same run, inside a private namespace:
-#  - per kind (pdf docx xlsx pptx odt ods odp epub html): N documents made
-#    by their libraries (zarnelasticd_documents), indexed by
+#  - per kind (pdf docx xlsx pptx odt ods odp epub html, and song, video and
+#    photo, each cycling through its formats): N documents made by their
+#    libraries (zarnelasticd_documents, zarnelasticd_media), indexed by
 #    `zarnelasticd index` and by `recollindex` (its default helpers), files/s
 #    of each and how many of the documents' own words each finds;
 #  - the documents together, and with a generated text tree of T entries
@@ -9,16 +10,17 @@
 #  - extraction's share of the time: the same runs with --extract-workers 0
 #    (names and metadata only);
 #  - the text tree alone, with and without extraction workers.
-#   sh daemon/bench/documents.sh BUILD_DIR [N] [--text T]
+#   sh daemon/bench/documents.sh BUILD_DIR [N] [--text T] [--kinds "KIND ..."]
 set -eu
-usage() { echo "usage: sh daemon/bench/documents.sh BUILD_DIR [N] [--text T]" >&2; exit 2; }
+usage() { echo "usage: sh daemon/bench/documents.sh BUILD_DIR [N] [--text T] [--kinds \"KIND ...\"]" >&2; exit 2; }
 [ $# -ge 1 ] || usage
 build=$(cd "$1" && pwd)
 shift
-per_kind=200 text=20000
+per_kind=200 text=20000 kinds="pdf docx xlsx pptx odt ods odp epub html song video photo"
 while [ $# -gt 0 ]; do
   case $1 in
     --text) [ $# -ge 2 ] || usage; text=$2; shift 2 ;;
+    --kinds) [ $# -ge 2 ] || usage; kinds=$2; shift 2 ;;
     [0-9]*) per_kind=$1; shift ;;
     *) usage ;;
   esac
@@ -27,9 +29,8 @@ command -v recollindex >/dev/null || { echo "recollindex is missing: sh scripts/
 here=$(cd "$(dirname "$0")" && pwd)
 exec sh "$here/../../tests/support/sandbox.sh" sh ${ZARN_BENCH_TRACE:+-x} -c '
   set -eu
-  build=$1 per_kind=$2 text=$3
+  build=$1 per_kind=$2 text=$3 kinds=$4
   work=$(mktemp -d /var/documents.XXXXXX)
-  kinds="pdf docx xlsx pptx odt ods odp epub html"
   export ZARN_SHARE_TABLE="$work/shares"
   : > "$ZARN_SHARE_TABLE"
   folders=""
@@ -39,7 +40,11 @@ exec sh "$here/../../tests/support/sandbox.sh" sh ${ZARN_BENCH_TRACE:+-x} -c '
     echo "[$folders]" > /var/packages/Norvex/etc/fileindex.folders
   }
   for kind in $kinds; do
-    "$build/daemon/zarnelasticd_documents" "$work/$kind" "$per_kind" "$kind" > "$work/$kind.words"
+    case $kind in
+      song|video|photo) make=zarnelasticd_media ;;
+      *) make=zarnelasticd_documents ;;
+    esac
+    "$build/daemon/$make" "$work/$kind" "$per_kind" "$kind" > "$work/$kind.words"
     add_share "$kind" "$work/$kind"
   done
   mkdir "$work/mixed"
@@ -60,7 +65,8 @@ exec sh "$here/../../tests/support/sandbox.sh" sh ${ZARN_BENCH_TRACE:+-x} -c '
   theirs() {  # theirs SHARE: seconds of recollindex on a new configuration
     rm -rf "$work/recoll-$1"; mkdir "$work/recoll-$1"
     printf "topdirs = %s\nloglevel = 1\nskippedNames+ = @eaDir\n" "$work/$1" > "$work/recoll-$1/recoll.conf"
-    t0=$(now); recollindex -c "$work/recoll-$1" > "$work/recoll-$1.log" 2>&1 || true; t1=$(now)
+    # Its helpers are the Debian ones: they need the Debian python3 and modules.
+    t0=$(now); PATH=/usr/bin:$PATH recollindex -c "$work/recoll-$1" > "$work/recoll-$1.log" 2>&1 || true; t1=$(now)
     seconds "$t0" "$t1"
   }
   count() {  # count SHARE FILES: files, entries in the share
@@ -94,4 +100,4 @@ exec sh "$here/../../tests/support/sandbox.sh" sh ${ZARN_BENCH_TRACE:+-x} -c '
       "BEGIN { split(f, p, \" \"); printf \"%-7s %6d %10.0f %10.0f %10.2f %7.0f%% %12.1f %10s %10s\n\", s, n, n / o, n / r, r / o, (o > off ? 100 * (o - off) / o : 0), kb / n, p[1], p[2] }"
   done
   rm -rf "$work"
-' bench "$build" "$per_kind" "$text"
+' bench "$build" "$per_kind" "$text" "$kinds"

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_words.h"
 #include "documents.h"
 
 namespace {
@@ -35,16 +36,10 @@ std::vector<std::string> Vocabulary() {
     return words;
 }
 
-std::string Letters(unsigned n) {
-    std::string word = "zq";
-    do {
-        word += static_cast<char>('a' + n % 26);
-        n /= 26;
-    } while (n > 0);
-    return word;
-}
 
 }  // namespace
+
+using zarnbench::Letters;
 
 int main(int argc, char **argv) {
     if (argc == 7 && std::string(argv[1]) == "--one") {

@@ -3,8 +3,10 @@
 #define ZARND_TESTS_DAEMON_CLIENT_H
 
 #include <netinet/in.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
@@ -40,6 +42,35 @@ inline int ConnectToDaemon() {
     if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) return fd;
     close(fd);
     return -1;
+}
+
+// Runs `command` (the daemon in the foreground) through the shell and
+// waits until the daemon answers: its pid, or -1 (then stopped) when it does
+// not within 5 s.
+inline pid_t StartDaemon(const std::string &command) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr);
+        _exit(127);
+    }
+    for (int i = 0; i < 500; ++i) {
+        const int fd = ConnectToDaemon();
+        if (fd >= 0) {
+            close(fd);
+            return pid;
+        }
+        usleep(10000);
+    }
+    kill(pid, SIGTERM);
+    waitpid(pid, nullptr, 0);
+    return -1;
+}
+
+inline void StopDaemon(pid_t *pid) {
+    if (*pid <= 0) return;
+    kill(*pid, SIGTERM);
+    waitpid(*pid, nullptr, 0);
+    *pid = -1;
 }
 
 // Every reply packet of one request sent as the packet `text_sent`.

@@ -1,5 +1,8 @@
 #include "xapian_document.h"
 
+#include <cmath>
+#include <cstring>
+
 #include "schema.h"
 #include "utf8.h"
 #include "varint.h"
@@ -11,6 +14,8 @@ namespace zarnd {
 namespace xap {
 
 namespace {
+
+constexpr unsigned char kDoubleTag = 0x40;
 
 void AddSlots(const FieldLayout &layout, const std::string &text, Xapian::Document *doc) {
     if (layout.slot != Xapian::BAD_VALUENO) doc->add_value(layout.slot, text);
@@ -33,7 +38,7 @@ void AddText(const std::string &text, Xapian::Document *doc, Xapian::TermGenerat
 // The sort slots of a field's value; true for a text, whose terms come next.
 bool AddSortSlots(const FieldLayout &layout, const Json::Value &value, Xapian::Document *doc) {
     if (layout.numeric) {
-        if (value.isIntegral()) doc->add_value(layout.slot, Xapian::sortable_serialise(value.asDouble()));
+        if (value.isNumeric()) doc->add_value(layout.slot, Xapian::sortable_serialise(value.asDouble()));
         return false;
     }
     if (!value.isString()) return false;
@@ -75,9 +80,10 @@ void AddRestrictions(const std::string &access, Xapian::Document *doc) {
 
 }  // namespace
 
-// Compact fields: for each stored field, in layout order, its index
-// (with the top bit set for an integer) and its value, a zigzag varint or a
-// varint length and the bytes.  Hits decode it without a JSON parse.
+// Compact fields: for each stored field, in layout order, its index (with
+// the top bit set for an integer, the next for a double) and its value, a
+// zigzag varint, 8 bytes of the double's bits (least significant first) or
+// a varint length and the bytes.  Hits decode it without a JSON parse.
 std::string EncodeData(const Json::Value &fields) {
     std::string data;
     size_t count = 0;
@@ -88,6 +94,12 @@ std::string EncodeData(const Json::Value &fields) {
             const int64_t n = value.asInt64();
             data.push_back(static_cast<char>(0x80 | i));
             PutVarint(&data, (static_cast<uint64_t>(n) << 1) ^ static_cast<uint64_t>(n >> 63));
+        } else if (value.isDouble()) {
+            const double real = value.asDouble();
+            uint64_t bits = 0;
+            std::memcpy(&bits, &real, sizeof bits);
+            data.push_back(static_cast<char>(kDoubleTag | i));
+            for (int shift = 0; shift < 64; shift += 8) data.push_back(static_cast<char>(bits >> shift));
         } else if (value.isString() && layouts[i].field != std::string(field::kTextContent)) {
             const std::string text = value.asString();
             data.push_back(static_cast<char>(i));
@@ -105,8 +117,19 @@ bool DecodeData(const std::string &data, Json::Value *fields) {
     for (size_t at = 0; at < data.size();) {
         const unsigned char tag = static_cast<unsigned char>(data[at++]);
         uint64_t number = 0;
-        if ((tag & 0x7f) >= count || !GetVarint(data, &at, &number)) return false;
-        Json::Value &value = (*fields)[layouts[tag & 0x7f].field];
+        if ((tag & 0x3f) >= count) return false;
+        Json::Value &value = (*fields)[layouts[tag & 0x3f].field];
+        if (tag & kDoubleTag) {
+            if ((tag & 0x80) || data.size() - at < 8) return false;
+            for (int shift = 0; shift < 64; shift += 8)
+                number |= uint64_t{static_cast<unsigned char>(data[at++])} << shift;
+            double real = 0;
+            std::memcpy(&real, &number, sizeof real);
+            if (!std::isfinite(real)) return false;  // JSON cannot carry it
+            value = real;
+            continue;
+        }
+        if (!GetVarint(data, &at, &number)) return false;
         if (tag & 0x80) {
             value = Json::Int64(static_cast<int64_t>(number >> 1) ^ -static_cast<int64_t>(number & 1));
         } else {

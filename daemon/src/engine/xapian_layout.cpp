@@ -39,7 +39,33 @@ const FieldLayout kLayouts[] = {
     {field::kContentCreationDate, 26, kNoSlot, TermKind::kNone, "", true},
     {field::kContentModificationDate, 27, kNoSlot, TermKind::kNone, "", true},
     {field::kIsEncrypted, 28, 48, TermKind::kExact, "XY", false},
+    // Read from photos, music and video.  What people look for music by is
+    // found by bare words too; "f/2.8", "1/250" and ratings as one term.
+    {field::kAcquisitionMake, 50, 70, TermKind::kFreeText, "XMA", false},
+    {field::kAcquisitionModel, 51, 71, TermKind::kFreeText, "XMM", false},
+    {field::kAperture, 52, 72, TermKind::kExact, "XMR", false},
+    {field::kExposureTimeString, 53, 73, TermKind::kExact, "XMX", false},
+    {field::kStarRating, 54, 74, TermKind::kExact, "XMS", false},
+    {field::kAlbum, 55, 75, TermKind::kFreeText, "XMB", false, true},
+    {field::kComposer, 56, 76, TermKind::kFreeText, "XMC", false, true},
+    {field::kMusicalGenre, 57, 77, TermKind::kFreeText, "XMG", false, true},
+    {field::kComment, kNoSlot, kNoSlot, TermKind::kFreeText, "XMO", false, true},
+    {field::kMediaTypes, 58, 78, TermKind::kFreeText, "XMT", false},
+    {field::kCodecs, 59, 79, TermKind::kFreeText, "XMK", false},
+    {field::kISOSpeed, 60, kNoSlot, TermKind::kNone, "", true},
+    {field::kResolutionWidthDPI, 61, kNoSlot, TermKind::kNone, "", true},
+    {field::kResolutionHeightDPI, 62, kNoSlot, TermKind::kNone, "", true},
+    {field::kAudioTrackNumber, 63, kNoSlot, TermKind::kNone, "", true},
+    {field::kRecordingYear, 64, kNoSlot, TermKind::kNone, "", true},
+    {field::kDurationSecond, 65, kNoSlot, TermKind::kNone, "", true},
+    {field::kAudioBitRate, 66, kNoSlot, TermKind::kNone, "", true},
+    {field::kVideoBitRate, 67, kNoSlot, TermKind::kNone, "", true},
+    {field::kTotalBitRate, 68, kNoSlot, TermKind::kNone, "", true},
+    {field::kAudioSampleRate, 69, kNoSlot, TermKind::kNone, "", true},
+    {field::kAudioChannelCount, 80, kNoSlot, TermKind::kNone, "", true},
 };
+// A document's data tags each field by its index below 64 (xapian_document.cpp).
+static_assert(sizeof kLayouts / sizeof kLayouts[0] <= 64, "too many fields for the data's tags");
 
 // Xapian refuses terms above 245 bytes.
 constexpr size_t kMaxTermBytes = 240;

@@ -55,7 +55,7 @@ struct FieldLayout {
     Xapian::valueno natural_slot;  // the natural-order key; BAD_VALUENO for numbers
     TermKind terms;
     const char *prefix;  // "" for the text content: the default field
-    bool numeric;        // slot holds Xapian::sortable_serialise of the integer
+    bool numeric;        // slot holds Xapian::sortable_serialise of the number
     bool bare = false;   // its words are also found without the field's name
 };
 

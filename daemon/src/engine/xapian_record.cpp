@@ -19,9 +19,11 @@ constexpr char kParentIsFolder = 2;
 std::string LastPart(const std::string &path) { return path.substr(path.rfind('/') + 1); }
 std::string Folder(const std::string &path) { return path.substr(0, path.rfind('/')); }
 
-// Whether `field` is carried: every field kept for sorting, so that a sort
-// on several keys can be finished here (MergeSortedPages).
-bool Carried(const FieldLayout &layout) { return layout.slot != Xapian::BAD_VALUENO; }
+// Whether `field` is carried: every field but the text content (kept in
+// chunks of its own), so that a sort on several keys can be finished here
+// (MergeSortedPages) and a document lookup finds fields that sort on
+// nothing (keywords, descriptions, comments) too.
+bool Carried(const FieldLayout &layout) { return layout.field != std::string(field::kTextContent); }
 
 }  // namespace
 

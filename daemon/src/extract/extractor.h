@@ -42,6 +42,7 @@ public:
     void Set(const char *key, const std::string &value);
     void Add(const char *key, const std::string &value);
     void SetInt(const char *key, int64_t value);
+    void SetDouble(const char *key, double value);  // a finite one only
     void SetBool(const char *key, bool value);
     // The reply, its text made valid UTF-8 and cut to the cap.
     Reply Take();

@@ -1,6 +1,7 @@
 // The collecting side of every extractor, and the registry.
 #include <time.h>
 
+#include <cmath>
 #include <cstdio>
 #include <vector>
 
@@ -80,6 +81,11 @@ void Sink::Add(const char *key, const std::string &value) {
 
 void Sink::SetInt(const char *key, int64_t value) {
     if (Field *field = Find(key)) field->number = value;
+}
+
+void Sink::SetDouble(const char *key, double value) {
+    if (!std::isfinite(value)) return;  // JSON cannot carry it
+    if (Field *field = Find(key)) field->real = value;
 }
 
 void Sink::SetBool(const char *key, bool value) {
