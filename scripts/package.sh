@@ -29,7 +29,12 @@ ZARN_DEB_DIR=$out dpkg-buildpackage -b -us -uc \
   { tail -40 "$out/build.log" >&2; exit 1; }
 debian/rules clean >/dev/null 2>&1
 ls -s --block-size=K "$out"/*.deb
-# lintian unpacks what it checks: not as root.
+# lintian unpacks what it checks: not as root, and so from a folder of its
+# own that it may read (the tree may lie in a folder only root enters).
 as_user=
 [ "$(id -u)" != 0 ] || as_user="setpriv --reuid=nobody --regid=nogroup --clear-groups env HOME=/tmp"
-$as_user lintian --fail-on error,warning --display-level '>=pedantic' "$changes"
+check=$(mktemp -d)
+trap 'rm -rf "$check"' EXIT
+cp "$out"/*.deb "$out"/*.buildinfo "$changes" "$check"/
+chmod -R a+rX "$check"
+(cd "$check" && $as_user lintian --fail-on error,warning --display-level '>=pedantic' "$check/${changes##*/}")
