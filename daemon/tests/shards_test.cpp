@@ -147,9 +147,12 @@ protected:
         servers_[k][copy] = -1;
     }
 
-    // Waits for the line that the daemon logs once its socket takes connections.
-    void StartDaemon() {
-        daemon_ = Spawn(ZARNELASTICD " --foreground --shard-timeout 1 2>>/var/daemon.log");
+    // Waits for the line that the daemon logs once its socket takes
+    // connections.  The time-out is short only where failing over is the
+    // point: elsewhere a loaded machine must not turn a slow shard into a 503.
+    void StartDaemon(int shard_timeout_s = 30) {
+        daemon_ = Spawn(ZARNELASTICD " --foreground --shard-timeout " + std::to_string(shard_timeout_s) +
+                        " 2>>/var/daemon.log");
         for (int status = 0; Shell("grep -q 'listening on' /var/daemon.log").status != 0; usleep(10000)) {
             if (waitpid(daemon_, &status, WNOHANG) == daemon_) {
                 daemon_ = -1;
@@ -319,7 +322,7 @@ double P99(std::vector<double> seconds) {
 }
 
 TEST_F(ShardedIndex, ACopyServesWhileAnotherIsDownOrStuckAndA503NamesAShardWithNone) {
-    StartDaemon();
+    StartDaemon(1);
     double seconds = 0;
     const Replies expected = TimedSearch(&seconds);
     ASSERT_EQ(7u, expected.size());  // header, 5 hits, end
