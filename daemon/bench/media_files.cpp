@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <sstream>
 
 #include <exiv2/exiv2.hpp>
@@ -75,7 +76,7 @@ bool TagSong(const std::string &path, const SongTags &tags) {
 
 bool TagPhoto(const std::string &path, const PhotoTags &tags) {
     try {
-        Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(path);
+        const std::unique_ptr<Exiv2::Image> image(Exiv2::ImageFactory::open(path).release());
         image->readMetadata();
         Exiv2::ExifData &exif = image->exifData();
         Exiv2::XmpData &xmp = image->xmpData();

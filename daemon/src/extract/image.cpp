@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdio>
 #include <initializer_list>
+#include <memory>
 
 #include <exiv2/exiv2.hpp>
 
@@ -176,10 +177,12 @@ void SetRating(const Metadata &meta, Sink *sink) {
 }
 
 void Extract(const Input &input, Sink *sink) {
-    Exiv2::Image::AutoPtr image;
+    // exiv2 0.27 hands the image over in a std::auto_ptr: take it at once.
+    std::unique_ptr<Exiv2::Image> image;
     try {
-        image = Exiv2::ImageFactory::open(reinterpret_cast<const Exiv2::byte *>(input.data),
-                                          static_cast<long>(input.size));
+        image.reset(Exiv2::ImageFactory::open(reinterpret_cast<const Exiv2::byte *>(input.data),
+                                              static_cast<long>(input.size))
+                        .release());
         if (image.get() == nullptr) throw ExtractError("not an image that exiv2 reads");
         image->readMetadata();
     } catch (const Exiv2::AnyError &error) {
