@@ -184,6 +184,9 @@ void Extract(const Input &input, Sink *sink) {
                                               static_cast<long>(input.size))
                         .release());
         if (image.get() == nullptr) throw ExtractError("not an image that exiv2 reads");
+        // exiv2 also reads some video containers, and its readers of them
+        // can loop on a crafted file: photos only (videos go to libavformat).
+        if (image->mimeType().compare(0, 6, "image/") != 0) throw ExtractError("not a photo that exiv2 reads");
         image->readMetadata();
     } catch (const Exiv2::AnyError &error) {
         throw ExtractError(std::string("image metadata: ") + error.what());
