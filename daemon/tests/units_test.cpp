@@ -30,6 +30,7 @@
 #include "xapian_query.h"
 #include "xapian_record.h"
 #include "xapian_shards.h"
+#include "xapian_terms.h"
 
 namespace zarnd {
 namespace {
@@ -133,6 +134,39 @@ TEST(DaemonUnits, WordFormsAndTheQueryTheParserGets) {
     EXPECT_EQ((std::vector<std::string>{"ete", "teamoffsite", "team", "offsite", "budg"}), weighed.words);
     EXPECT_TRUE(weighed.typing);
     EXPECT_FALSE(RewriteQuery("budg ", fields).typing);
+}
+
+// The stems added once per word weigh what the engine's generator gives
+// when it stems word by word: the same terms, the same wdf, in every kind of
+// field, and none for digits or the fields kept as exact terms.
+TEST(DaemonUnits, StemsAddedOncePerWordAreTheEnginesOwn) {
+    const std::pair<const char *, const char *> texts[] = {
+        {"", "Licenses licensed LICENSE the license's 2023 3rd x"}, {"XN", "AnnualBudget2023 budgets Budgeting"},
+        {"XMA", "Cameras camera"}, {"", "日本語のテキスト running runs"}, {"XT", "naïve Señor señores"},
+        {"XD", "running"},  // an exact term's field: no stem
+    };
+    Xapian::Stem stemmer("english");
+    for (const auto &c : texts) {
+        Xapian::TermGenerator engine, ours;
+        Xapian::Document expected, got;
+        for (Xapian::TermGenerator *generator : {&engine, &ours}) generator->set_flags(xap::kTermFlags);
+        engine.set_stemmer(stemmer);
+        engine.set_document(expected);
+        ours.set_document(got);
+        engine.index_text(c.second, 1, c.first);
+        ours.index_text(c.second, 1, c.first);
+        xap::AddStems(stemmer, &got);
+        if (std::string(c.first) == "XD") {  // the engine stems whatever it is given
+            expected = Xapian::Document();
+            engine.set_stemming_strategy(Xapian::TermGenerator::STEM_NONE);
+            engine.set_document(expected);
+            engine.index_text(c.second, 1, c.first);
+        }
+        std::vector<std::pair<std::string, Xapian::termcount>> want, have;
+        for (Xapian::TermIterator t = expected.termlist_begin(); t != expected.termlist_end(); ++t) want.emplace_back(*t, t.get_wdf());
+        for (Xapian::TermIterator t = got.termlist_begin(); t != got.termlist_end(); ++t) have.emplace_back(*t, t.get_wdf());
+        EXPECT_EQ(want, have) << c.second;
+    }
 }
 
 // Queries with a syntax error that the engine's own CJK n-gram parsing

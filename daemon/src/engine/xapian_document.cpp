@@ -143,8 +143,8 @@ bool DecodeData(const std::string &data, Json::Value *fields) {
 
 std::string IdTerm(const std::string &path) { return BoundedTerm(kIdPrefix, path); }
 
-Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *generator, ChunkPacker *packer,
-                               std::vector<std::string> *text_chunks) {
+Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *generator, const Xapian::Stem &stemmer,
+                               ChunkPacker *packer, std::vector<std::string> *text_chunks) {
     Xapian::Document doc;
     generator->set_document(doc);
     text_chunks->clear();
@@ -158,6 +158,7 @@ Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *
             AddField(layouts[i], value, &doc, generator);
         }
     }
+    AddStems(stemmer, &doc);
     doc.add_boolean_term(IdTerm(record.path));
     AddRestrictions(record.access, &doc);
     doc.add_value(kAccessSlot, record.access);

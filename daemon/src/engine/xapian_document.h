@@ -22,8 +22,8 @@ constexpr unsigned kTermFlags = Xapian::TermGenerator::FLAG_CJK_NGRAM;
 
 // The document of `record`; *text_chunks receives its text content, packed,
 // chunk by chunk, for the writer to store under TextChunkKey.
-Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *generator, ChunkPacker *packer,
-                               std::vector<std::string> *text_chunks);
+Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *generator, const Xapian::Stem &stemmer,
+                               ChunkPacker *packer, std::vector<std::string> *text_chunks);
 
 // A document holding nothing but the sort slots of `fields`, as
 // BuildDocument fills them: what a key maker sorts by.

@@ -2,10 +2,14 @@
 
 #include <map>
 #include <mutex>
+#include <set>
+#include <utility>
+#include <vector>
 
 #include "engine.h"
 #include "log.h"
 #include "word_forms.h"
+#include "xapian_layout.h"
 
 namespace zarnd {
 
@@ -13,6 +17,27 @@ namespace {
 
 std::mutex languages_mutex;
 std::map<std::string, std::string> languages;  // index directory -> language
+
+// The prefixes of the fields whose words are stemmed: "" and those of free
+// text.  Words are lower case, so a term's prefix is its leading capitals.
+bool StemmedPrefix(const std::string &prefix) {
+    static const std::set<std::string> stemmed = [] {
+        std::set<std::string> prefixes;
+        size_t count = 0;
+        const xap::FieldLayout *layouts = xap::FieldLayouts(&count);
+        for (size_t i = 0; i < count; ++i)
+            if (layouts[i].terms == xap::TermKind::kFreeText) prefixes.insert(layouts[i].prefix);
+        return prefixes;
+    }();
+    return stemmed.count(prefix) != 0;
+}
+
+// What the engine stems: words that begin with a letter, not a digit.
+bool BeginsWithLetter(const std::string &word) {
+    constexpr unsigned kLetters = (1u << Xapian::Unicode::LOWERCASE_LETTER) | (1u << Xapian::Unicode::TITLECASE_LETTER) |
+                                  (1u << Xapian::Unicode::MODIFIER_LETTER) | (1u << Xapian::Unicode::OTHER_LETTER);
+    return (kLetters >> Xapian::Unicode::get_category(*Xapian::Utf8Iterator(word))) & 1;
+}
 
 }  // namespace
 
@@ -66,6 +91,22 @@ void IndexNameWords(Xapian::TermGenerator *generator, const std::string &name, c
     if (parts.empty()) return;
     generator->increase_termpos();  // no phrase across the two spellings
     generator->index_text(parts, 1, prefix);
+}
+
+void AddStems(const Xapian::Stem &stemmer, Xapian::Document *doc) {
+    if (stemmer.is_none()) return;
+    std::vector<std::pair<std::string, Xapian::termcount>> stems;
+    for (Xapian::TermIterator t = doc->termlist_begin(); t != doc->termlist_end(); ++t) {
+        const std::string term = *t;
+        size_t length = 0;
+        while (length < term.size() && term[length] >= 'A' && term[length] <= 'Z') ++length;
+        if (length == term.size()) continue;
+        const std::string prefix = term.substr(0, length), word = term.substr(length);
+        if (!StemmedPrefix(prefix) || !BeginsWithLetter(word)) continue;
+        const std::string stem = stemmer(word);
+        if (!stem.empty()) stems.emplace_back("Z" + prefix + stem, t.get_wdf());
+    }
+    for (const auto &stem : stems) doc->add_term(stem.first, stem.second);
 }
 
 }  // namespace xap

@@ -37,6 +37,12 @@ void IndexWords(Xapian::TermGenerator *generator, const std::string &text, const
 // "annualbudget2023" as before and by "budget" too.
 void IndexNameWords(Xapian::TermGenerator *generator, const std::string &name, const std::string &prefix);
 
+// Adds the stem of each word of free text in `doc` once: "Z", the field's
+// prefix and the stem, weighing what all the words with that stem weigh.
+// The engine's generator, left to stem, adds the same terms word by word,
+// which cost the indexer a third of its time.
+void AddStems(const Xapian::Stem &stemmer, Xapian::Document *doc);
+
 }  // namespace xap
 }  // namespace zarnd
 

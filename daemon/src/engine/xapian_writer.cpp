@@ -56,9 +56,7 @@ DatabaseWriter::DatabaseWriter(Xapian::WritableDatabase db, const std::string &n
         // Words are stemmed in the language the index was begun in.
         std::string language = db_.get_metadata(kLanguageKey);
         if (language.empty()) db_.set_metadata(kLanguageKey, language = ConfiguredLanguage(name_));
-        Xapian::Stem stemmer;
-        StemmerFor(language, &stemmer);
-        generator_.set_stemmer(stemmer);
+        StemmerFor(language, &stemmer_);
     });
     writing_ = std::thread([this] { Write(); });
 }
@@ -131,7 +129,7 @@ void DatabaseWriter::Finish() {
 DatabaseWriter::Change DatabaseWriter::MakeChange(Change::Kind kind, const FileRecord &record) {
     Change change{kind, IdTerm(record.path), record.path, {}, {}, 0};
     Guard([&] {
-        change.doc = BuildDocument(record, &generator_, &packer_, &change.chunks);
+        change.doc = BuildDocument(record, &generator_, stemmer_, &packer_, &change.chunks);
         // The generator holds on to its document; the writing thread must
         // own this one alone.
         generator_.set_document(Xapian::Document());

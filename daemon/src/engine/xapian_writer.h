@@ -90,7 +90,8 @@ private:
     Xapian::docid last_id_ = 0;  // the highest id ever given, as the writing thread counts
     uint64_t changes_ = 0;
     uint64_t uncommitted_bytes_ = 0;  // of the changes since the last commit; the writing thread's
-    Xapian::TermGenerator generator_;
+    Xapian::TermGenerator generator_;  // words as written; stems come after, once per word
+    Xapian::Stem stemmer_;
     ChunkPacker packer_;
 
     std::mutex mutex_;
