@@ -4,6 +4,7 @@
 #include <map>
 
 #include "failure.h"
+#include "schema.h"
 #include "xapian_document.h"
 #include "xapian_layout.h"
 #include "xapian_query.h"
@@ -52,6 +53,25 @@ Xapian::Query WithValue(const Xapian::Query &query, Xapian::valueno slot, const 
     return Xapian::Query(Xapian::Query::OP_FILTER, query, Xapian::Query(Xapian::Query::OP_VALUE_RANGE, slot, value, value));
 }
 
+Xapian::valueno PathSlot() {
+    static const Xapian::valueno slot = FindLayout(field::kPath)->slot;
+    return slot;
+}
+
+// The records of documents `ids` of a local `db`, in one pass along the
+// slot's values rather than a look-up each.
+std::map<Xapian::docid, std::string> LocalRecords(const Xapian::Database &db, std::vector<Xapian::docid> ids) {
+    std::sort(ids.begin(), ids.end());
+    std::map<Xapian::docid, std::string> found;
+    Xapian::ValueIterator value = db.valuestream_begin(kRecordSlot);
+    for (Xapian::docid id : ids) {
+        value.skip_to(id);
+        if (value == db.valuestream_end(kRecordSlot)) break;
+        if (value.get_docid() == id) found[id] = *value;
+    }
+    return found;
+}
+
 }  // namespace
 
 Page::Page(const Xapian::Database &db, size_t shards, bool remote, const SearchPlan &plan, bool records)
@@ -66,9 +86,10 @@ Page::Page(const Xapian::Database &db, size_t shards, bool remote, const SearchP
     // The network protocol carries no sort function, only a slot.
     const bool merge = remote && plan.sort.size() > 1;
     SetSortOrder(merge ? std::vector<SortKey>(1, plan.sort[0]) : plan.sort, &enquire_, &maker_);
-    // Ties in relevance go by the record's copy, which each hit's sort key
-    // then carries.
-    if (plan.sort.empty()) enquire_.set_sort_by_relevance_then_value(kRecordSlot, false);
+    // Ties in relevance go by path.  Over the network each hit's sort key
+    // carries its record, which begins with the path; a local match reads
+    // the short path instead, and then only the page's records.
+    if (plan.sort.empty()) enquire_.set_sort_by_relevance_then_value(remote ? kRecordSlot : PathSlot(), false);
     // Checking every document makes the count exact, not an estimate.  (No
     // match time limit: Xapian 1.4.22's timer may write into a match that
     // has returned.)
@@ -82,10 +103,10 @@ Page::Page(const Xapian::Database &db, size_t shards, bool remote, const SearchP
         return;
     }
     for (Xapian::MSetIterator it = mset.begin(); it != mset.end(); ++it)
-        hits.push_back({*it, plan.sort.empty() ? it.get_sort_key() : std::string()});
-    if (!records || !remote || plan.sort.empty()) return;
+        hits.push_back({*it, plan.sort.empty() && remote ? it.get_sort_key() : std::string()});
+    if (!records || (remote && plan.sort.empty())) return;
     std::vector<Xapian::docid> ids(mset.begin(), mset.end());
-    std::map<Xapian::docid, std::string> found = RecordsOf(db, shards, ids);
+    std::map<Xapian::docid, std::string> found = remote ? RecordsOf(db, shards, ids) : LocalRecords(db, std::move(ids));
     for (PageHit &hit : hits) hit.record = std::move(found[hit.id]);
 }
 
