@@ -9,7 +9,10 @@
 #include <chrono>
 #include <cstdio>
 
+#include <magic.h>
+
 #include "daemon_client.h"
+#include "extract/signature.h"
 #include "harness.h"
 #include "media_files.h"
 #include "zarncontentsearchutils.h"
@@ -209,6 +212,28 @@ TEST_F(Media, HostileFilesCostTheirOwnContentOnly) {
     EXPECT_EQ(Names({"words.mp3"}), Paths("walrus"));
     EXPECT_EQ(Names({"huge_frame.mp3"}), Paths("ZARNMDCodecs:mp3 ZARNMDDurationSecond:0.5..1.5"));
     EXPECT_EQ(Names(), Paths("ZARNMDMediaTypes:video"));
+}
+
+// Where a file's name and first bytes agree, the worker names its kind
+// without libmagic: as libmagic names it, and never for bytes that belong
+// to another kind than the name says.
+TEST_F(Media, KindsNamedWithoutLibmagicAreLibmagicsOwn) {
+    const magic_t magic = magic_open(MAGIC_MIME_TYPE | MAGIC_NO_CHECK_COMPRESS | MAGIC_NO_CHECK_ELF);
+    ASSERT_TRUE(magic != nullptr && magic_load(magic, nullptr) == 0);
+    size_t named = 0;
+    for (const auto *kinds : {&zarnbench::kSongKinds, &zarnbench::kVideoKinds, &zarnbench::kPhotoKinds}) {
+        for (const std::string &kind : *kinds) {
+            const std::string bytes = Shell("cat " + Base(kind)).out;
+            const std::string agreed = zarnd::extract::AgreedKind(kind, bytes.data(), bytes.size());
+            if (!agreed.empty()) {
+                EXPECT_EQ(magic_buffer(magic, bytes.data(), bytes.size()), agreed) << kind;
+            }
+            named += !agreed.empty();
+            EXPECT_EQ("", zarnd::extract::AgreedKind(kind == "mp3" ? "flac" : "mp3", bytes.data(), bytes.size())) << kind;
+        }
+    }
+    EXPECT_EQ(12u, named);  // all but Matroska, WebM and TIFF, which libmagic tells apart further in
+    magic_close(magic);
 }
 
 }  // namespace

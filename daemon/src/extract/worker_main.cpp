@@ -28,6 +28,7 @@
 #include "extract/markup.h"
 #include "extract/run.h"
 #include "extract/sandbox.h"
+#include "extract/signature.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 // The leak check at exit stops the process's threads through ptrace, which
@@ -121,7 +122,8 @@ Reply ExtractFile(int fd, const Request &request, magic_t magic) {
     void *map = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
     if (map == MAP_FAILED) return Failed(std::string("cannot map the file: ") + std::strerror(errno));
     Input input{static_cast<const char *>(map), size, std::string(), Lower(request.extension)};
-    input.kind = KindOf(magic_buffer(magic, map, std::min(size, kSniffBytes)), input.extension);
+    input.kind = AgreedKind(input.extension, input.data, size);
+    if (input.kind.empty()) input.kind = KindOf(magic_buffer(magic, map, std::min(size, kSniffBytes)), input.extension);
     Reply reply = RunExtractor(input);
     munmap(map, size);
     return reply;
