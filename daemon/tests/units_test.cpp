@@ -227,6 +227,9 @@ TEST(DaemonUnits, TextIsRepairedCutBetweenCharactersOrRefused) {
         {euro_at_9, 10, true, std::string(9, 'a')},
         {euro_at_9, 12, true, euro_at_9.substr(0, 12)},
         {std::string(40, '\x01') + "abc", 100, false, ""},
+        {std::string(10000, 'a'), 9000, true, std::string(9000, 'a')},  // read past a first block
+        {std::string(6000, 'a'), 100000, true, std::string(6000, 'a')},
+        {std::string(5000, 'a') + '\0' + "b", 100000, false, ""},
         {"", 100, false, ""},
     };
     for (const auto &c : cases) {

@@ -1,9 +1,11 @@
 #include "text_content.h"
 
 #include <errno.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include <zlib.h>
 
@@ -13,16 +15,28 @@ namespace zarnd {
 
 namespace {
 
-// Reads up to `limit` bytes from fd's current position.
+// Reads up to `limit` bytes from fd's current position, a first block and
+// then the rest: a NUL in the first block ends the read there, as no text
+// holds one (LooksLikeText).  The buffer grows with what the file holds,
+// not with the limit: most files are far smaller.
 bool ReadPlain(int fd, size_t limit, std::string *out) {
-    out->resize(limit);
-    size_t got = 0;
-    while (got < limit) {
-        ssize_t n = read(fd, &(*out)[got], limit - got);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return false;
-        if (n == 0) break;
-        got += static_cast<size_t>(n);
+    constexpr size_t kFirstBlock = 4096;
+    struct stat st;
+    const size_t expected = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size >= 0
+                                ? static_cast<size_t>(std::min<uint64_t>(limit, static_cast<uint64_t>(st.st_size)))
+                                : limit;
+    size_t got = 0, goal = std::min(limit, kFirstBlock);
+    for (;;) {
+        out->resize(goal);
+        while (got < goal) {
+            const ssize_t n = read(fd, &(*out)[got], goal - got);
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0) return false;
+            if (n == 0) break;
+            got += static_cast<size_t>(n);
+        }
+        if (got < goal || goal == limit || (goal == kFirstBlock && std::memchr(out->data(), 0, got) != nullptr)) break;
+        goal = std::min(limit, std::max(expected, 2 * goal));  // a file that grew meanwhile: on to the limit
     }
     out->resize(got);
     return true;
