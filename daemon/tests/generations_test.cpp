@@ -133,10 +133,11 @@ struct Point {
     const char *name, *action;
     bool committed, leftover;
 };
-const Point kPoints[] = {{"adding", "kill", false, false},    {"committing", "kill", false, false},
-                         {"compacting", "kill", true, true},  {"compacted", "kill", true, true},
-                         {"swapped", "kill", true, true},     {"committing", "fill", false, false},
-                         {"compacting", "fill", true, false}, {"stub", "fill", true, false}};
+const Point kPoints[] = {{"adding", "kill", false, false},     {"committing", "kill", false, false},
+                         {"compacting", "kill", true, true},   {"compacted", "kill", true, true},
+                         {"swapped", "kill", true, true},      {"adding", "fill", false, false},
+                         {"committing", "fill", false, false}, {"in-commit", "fill", false, false},
+                         {"compacting", "fill", true, false},  {"stub", "fill", true, false}};
 
 // A batch run, then the daemon's live indexing, killed or out of disk at
 // each step of a write.  A killed writer leaves the last commit for

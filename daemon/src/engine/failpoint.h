@@ -13,6 +13,7 @@ namespace zarnd {
 namespace failpoint {
 constexpr char kAdding[] = "adding";          // a document goes into the database
 constexpr char kCommitting[] = "committing";  // a commit begins
+constexpr char kInCommit[] = "in-commit";     // the engine writes it, space checked
 constexpr char kCompacting[] = "compacting";  // the rewrite has written a part
 constexpr char kCompacted[] = "compacted";    // rewritten, the stub not yet swapped
 constexpr char kStub[] = "stub";              // a new stub is about to be written

@@ -211,6 +211,7 @@ void DatabaseWriter::Apply(const Change &change) {
         // What a commit writes: the changes' terms and text, then copies of
         // the blocks it touches.
         RequireSpace(dir_, kCommitMargin + 2 * uncommitted_bytes_, "a commit");
+        FailPoint(failpoint::kInCommit, dir_);
         db_.commit_transaction();
         uncommitted_bytes_ = 0;
         db_.begin_transaction();
