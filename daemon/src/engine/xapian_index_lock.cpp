@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "failure.h"
@@ -20,7 +21,11 @@ constexpr off_t kReadersByte = 1;
 // readers' byte: readers that keep coming cannot starve the writer.
 constexpr off_t kGateByte = 2;
 
-// F_OFD_SETLK(W) on one byte; false when another holds it (no wait) or on error.
+// F_OFD_SETLK on one byte; false when another holds it (no wait) or on
+// error.  A wait tries again after a pause that grows to 2 ms, rather than
+// sleeping in F_OFD_SETLKW: valgrind does not know that call may block and
+// runs no other thread meanwhile, so a search and a writer of one process
+// would wait on each other for good.  Bytes are held for an open's time.
 bool LockByte(int fd, short type, off_t byte, bool wait) {
     struct flock lock;
     std::memset(&lock, 0, sizeof lock);
@@ -28,9 +33,12 @@ bool LockByte(int fd, short type, off_t byte, bool wait) {
     lock.l_whence = SEEK_SET;
     lock.l_start = byte;
     lock.l_len = 1;
-    for (;;) {
-        if (fcntl(fd, wait ? F_OFD_SETLKW : F_OFD_SETLK, &lock) == 0) return true;
-        if (errno != EINTR) return false;
+    for (useconds_t pause = 50;;) {
+        if (fcntl(fd, F_OFD_SETLK, &lock) == 0) return true;
+        if (errno == EINTR) continue;
+        if (!wait || (errno != EAGAIN && errno != EACCES)) return false;
+        usleep(pause);
+        pause = std::min<useconds_t>(2 * pause, 2000);
     }
 }
 
