@@ -84,12 +84,19 @@ void AddRestrictions(const std::string &access, Xapian::Document *doc) {
 // the top bit set for an integer, the next for a double) and its value, a
 // zigzag varint, 8 bytes of the double's bits (least significant first) or
 // a varint length and the bytes.  Hits decode it without a JSON parse.
-std::string EncodeData(const Json::Value &fields) {
+const Json::Value &FieldOf(const Json::Value &fields, const char *name) {
+    static const Json::Value kNull;
+    const Json::Value *value = fields.find(name, name + std::strlen(name));
+    return value != nullptr ? *value : kNull;
+}
+
+std::string EncodeData(const Json::Value &fields, uint64_t omit) {
     std::string data;
     size_t count = 0;
     const FieldLayout *layouts = FieldLayouts(&count);
     for (size_t i = 0; i < count; ++i) {
-        const Json::Value &value = fields[layouts[i].field];
+        if ((omit >> i) & 1) continue;
+        const Json::Value &value = FieldOf(fields, layouts[i].field);
         if (value.isIntegral() && value.isInt64()) {
             const int64_t n = value.asInt64();
             data.push_back(static_cast<char>(0x80 | i));
@@ -100,11 +107,12 @@ std::string EncodeData(const Json::Value &fields) {
             std::memcpy(&bits, &real, sizeof bits);
             data.push_back(static_cast<char>(kDoubleTag | i));
             for (int shift = 0; shift < 64; shift += 8) data.push_back(static_cast<char>(bits >> shift));
-        } else if (value.isString() && layouts[i].field != std::string(field::kTextContent)) {
-            const std::string text = value.asString();
+        } else if (value.isString() && std::strcmp(layouts[i].field, field::kTextContent) != 0) {
+            const char *begin = nullptr, *end = nullptr;
+            value.getString(&begin, &end);
             data.push_back(static_cast<char>(i));
-            PutVarint(&data, text.size());
-            data += text;
+            PutVarint(&data, static_cast<uint64_t>(end - begin));
+            data.append(begin, end);
         }
     }
     return data;
@@ -151,8 +159,8 @@ Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *
     size_t count = 0;
     const FieldLayout *layouts = FieldLayouts(&count);
     for (size_t i = 0; i < count; ++i) {
-        const Json::Value &value = record.fields.get(layouts[i].field, Json::Value());
-        if (layouts[i].field == std::string(field::kTextContent)) {
+        const Json::Value &value = FieldOf(record.fields, layouts[i].field);
+        if (std::strcmp(layouts[i].field, field::kTextContent) == 0) {
             if (value.isString()) AddText(value.asString(), &doc, generator, packer, text_chunks);
         } else {
             AddField(layouts[i], value, &doc, generator);
@@ -172,7 +180,7 @@ Xapian::Document SortValues(const Json::Value &fields) {
     size_t count = 0;
     const FieldLayout *layouts = FieldLayouts(&count);
     for (size_t i = 0; i < count; ++i)
-        if (layouts[i].slot != Xapian::BAD_VALUENO) AddSortSlots(layouts[i], fields.get(layouts[i].field, Json::Value()), &doc);
+        if (layouts[i].slot != Xapian::BAD_VALUENO) AddSortSlots(layouts[i], FieldOf(fields, layouts[i].field), &doc);
     return doc;
 }
 

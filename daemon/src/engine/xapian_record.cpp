@@ -1,6 +1,7 @@
 #include "xapian_record.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "schema.h"
 #include "varint.h"
@@ -30,25 +31,31 @@ bool Carried(const FieldLayout &layout) { return layout.field != std::string(fie
 std::string EncodeRecordValue(const FileRecord &record) {
     std::string value = record.path;
     value.push_back('\0');
-    Json::Value rest(Json::objectValue);
     size_t count = 0;
     const FieldLayout *layouts = FieldLayouts(&count);
-    for (size_t i = 0; i < count; ++i)
-        if (Carried(layouts[i]) && layouts[i].field != std::string(field::kPath) && record.fields.isMember(layouts[i].field))
-            rest[layouts[i].field] = record.fields[layouts[i].field];
+    const std::string last_part = LastPart(record.path), folder = Folder(record.path);
+    uint64_t omit = 0;
     char flags = 0;
-    const auto derive = [&](const char *name, const std::string &derived, char flag) {
-        if (rest[name].isString() && rest[name].asString() == derived) {
-            rest.removeMember(name);
-            flags |= flag;
+    for (size_t i = 0; i < count; ++i) {
+        const char *name = layouts[i].field;
+        if (!Carried(layouts[i]) || std::strcmp(name, field::kPath) == 0) {
+            omit |= uint64_t{1} << i;
+            continue;
         }
-    };
-    derive(field::kFSName, LastPart(record.path), kNameIsLastPart);
-    derive(field::kParent, Folder(record.path), kParentIsFolder);
+        const auto derive = [&](const char *derived_name, const std::string &derived, char flag) {
+            if (std::strcmp(name, derived_name) != 0) return;
+            const Json::Value &field = FieldOf(record.fields, name);
+            if (!field.isString() || field.asString() != derived) return;
+            omit |= uint64_t{1} << i;
+            flags |= flag;
+        };
+        derive(field::kFSName, last_part, kNameIsLastPart);
+        derive(field::kParent, folder, kParentIsFolder);
+    }
     value.push_back(flags);
     PutVarint(&value, record.signature.size());
     value += record.signature;
-    return value + EncodeData(rest);
+    return value + EncodeData(record.fields, omit);
 }
 
 bool DecodeRecordValue(const std::string &value, std::string *path, std::string *signature, Json::Value *fields) {
