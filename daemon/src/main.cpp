@@ -113,7 +113,10 @@ int Index(int argc, char **argv) {
     if (!options.shards.empty() && options.share.empty()) return Usage();
     openlog("zarnelasticd", LOG_PID, LOG_DAEMON);
     zarnd::RaiseDescriptorLimit();
+    // The workers start while the index opens.
+    extraction.early = true;
     zarnd::extract::StartExtraction(extraction);
+    zarnd::extract::ExtractionPool();
     const int status = zarnd::RunIndexer(options);
     zarnd::extract::StopExtraction();
     return status;

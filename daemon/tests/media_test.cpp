@@ -202,6 +202,7 @@ TEST_F(Media, HostileFilesCostTheirOwnContentOnly) {
     WriteFile(Path("truncated.mp4"), mp4.substr(0, mp4.size() / 3));
     WriteFile(Path("cut.mkv"), mkv.substr(0, 300));
     WriteFile(Path("words.mp3"), "a walrus in a song\n");  // text under a media name
+    WriteFile(Path("clip.bin"), mp4);  // a video that its name does not tell
     const Names failing = {"bad_exif.jpg", "cut.mkv", "truncated.mp4"};
     const Result run = Index();
     ASSERT_EQ(0, run.status) << run.err;
@@ -211,7 +212,7 @@ TEST_F(Media, HostileFilesCostTheirOwnContentOnly) {
     Start();
     EXPECT_EQ(Names({"words.mp3"}), Paths("walrus"));
     EXPECT_EQ(Names({"huge_frame.mp3"}), Paths("ZARNMDCodecs:mp3 ZARNMDDurationSecond:0.5..1.5"));
-    EXPECT_EQ(Names(), Paths("ZARNMDMediaTypes:video"));
+    EXPECT_EQ(Names({"clip.bin"}), Paths("ZARNMDMediaTypes:video granite"));
 }
 
 // Where a file's name and first bytes agree, the worker names its kind

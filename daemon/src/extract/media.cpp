@@ -50,6 +50,17 @@ bool LeadingNumber(const std::string &text, int64_t *number) {
     return true;
 }
 
+// The containers of video.cpp's demuxer list.
+bool IsVideoKind(const std::string &kind) {
+    static const char *const kKinds[] = {
+        "video/mp4",       "video/quicktime", "video/3gpp",     "video/3gpp2", "video/x-matroska",
+        "video/webm",      "video/x-msvideo", "video/x-ms-asf", "video/x-ms-wmv", "video/x-flv",
+        "video/mpeg",      "video/mp2t",      "video/ogg",      "application/x-matroska"};
+    for (const char *known : kKinds)
+        if (kind == known) return true;
+    return false;
+}
+
 bool LeadingYear(const std::string &text, int64_t *year) {
     const size_t at = text.find_first_not_of(" \t");
     if (at == std::string::npos || text.size() - at < 4) return false;

@@ -17,6 +17,10 @@ namespace extract {
 // field are left out.
 void SetMediaTag(const std::string &name, const std::string &value, Sink *sink);
 
+// A container that the video extractor reads, by its media type
+// ("video/mp4"), as libmagic names it.
+bool IsVideoKind(const std::string &kind);
+
 // The year that a date tag starts with ("1957", "1957-09-15", "1957/09"),
 // between 1 and 9999.
 bool LeadingYear(const std::string &text, int64_t *year);

@@ -95,40 +95,79 @@ void Pool::Enqueue(Job job) {
 
 void Pool::Run() {
     Worker worker;
+    std::string problem;  // the first file's outcome says it again
+    if (options_.early) Spawn(&worker, &problem);
     for (;;) {
+        // The worker finds its next file waiting when it replies; the pool
+        // waits for work only with none in flight.
         Job job;
-        {
-            std::unique_lock<std::mutex> lock(mutex_);
-            queued_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
-            if (queue_.empty()) break;
-            job = std::move(queue_.front());
-            queue_.pop_front();
-            room_.notify_one();
-        }
-        Outcome outcome = Extract(&worker, job);
-        close(job.fd);
-        job.batch->Finished(job.tag, std::move(outcome));
+        while (worker.sent.size() < kInFlight && Next(&job, worker.sent.empty())) Send(&worker, std::move(job));
+        if (worker.sent.empty()) break;
+        Receive(&worker);
     }
     if (worker.pid > 0) Stop(&worker, false);
 }
 
-Outcome Pool::Extract(Worker *worker, const Job &job) {
+bool Pool::Next(Job *job, bool wait) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (wait) queued_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+    if (queue_.empty()) return false;
+    *job = std::move(queue_.front());
+    queue_.pop_front();
+    room_.notify_one();
+    return true;
+}
+
+void Pool::Finish(const Job &job, Outcome outcome) {
+    close(job.fd);
+    job.batch->Finished(job.tag, std::move(outcome));
+}
+
+void Pool::Send(Worker *worker, Job job) {
     Outcome outcome;
     if (worker->pid <= 0 && !Spawn(worker, &outcome.reason)) {
         outcome.failed = true;
-        return outcome;
+        Finish(job, std::move(outcome));
+        return;
     }
-    const auto deadline = Clock::now() + options_.timeout;
+    if (worker->sent.empty()) worker->started = Clock::now();
+    // A worker that is gone fails its first file in Receive.
+    SendFrame(worker->sock, EncodeRequest(job.request), job.fd);
+    worker->sent.push_back(std::move(job));
+}
+
+// The files sent behind the first go to a new worker.
+void Pool::Resend(Worker *worker) {
+    std::deque<Job> sent;
+    sent.swap(worker->sent);
+    for (Job &job : sent) Send(worker, std::move(job));
+}
+
+void Pool::Receive(Worker *worker) {
+    Outcome outcome;
     std::string payload;
-    Received got = Received::kBroken;
-    if (SendFrame(worker->sock, EncodeRequest(job.request), job.fd)) got = ReceiveFrame(worker->sock, &payload, nullptr, deadline);
+    const Received got = ReceiveFrame(worker->sock, &payload, nullptr, worker->started + options_.timeout);
     if (got == Received::kFrame && DecodeReply(payload, &outcome.reply)) {
+        worker->started = Clock::now();
+        if (outcome.reply.status == Status::kVideo && !worker->video) {
+            // This thread's worker becomes the video worker for good.
+            Stop(worker, true);
+            worker->video = true;
+            Resend(worker);
+            return;
+        }
         outcome.failed = outcome.reply.status == Status::kFailed;
         outcome.reason = outcome.reply.reason;
+        const bool spent = outcome.reply.cpu_ms > kWorkerCpuSeconds * 500ull;
+        Finish(worker->sent.front(), std::move(outcome));
+        worker->sent.pop_front();
         // A worker past half its CPU time gives way before a file finds the
         // limit on its way.
-        if (outcome.reply.cpu_ms > kWorkerCpuSeconds * 500ull) Stop(worker, false);
-        return outcome;
+        if (spent) {
+            Stop(worker, true);
+            Resend(worker);
+        }
+        return;
     }
     outcome.failed = true;
     if (got == Received::kTimeout) {
@@ -140,7 +179,9 @@ Outcome Pool::Extract(Worker *worker, const Job &job) {
     } else {
         outcome.reason = Stop(worker, false);
     }
-    return outcome;
+    Finish(worker->sent.front(), std::move(outcome));
+    worker->sent.pop_front();
+    Resend(worker);
 }
 
 bool Pool::Spawn(Worker *worker, std::string *problem) {
@@ -170,16 +211,17 @@ bool Pool::Spawn(Worker *worker, std::string *problem) {
     posix_spawnattr_setsigdefault(&attributes, &defaults);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     const std::string uid = std::to_string(options_.uid), gid = std::to_string(options_.gid);
-    const char *argv[] = {kWorkerName, "--uid", uid.c_str(), "--gid", gid.c_str(), nullptr};
+    const std::string program = worker->video ? VideoWorkerPath(options_.worker) : options_.worker;
+    const char *argv[] = {program.c_str(), "--uid", uid.c_str(), "--gid", gid.c_str(), nullptr};
     pid_t pid = -1;
-    const int error = posix_spawn(&pid, options_.worker.c_str(), &actions, &attributes, const_cast<char **>(argv),
-                                  environ);
+    const int error =
+        posix_spawn(&pid, program.c_str(), &actions, &attributes, const_cast<char **>(argv), environ);
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
     close(child_end);
     if (error != 0) {
         close(ends[0]);
-        *problem = "cannot start " + options_.worker + ": " + std::strerror(error);
+        *problem = "cannot start " + program + ": " + std::strerror(error);
         return false;
     }
     worker->pid = pid;
@@ -209,6 +251,8 @@ std::string DefaultWorkerPath() {
     return std::string();
 }
 
+std::string VideoWorkerPath(const std::string &worker) { return worker + "-video"; }
+
 Pool *ExtractionPool() {
     std::lock_guard<std::mutex> lock(g_mutex);
     if (!g_pool && g_options) g_pool.reset(new Pool(*g_options));
@@ -223,6 +267,9 @@ bool StartExtraction(PoolOptions options) {
                  options.worker.empty() ? kWorkerName : options.worker.c_str());
         return false;
     }
+    if (!Executable(VideoWorkerPath(options.worker)))
+        ZARN_LOG(LOG_WARNING, "no video worker (%s): videos are indexed without their content",
+                 VideoWorkerPath(options.worker).c_str());
     if (const passwd *nobody = getpwnam("nobody")) {
         options.uid = nobody->pw_uid;
         options.gid = nobody->pw_gid;

@@ -31,6 +31,9 @@ struct PoolOptions {
     std::chrono::milliseconds timeout{30000};  // per file
     uid_t uid = 65534;  // where a worker started by root goes
     gid_t gid = 65534;
+    // Workers start with the pool rather than at their first file: a batch
+    // run, which has files for them at once.
+    bool early = false;
 };
 
 struct Outcome {
@@ -89,11 +92,27 @@ private:
     struct Worker {
         pid_t pid = -1;
         int sock = -1;
+        // The video worker, once a video came: it reads every kind, and
+        // starts slower.
+        bool video = false;
+        // Files sent and not answered, in the order the worker reads them;
+        // the first's time runs from `started`.
+        std::deque<Job> sent;
+        std::chrono::steady_clock::time_point started;
     };
+    // Files sent to a worker ahead of its replies.
+    static constexpr size_t kInFlight = 2;
 
     void Enqueue(Job job);
     void Run();
-    Outcome Extract(Worker *worker, const Job &job);
+    // The queue's next job; false when there is none (after waiting for
+    // one, when `wait`, unless the pool stops).
+    bool Next(Job *job, bool wait);
+    void Send(Worker *worker, Job job);
+    void Resend(Worker *worker);
+    // The reply to the first file sent, or its failure.
+    void Receive(Worker *worker);
+    void Finish(const Job &job, Outcome outcome);
     bool Spawn(Worker *worker, std::string *problem);
     // Ends the worker: kills it when `kill`, and says how it ended.
     std::string Stop(Worker *worker, bool kill);
@@ -110,6 +129,8 @@ private:
 // zarnelasticd-extract beside the running program, or in ../libexec from
 // it (an installed tree); "" when neither exists.
 std::string DefaultWorkerPath();
+// The video worker's program, beside `worker`'s.
+std::string VideoWorkerPath(const std::string &worker);
 
 // The process's pool, set up by main() for the daemon and the indexer and
 // started at its first use;

@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "extract/media.h"
 #include "extract/sandbox.h"
 
 namespace zarnd {
@@ -11,6 +12,8 @@ Reply RunExtractor(const Input &input) {
     Reply reply;
     const Extractor *extractor = FindExtractor(input);
     if (extractor == nullptr) {
+        // A worker built without the video extractor passes videos on.
+        if (IsVideoKind(input.kind)) reply.status = Status::kVideo;
         reply.kind = input.kind;
         return reply;
     }

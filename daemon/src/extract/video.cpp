@@ -79,16 +79,7 @@ struct Demuxer {
     }
 };
 
-// The kinds of the containers above, as libmagic names them.
-bool Accepts(const Input &input) {
-    static const char *const kKinds[] = {
-        "video/mp4",    "video/quicktime", "video/3gpp",  "video/3gpp2", "video/x-matroska", "video/webm",
-        "video/x-msvideo", "video/x-ms-asf", "video/x-ms-wmv", "video/x-flv", "video/mpeg", "video/mp2t",
-        "video/ogg",    "application/x-matroska"};
-    for (const char *kind : kKinds)
-        if (input.kind == kind) return true;
-    return false;
-}
+bool Accepts(const Input &input) { return IsVideoKind(input.kind); }
 
 std::string Error(const char *what, int code) {
     char text[AV_ERROR_MAX_STRING_SIZE] = {};

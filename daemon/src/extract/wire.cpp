@@ -155,7 +155,7 @@ bool DecodeReply(const std::string &payload, Reply *reply) {
     unsigned char tag = 0, version = 0, status = 0;
     uint64_t count = 0;
     if (!in.Byte(&tag) || tag != kReplyTag || !in.Byte(&version) || version != kVersion || !in.Byte(&status) ||
-        status > static_cast<unsigned char>(Status::kFailed) || !in.Number(&reply->cpu_ms) ||
+        status > static_cast<unsigned char>(Status::kVideo) || !in.Number(&reply->cpu_ms) ||
         !in.Text(&reply->reason, kMaxReasonBytes) || !in.Text(&reply->kind, kMaxKindBytes) ||
         !in.Text(&reply->text, kMaxTextBytes) || !in.Number(&count) || count > kMaxFields)
         return false;

@@ -32,6 +32,7 @@ enum class Status : uint8_t {
     kDone = 0,         // text and fields read
     kUnsupported = 1,  // a kind that no extractor reads: nothing to report
     kFailed = 2,       // a damaged or hostile file; `reason` says why
+    kVideo = 3,        // a video, which this worker leaves to the video worker
 };
 
 struct Field {
