@@ -152,7 +152,7 @@ bool DecodeData(const std::string &data, Json::Value *fields) {
 std::string IdTerm(const std::string &path) { return BoundedTerm(kIdPrefix, path); }
 
 Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *generator, const Xapian::Stem &stemmer,
-                               ChunkPacker *packer, std::vector<std::string> *text_chunks) {
+                               ChunkPacker *packer, std::vector<std::string> *text_chunks, bool shard) {
     Xapian::Document doc;
     generator->set_document(doc);
     text_chunks->clear();
@@ -172,6 +172,7 @@ Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *
     doc.add_value(kAccessSlot, record.access);
     // The record's copy holds every field the data would: no data.
     doc.add_value(kRecordSlot, EncodeRecordValue(record));
+    if (shard) doc.add_value(kHitSlot, EncodeHitValue(record));
     return doc;
 }
 

@@ -21,9 +21,10 @@ namespace xap {
 constexpr unsigned kTermFlags = Xapian::TermGenerator::FLAG_CJK_NGRAM;
 
 // The document of `record`; *text_chunks receives its text content, packed,
-// chunk by chunk, for the writer to store under TextChunkKey.
+// chunk by chunk, for the writer to store under TextChunkKey.  A shard's
+// document (`shard`) holds the hit value too.
 Xapian::Document BuildDocument(const FileRecord &record, Xapian::TermGenerator *generator, const Xapian::Stem &stemmer,
-                               ChunkPacker *packer, std::vector<std::string> *text_chunks);
+                               ChunkPacker *packer, std::vector<std::string> *text_chunks, bool shard = false);
 
 // A document holding nothing but the sort slots of `fields`, as
 // BuildDocument fills them: what a key maker sorts by.

@@ -31,9 +31,8 @@ const FieldLayout kLayouts[] = {
     // Read from inside documents; their words are found by bare words too.
     {field::kTitle, 22, 42, TermKind::kFreeText, "XT", false, true},
     {field::kAuthors, 23, 43, TermKind::kFreeText, "XA", false, true},
-    // A slot each, so that records carry them (xapian_record.cpp).
     {field::kKeywords, 29, kNoSlot, TermKind::kFreeText, "XK", false, true},
-    {field::kDescription, 50, kNoSlot, TermKind::kFreeText, "XS", false, true},
+    {field::kDescription, 81, kNoSlot, TermKind::kFreeText, "XS", false, true},
     {field::kCreator, 24, 44, TermKind::kFreeText, "XC", false},
     {field::kIdentifier, 25, 45, TermKind::kFreeText, "XI", false},
     {field::kContentCreationDate, 26, kNoSlot, TermKind::kNone, "", true},

@@ -18,6 +18,7 @@ namespace xap {
 constexpr Xapian::valueno kAccessSlot = 0;      // EncodeAccessChain, for document lookups
 constexpr Xapian::valueno kRecordSlot = 1;      // EncodeRecordValue (xapian_record.h)
 constexpr Xapian::valueno kTextLayoutSlot = 2;  // EncodeChunkStarts of the text content
+constexpr Xapian::valueno kHitSlot = 3;         // EncodeHitValue, in a sharded index only
 
 constexpr char kIdPrefix[] = "Q";  // one unique term per document: its path
 constexpr char kDocIdPrefix[] = "XI";  // a shard's documents: DocIdTerm
@@ -27,7 +28,7 @@ constexpr char kRestrictionPrefix[] = "XR";
 // Bumped whenever what a document holds changes shape; an index of another
 // format is rebuilt by the indexer and refused by searches until then.
 constexpr char kFormatKey[] = "zarnelasticd.format";
-constexpr char kFormat[] = "4";
+constexpr char kFormat[] = "5";
 
 // A share's index directory holds a stub file naming the generation that
 // is current, "glass gen-N", and that generation's database in gen-N: a

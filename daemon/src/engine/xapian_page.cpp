@@ -74,9 +74,10 @@ std::map<Xapian::docid, std::string> LocalRecords(const Xapian::Database &db, st
 
 }  // namespace
 
-Page::Page(const Xapian::Database &db, size_t shards, bool remote, const SearchPlan &plan, bool records)
+Page::Page(const Xapian::Database &db, size_t shards, bool remote, const std::string &language, const SearchPlan &plan,
+           bool records)
     : enquire_(db) {
-    StemmerFor(LanguageOf(db), &stemmer);
+    StemmerFor(language, &stemmer);
     query = ParseQuery(plan.query, db, stemmer, plan.sort.empty());
     if (plan.reader != nullptr && plan.reader->uid != 0) {
         const Xapian::Query hidden = HiddenFrom(db, *plan.reader);
@@ -87,9 +88,12 @@ Page::Page(const Xapian::Database &db, size_t shards, bool remote, const SearchP
     const bool merge = remote && plan.sort.size() > 1;
     SetSortOrder(merge ? std::vector<SortKey>(1, plan.sort[0]) : plan.sort, &enquire_, &maker_);
     // Ties in relevance go by path.  Over the network each hit's sort key
-    // carries its record, which begins with the path; a local match reads
-    // the short path instead, and then only the page's records.
-    if (plan.sort.empty()) enquire_.set_sort_by_relevance_then_value(remote ? kRecordSlot : PathSlot(), false);
+    // carries its hit value, or its record when a hit needs more, both of
+    // which begin with the path; a local match reads the short path
+    // instead, and then only the page's records.
+    const bool whole_records = records && !HitCarriesAll(plan.fields);
+    if (plan.sort.empty())
+        enquire_.set_sort_by_relevance_then_value(!remote ? PathSlot() : whole_records ? kRecordSlot : kHitSlot, false);
     // Checking every document makes the count exact, not an estimate.  (No
     // match time limit: Xapian 1.4.22's timer may write into a match that
     // has returned.)

@@ -28,8 +28,10 @@ struct PageHit {
 class Page {
 public:
     // `db`: the whole index over `shards` databases; `remote`: one of them
-    // is served over the network.  `records`: every hit needs its record.
-    Page(const Xapian::Database &db, size_t shards, bool remote, const SearchPlan &plan, bool records);
+    // is served over the network; `language`: the index's (LanguageOf).
+    // `records`: every hit needs its record.
+    Page(const Xapian::Database &db, size_t shards, bool remote, const std::string &language, const SearchPlan &plan,
+         bool records);
 
     uint64_t total = 0;
     std::vector<PageHit> hits;

@@ -28,7 +28,16 @@ bool Carried(const FieldLayout &layout) { return layout.field != std::string(fie
 
 }  // namespace
 
-std::string EncodeRecordValue(const FileRecord &record) {
+namespace {
+
+// The fields of the hit value, beside the path.
+bool InHit(const char *name) {
+    return std::strcmp(name, field::kFSName) == 0 || std::strcmp(name, field::kExtension) == 0 ||
+           std::strcmp(name, field::kIsDir) == 0;
+}
+
+// The record's copy; `hit`: the hit value's fields only, no signature.
+std::string EncodeCopy(const FileRecord &record, bool hit) {
     std::string value = record.path;
     value.push_back('\0');
     size_t count = 0;
@@ -38,7 +47,7 @@ std::string EncodeRecordValue(const FileRecord &record) {
     char flags = 0;
     for (size_t i = 0; i < count; ++i) {
         const char *name = layouts[i].field;
-        if (!Carried(layouts[i]) || std::strcmp(name, field::kPath) == 0) {
+        if (!Carried(layouts[i]) || std::strcmp(name, field::kPath) == 0 || (hit && !InHit(name))) {
             omit |= uint64_t{1} << i;
             continue;
         }
@@ -53,9 +62,20 @@ std::string EncodeRecordValue(const FileRecord &record) {
         derive(field::kParent, folder, kParentIsFolder);
     }
     value.push_back(flags);
-    PutVarint(&value, record.signature.size());
-    value += record.signature;
+    PutVarint(&value, hit ? 0 : record.signature.size());
+    if (!hit) value += record.signature;
     return value + EncodeData(record.fields, omit);
+}
+
+}  // namespace
+
+std::string EncodeRecordValue(const FileRecord &record) { return EncodeCopy(record, false); }
+
+std::string EncodeHitValue(const FileRecord &record) { return EncodeCopy(record, true); }
+
+bool HitCarriesAll(const std::vector<std::string> &names) {
+    return std::all_of(names.begin(), names.end(),
+                       [](const std::string &name) { return name == field::kPath || InHit(name.c_str()); });
 }
 
 bool DecodeRecordValue(const std::string &value, std::string *path, std::string *signature, Json::Value *fields) {

@@ -28,6 +28,16 @@ std::string EncodeRecordValue(const FileRecord &record);
 // given, receives the carried fields.
 bool DecodeRecordValue(const std::string &value, std::string *path, std::string *signature, Json::Value *fields);
 
+// The record's copy cut to what a hit needs unless asked for more (path,
+// name, extension, folder or not), without the signature: DecodeRecordValue
+// reads it.  A match over shards breaks ties in relevance by it, and so
+// hands it over for each hit: a few dozen bytes to read for each candidate
+// where the record takes hundreds.
+std::string EncodeHitValue(const FileRecord &record);
+
+// Whether every one of `names` travels in the hit value.
+bool HitCarriesAll(const std::vector<std::string> &names);
+
 // Whether every one of `names` is a carried field.
 bool CarriesAll(const std::vector<std::string> &names);
 

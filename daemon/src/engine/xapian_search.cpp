@@ -21,6 +21,7 @@
 #include "xapian_page.h"
 #include "xapian_record.h"
 #include "xapian_shards.h"
+#include "xapian_terms.h"
 
 namespace zarnd {
 
@@ -60,6 +61,9 @@ struct OpenIndex {
     std::vector<std::string> copies;  // the copies of shards that serve it
     std::chrono::steady_clock::time_point opened = std::chrono::steady_clock::now();
     bool on_replica = false;  // a replica serves in place of its shard's first copy
+    // The index's language, read once: over the network each read is a
+    // round trip.
+    std::string language;
 
     xap::TextSource TextOf(Xapian::docid doc_id) const {
         size_t shard = 0;
@@ -130,6 +134,7 @@ std::unique_ptr<OpenIndex> OpenIndexOf(const std::string &dir, const EngineOptio
         index->remote = index->remote || shard.remote();
     }
     CheckShards(*index, layout);
+    index->language = xap::LanguageOf(index->db);
     return index;
 }
 
@@ -236,7 +241,7 @@ public:
         std::vector<Xapian::docid> sent;
         const bool carried = plan.highlight.empty() && xap::CarriesAll(plan.fields);
         Retry([&](const OpenIndex &index) {
-            const xap::Page page(index.db, index.shards.size(), index.remote, plan, carried);
+            const xap::Page page(index.db, index.shards.size(), index.remote, index.language, plan, carried);
             if (started && page.total != total) throw Failure(kInternal, "index changed during the search");
             if (!started) {
                 started = true;
@@ -260,7 +265,7 @@ public:
     uint64_t PageIds(const SearchPlan &plan, std::vector<uint32_t> *ids) override {
         uint64_t total = 0;
         Retry([&](const OpenIndex &index) {
-            const xap::Page page(index.db, index.shards.size(), index.remote, plan, false);
+            const xap::Page page(index.db, index.shards.size(), index.remote, index.language, plan, false);
             ids->clear();
             for (const xap::PageHit &hit : page.hits) ids->push_back(hit.id);
             total = page.total;

@@ -129,7 +129,7 @@ void DatabaseWriter::Finish() {
 DatabaseWriter::Change DatabaseWriter::MakeChange(Change::Kind kind, const FileRecord &record) {
     Change change{kind, IdTerm(record.path), record.path, {}, {}, 0};
     Guard([&] {
-        change.doc = BuildDocument(record, &generator_, stemmer_, &packer_, &change.chunks);
+        change.doc = BuildDocument(record, &generator_, stemmer_, &packer_, &change.chunks, shard_);
         // The generator holds on to its document; the writing thread must
         // own this one alone.
         generator_.set_document(Xapian::Document());

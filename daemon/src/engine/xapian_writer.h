@@ -29,8 +29,8 @@ public:
     // `name` names the database in messages; new documents take ids up to
     // `max_id`; `dir` is where it lies ("" when on another machine), for
     // free space and the tests' failpoints.  A shard's documents carry
-    // DocIdTerm (xapian_record.h), and its records are read by matches rather
-    // than walks over value streams.
+    // DocIdTerm and the hit value (xapian_record.h), and its records are read
+    // by matches rather than walks over value streams.
     DatabaseWriter(Xapian::WritableDatabase db, const std::string &name, Xapian::docid max_id, const std::string &dir,
                    bool shard = false);
     ~DatabaseWriter() override;
