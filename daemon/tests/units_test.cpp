@@ -75,18 +75,33 @@ TEST(DaemonUnits, PermissionFilterHidesExactlyWhatTheModeBitsHide) {
     }
     writer->Finish();
     const Credentials users[] = {{0, {}}, {1000, {100}}, {1001, {100, 1002}}, {1002, {}}, {4242, {}}, {4242, {100}}};
-    for (const Credentials &user : users) {
-        SearchPlan plan;
-        plan.size = 1000;
-        plan.reader = &user;
-        std::vector<uint32_t> found, expected;
-        const uint64_t total = OpenSearchIndex("/var/perm")->PageIds(plan, &found);
-        for (uint32_t id = 1; id <= chains.size(); ++id)
-            if (MayRead(user, chains[id - 1])) expected.push_back(id);
-        std::sort(found.begin(), found.end());
-        EXPECT_EQ(expected, found) << user.uid;
-        EXPECT_EQ(expected.size(), total) << user.uid;
+    const auto check = [&](const char *when) {
+        for (const Credentials &user : users) {
+            SearchPlan plan;
+            plan.size = 1000;
+            plan.reader = &user;
+            std::vector<uint32_t> found, expected;
+            const uint64_t total = OpenSearchIndex("/var/perm")->PageIds(plan, &found);
+            for (uint32_t id = 1; id <= chains.size(); ++id)
+                if (MayRead(user, chains[id - 1])) expected.push_back(id);
+            std::sort(found.begin(), found.end());
+            EXPECT_EQ(expected, found) << user.uid << " " << when;
+            EXPECT_EQ(expected.size(), total) << user.uid << " " << when;
+        }
+    };
+    check("at first");
+    // A commit that brings a restriction no document had: searches of the
+    // index that stayed open hide it at once.
+    writer.reset();
+    writer = OpenIndexWriter("/var/perm");
+    for (int n = 400; n < 410; ++n) {
+        FileRecord record;
+        record.fields["ZARNMDPath"] = record.path = "/s/" + std::to_string(n);
+        chains.push_back(record.access = EncodeAccessChain({{1003, 1003, 0100600}}));
+        writer->Put(record);
     }
+    writer->Finish();
+    check("after a commit");
 }
 
 TEST(DaemonUnits, NaturalSortKeys) {

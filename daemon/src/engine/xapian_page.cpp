@@ -22,11 +22,11 @@ namespace {
 // that the user does not pass.  Restrictions are few (owners, groups and
 // modes in use), so the filter is a short list of terms whose posting lists
 // do the work.  An empty query when nothing is hidden.
-Xapian::Query HiddenFrom(const Xapian::Database &db, const Credentials &user) {
+Xapian::Query HiddenFrom(const std::vector<std::string> &restrictions, const Credentials &user) {
     std::vector<std::string> hidden;
     Restriction restriction;
-    for (Xapian::TermIterator t = db.allterms_begin(kRestrictionPrefix); t != db.allterms_end(kRestrictionPrefix); ++t)
-        if (!ParseRestrictionTerm(*t, &restriction) || !Passes(user, restriction)) hidden.push_back(*t);
+    for (const std::string &term : restrictions)
+        if (!ParseRestrictionTerm(term, &restriction) || !Passes(user, restriction)) hidden.push_back(term);
     return Xapian::Query(Xapian::Query::OP_OR, hidden.begin(), hidden.end());
 }
 
@@ -74,13 +74,21 @@ std::map<Xapian::docid, std::string> LocalRecords(const Xapian::Database &db, st
 
 }  // namespace
 
-Page::Page(const Xapian::Database &db, size_t shards, bool remote, const std::string &language, const SearchPlan &plan,
+IndexFacts ReadIndexFacts(const Xapian::Database &db) {
+    IndexFacts facts;
+    facts.language = LanguageOf(db);
+    for (Xapian::TermIterator t = db.allterms_begin(kRestrictionPrefix); t != db.allterms_end(kRestrictionPrefix); ++t)
+        facts.restrictions.push_back(*t);
+    return facts;
+}
+
+Page::Page(const Xapian::Database &db, size_t shards, bool remote, const IndexFacts &facts, const SearchPlan &plan,
            bool records)
     : enquire_(db) {
-    StemmerFor(language, &stemmer);
+    StemmerFor(facts.language, &stemmer);
     query = ParseQuery(plan.query, db, stemmer, plan.sort.empty());
     if (plan.reader != nullptr && plan.reader->uid != 0) {
-        const Xapian::Query hidden = HiddenFrom(db, *plan.reader);
+        const Xapian::Query hidden = HiddenFrom(facts.restrictions, *plan.reader);
         if (!hidden.empty()) query = Xapian::Query(Xapian::Query::OP_AND_NOT, query, hidden);
     }
     enquire_.set_query(query);
@@ -110,7 +118,8 @@ Page::Page(const Xapian::Database &db, size_t shards, bool remote, const std::st
         hits.push_back({*it, plan.sort.empty() && remote ? it.get_sort_key() : std::string()});
     if (!records || (remote && plan.sort.empty())) return;
     std::vector<Xapian::docid> ids(mset.begin(), mset.end());
-    std::map<Xapian::docid, std::string> found = remote ? RecordsOf(db, shards, ids) : LocalRecords(db, std::move(ids));
+    std::map<Xapian::docid, std::string> found = remote ? RecordsOf(db, shards, ids, whole_records ? kRecordSlot : kHitSlot)
+                                                        : LocalRecords(db, std::move(ids));
     for (PageHit &hit : hits) hit.record = std::move(found[hit.id]);
 }
 
@@ -128,7 +137,7 @@ void Page::Merge(const Xapian::Database &db, size_t shards, const SearchPlan &pl
             candidates.push_back({*it, it.get_weight(), std::string(), std::string()});
             ids.push_back(*it);
         }
-    std::map<Xapian::docid, std::string> found = RecordsOf(db, shards, ids);
+    std::map<Xapian::docid, std::string> found = RecordsOf(db, shards, ids, kRecordSlot);
     for (Candidate &candidate : candidates) candidate.record = std::move(found[candidate.id]);
     if (full) {
         Xapian::Enquire tied(db);
@@ -156,7 +165,7 @@ void Page::Merge(const Xapian::Database &db, size_t shards, const SearchPlan &pl
 }
 
 std::map<Xapian::docid, std::string> RecordsOf(const Xapian::Database &db, size_t shards,
-                                               const std::vector<Xapian::docid> &ids) {
+                                               const std::vector<Xapian::docid> &ids, Xapian::valueno slot) {
     std::vector<std::string> terms;
     for (Xapian::docid id : ids) {
         size_t shard = 0;
@@ -171,7 +180,7 @@ std::map<Xapian::docid, std::string> RecordsOf(const Xapian::Database &db, size_
     Xapian::Enquire enquire(db);
     enquire.set_query(Xapian::Query(Xapian::Query::OP_OR, terms.begin(), terms.end()));
     enquire.set_weighting_scheme(Xapian::BoolWeight());
-    enquire.set_sort_by_value(kRecordSlot, false);
+    enquire.set_sort_by_value(slot, false);
     // Each shard may hold every one of the ids.
     const Xapian::MSet found = enquire.get_mset(0, static_cast<Xapian::doccount>(terms.size() * shards));
     for (Xapian::MSetIterator it = found.begin(); it != found.end(); ++it) records[*it] = it.get_sort_key();

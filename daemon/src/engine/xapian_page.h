@@ -25,12 +25,21 @@ struct PageHit {
     std::string record;  // "" when the match did not hand it over
 };
 
+// What searches read of an index once per opening, and again only when a
+// commit may have changed it, rather than once per search: over the network
+// each read is a round trip to every shard.
+struct IndexFacts {
+    std::string language;                   // LanguageOf
+    std::vector<std::string> restrictions;  // every restriction term of the index
+};
+IndexFacts ReadIndexFacts(const Xapian::Database &db);
+
 class Page {
 public:
     // `db`: the whole index over `shards` databases; `remote`: one of them
-    // is served over the network; `language`: the index's (LanguageOf).
+    // is served over the network; `facts`: the index's, as they are now.
     // `records`: every hit needs its record.
-    Page(const Xapian::Database &db, size_t shards, bool remote, const std::string &language, const SearchPlan &plan,
+    Page(const Xapian::Database &db, size_t shards, bool remote, const IndexFacts &facts, const SearchPlan &plan,
          bool records);
 
     uint64_t total = 0;
@@ -47,9 +56,9 @@ private:
 };
 
 // The records of documents `ids` of `db` over `shards` databases, by id,
-// from one match: their documents would take a message each.
+// from one match: their documents would take a message each.  `slot`: kRecordSlot, or kHitSlot for their hit values.
 std::map<Xapian::docid, std::string> RecordsOf(const Xapian::Database &db, size_t shards,
-                                               const std::vector<Xapian::docid> &ids);
+                                               const std::vector<Xapian::docid> &ids, Xapian::valueno slot);
 
 }  // namespace xap
 }  // namespace zarnd

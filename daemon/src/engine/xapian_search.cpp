@@ -21,7 +21,6 @@
 #include "xapian_page.h"
 #include "xapian_record.h"
 #include "xapian_shards.h"
-#include "xapian_terms.h"
 
 namespace zarnd {
 
@@ -61,9 +60,7 @@ struct OpenIndex {
     std::vector<std::string> copies;  // the copies of shards that serve it
     std::chrono::steady_clock::time_point opened = std::chrono::steady_clock::now();
     bool on_replica = false;  // a replica serves in place of its shard's first copy
-    // The index's language, read once: over the network each read is a
-    // round trip.
-    std::string language;
+    xap::IndexFacts facts;
 
     xap::TextSource TextOf(Xapian::docid doc_id) const {
         size_t shard = 0;
@@ -134,7 +131,7 @@ std::unique_ptr<OpenIndex> OpenIndexOf(const std::string &dir, const EngineOptio
         index->remote = index->remote || shard.remote();
     }
     CheckShards(*index, layout);
-    index->language = xap::LanguageOf(index->db);
+    index->facts = xap::ReadIndexFacts(index->db);
     return index;
 }
 
@@ -164,7 +161,7 @@ public:
         }
         if (index && index->Current() && !Stale(*index)) {
             try {
-                index->db.reopen();
+                if (index->db.reopen()) index->facts = xap::ReadIndexFacts(index->db);
                 return index;
             } catch (const Xapian::NetworkTimeoutError &e) {
                 // A copy that does not answer: no second wait for it in this
@@ -241,7 +238,7 @@ public:
         std::vector<Xapian::docid> sent;
         const bool carried = plan.highlight.empty() && xap::CarriesAll(plan.fields);
         Retry([&](const OpenIndex &index) {
-            const xap::Page page(index.db, index.shards.size(), index.remote, index.language, plan, carried);
+            const xap::Page page(index.db, index.shards.size(), index.remote, index.facts, plan, carried);
             if (started && page.total != total) throw Failure(kInternal, "index changed during the search");
             if (!started) {
                 started = true;
@@ -265,7 +262,7 @@ public:
     uint64_t PageIds(const SearchPlan &plan, std::vector<uint32_t> *ids) override {
         uint64_t total = 0;
         Retry([&](const OpenIndex &index) {
-            const xap::Page page(index.db, index.shards.size(), index.remote, index.language, plan, false);
+            const xap::Page page(index.db, index.shards.size(), index.remote, index.facts, plan, false);
             ids->clear();
             for (const xap::PageHit &hit : page.hits) ids->push_back(hit.id);
             total = page.total;
