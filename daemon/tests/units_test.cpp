@@ -104,6 +104,19 @@ TEST(DaemonUnits, PermissionFilterHidesExactlyWhatTheModeBitsHide) {
     check("after a commit");
 }
 
+// A value slot holds one field's values: a field whose slot another fills
+// would sort and range over that one's values where its own are missing.
+TEST(DaemonUnits, EveryFieldKeepsSlotsOfItsOwn) {
+    std::set<Xapian::valueno> used = {xap::kAccessSlot, xap::kRecordSlot, xap::kTextLayoutSlot, xap::kHitSlot};
+    size_t count = 0;
+    const xap::FieldLayout *layouts = xap::FieldLayouts(&count);
+    for (size_t i = 0; i < count; ++i)
+        for (const Xapian::valueno slot : {layouts[i].slot, layouts[i].natural_slot})
+            if (slot != Xapian::BAD_VALUENO) {
+                EXPECT_TRUE(used.insert(slot).second) << layouts[i].field << " " << slot;
+            }
+}
+
 TEST(DaemonUnits, NaturalSortKeys) {
     const std::vector<std::string> natural = {"", "a", "File1", "file2", "file10", "file10b", "file010c", "file99z",
                                               "file100", "filea", "x2y3", "x2y10", "x10"};
