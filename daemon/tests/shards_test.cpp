@@ -180,10 +180,14 @@ struct Case {
     bool ordered;  // hits in one order (relevance ties go by path); otherwise as a set
 };
 
-// `carried`: only the fields that the library asks for by default, which
-// hits carry in the match reply; otherwise more fields and a highlight,
-// read from each hit's document.
-Json::Value Request(const std::string &share, const Case &c, unsigned uid, bool carried = false) {
+// What a search asks for: fields and a highlight read from each hit's
+// document; only the fields that the library asks for by default, which
+// hits carry in the match reply; those and more fields that the record
+// carries, the match reply then carrying the records.
+enum Asked { kRead, kDefault, kCarried };
+
+Json::Value Request(const std::string &share, const Case &c, unsigned uid, Asked asked = kRead) {
+    const bool carried = asked != kRead;
     Json::Value request;
     request["command"] = "search";
     Json::Value &data = request["data"];
@@ -199,6 +203,8 @@ Json::Value Request(const std::string &share, const Case &c, unsigned uid, bool 
         if (!carried) data["fields"].append(field);
     for (const char *field : {"ZARNMDPath", "ZARNMDFSName", "ZARNMDExtension", "ZARNMDIsDir"})
         if (carried) data["fields"].append(field);
+    for (const char *field : {"ZARNMDFSSize", "ZARNMDOwnerUserID"})
+        if (asked == kCarried) data["fields"].append(field);
     for (const Sort &key : c.sort) {
         // Ties on the keys are compared in one order (Answer).
         if (carried) data["fields"].append(key.field);
@@ -223,9 +229,9 @@ std::string Comparable(Json::Value hit, const std::string &share) {
 }
 
 // The hits in order; where they tie on their sort keys, in one fixed order.
-std::vector<std::string> Answer(const std::string &share, const Case &c, unsigned uid, bool carried, int64_t *total) {
+std::vector<std::string> Answer(const std::string &share, const Case &c, unsigned uid, Asked asked, int64_t *total) {
     std::vector<std::pair<std::string, std::string>> hits;  // sort values, hit
-    for (const Json::Value &hit : Hits(Request(share, c, uid, carried), total)) {
+    for (const Json::Value &hit : Hits(Request(share, c, uid, asked), total)) {
         std::string values;
         for (const Sort &key : c.sort) values += zarn::json::ToString(hit[key.field]) + "|";
         hits.emplace_back(values, Comparable(hit, share));
@@ -272,12 +278,12 @@ TEST_F(ShardedIndex, AnswersAsOneLocalDatabase) {
         const std::vector<unsigned> uids = replicas ? std::vector<unsigned>{0u} : std::vector<unsigned>{0u, kStranger};
         for (const Case &c : cases)
             for (unsigned uid : uids)
-                for (bool carried : {false, true}) {
+                for (Asked asked : {kRead, kDefault, kCarried}) {
                     int64_t local_total = -1, sharded_total = -2;
-                    const auto local = Answer("local", c, uid, carried, &local_total);
+                    const auto local = Answer("local", c, uid, asked, &local_total);
                     EXPECT_FALSE(local.empty()) << c.query;
-                    EXPECT_EQ(local, Answer("sharded", c, uid, carried, &sharded_total))
-                        << c.query << " from " << c.from << " as " << uid << (carried ? ", carried fields" : "")
+                    EXPECT_EQ(local, Answer("sharded", c, uid, asked, &sharded_total))
+                        << c.query << " from " << c.from << " as " << uid << ", fields asked: " << asked
                         << " from the " << copies;
                     EXPECT_EQ(local_total, sharded_total) << c.query << " as " << uid;
                 }

@@ -492,6 +492,34 @@ TEST(DaemonUnits, WatcherTurnsEventsIntoStalePaths) {
     close(fd);
 }
 
+// A run that changes nothing leaves no revision behind (a shard's replicas
+// would fetch it), and one change makes one revision: on a local index and
+// on each shard of a layout.
+TEST(DaemonUnits, AWriterCommitsOnlyChanges) {
+    const struct {
+        const char *dir;
+        std::vector<std::string> shards;
+        const char *looked_at;  // the database whose revisions are counted
+    } layouts[] = {{"/var/rev", {}, "/var/rev"}, {"/var/revs", {"/var/rev1", "/var/rev2"}, "/var/rev1"}};
+    for (const auto &layout : layouts) {
+        const auto run = [&](int from, int to) {
+            std::unique_ptr<IndexWriter> writer = OpenIndexWriter(layout.dir, EngineOptions(), layout.shards);
+            for (int n = from; n < to; ++n) {
+                FileRecord record;
+                record.fields["ZARNMDPath"] = record.path = "/s/" + std::to_string(n);
+                writer->Put(record);
+            }
+            writer->Commit();
+            writer->Finish();
+            return Xapian::Database(layout.looked_at).get_revision();
+        };
+        const Xapian::rev first = run(0, 20);
+        EXPECT_EQ(first, run(0, 0)) << layout.dir;
+        EXPECT_EQ(first, run(0, 0)) << layout.dir;
+        EXPECT_EQ(first + 1, run(20, 21)) << layout.dir;  // too few changes for a rewrite
+    }
+}
+
 // The record copy that hits carry, and the reads of signatures that a
 // rescan of a shard makes by matches: every record once, a subtree without
 // its siblings, however the pages fall.

@@ -127,7 +127,9 @@ unsigned GenerationToWrite(const std::string &dir) {
 Xapian::WritableDatabase OpenGeneration(const std::string &dir, unsigned generation, xap::WriterLock &lock) {
     if (CurrentGeneration(dir) == generation) {
         Xapian::WritableDatabase db(GenerationDir(dir, generation), Xapian::DB_CREATE_OR_OPEN);
-        db.set_metadata(xap::kFormatKey, xap::kFormat);  // an empty one may lack it
+        // An empty one may lack it; written only then, as each write is a
+        // commit.
+        if (db.get_metadata(xap::kFormatKey) != xap::kFormat) db.set_metadata(xap::kFormatKey, xap::kFormat);
         return db;
     }
     Xapian::WritableDatabase db(GenerationDir(dir, generation), Xapian::DB_CREATE_OR_OVERWRITE);

@@ -70,8 +70,10 @@ std::unique_ptr<DatabaseWriter> OpenShardWriter(const std::vector<Shard> &shards
         if (db.get_doccount() > 0 && (mark != expected || db.get_metadata(kFormatKey) != kFormat))
             throw Failure(kInternal, "shard " + shard.Name() + " holds another index (shard \"" + mark +
                                          "\", expected \"" + expected + "\"): empty it, or list the shards in the order they were first given");
-        db.set_metadata(kShardKey, expected);
-        db.set_metadata(kFormatKey, kFormat);
+        // Written only when missing: each write is a commit, hence one more
+        // changeset for the shard's replicas to fetch.
+        if (mark != expected) db.set_metadata(kShardKey, expected);
+        if (db.get_metadata(kFormatKey) != kFormat) db.set_metadata(kFormatKey, kFormat);
         return std::unique_ptr<DatabaseWriter>(new DatabaseWriter(db, "shard " + shard.Name(), MaxLocalId(k, shards.size()),
                                                                 shard.remote() ? std::string() : shard.path, true));
     } catch (const Xapian::DatabaseLockError &) {
