@@ -215,6 +215,24 @@ TEST_F(Media, HostileFilesCostTheirOwnContentOnly) {
     EXPECT_EQ(Names({"clip.bin"}), Paths("ZARNMDMediaTypes:video granite"));
 }
 
+// Without the video worker program, videos lose their content, and only
+// they: the worker that gave a video away reads the next song.
+TEST_F(Media, WithoutTheVideoWorkerOnlyVideosLoseTheirContent) {
+    const std::string daemon = ZARNELASTICD;
+    const std::string worker = daemon.substr(0, daemon.rfind('/') + 1) + "zarnelasticd-extract";
+    ASSERT_EQ(0, Shell("mkdir -p /var/bin && cp " + daemon + " " + worker + " /var/bin/").status);
+    for (const char *name : {"a.mp4", "c.mp4"}) ASSERT_TRUE(zarnbench::CopyFile(Base("mp4"), Path(name)));
+    ASSERT_TRUE(zarnbench::CopyFile(Base("mp3"), Path("b.mp3")));
+    const Result run = Shell("/var/bin/zarnelasticd index --extract-timeout 5 --extract-workers 1");
+    ASSERT_EQ(0, run.status) << run.err;
+    EXPECT_NE(std::string::npos, run.out.find(" 2 contents not read")) << run.out << run.err;
+    const std::string why = " not read: cannot start /var/bin/zarnelasticd-extract-video: ";
+    for (const char *name : {"a.mp4", "c.mp4"})
+        EXPECT_NE(std::string::npos, run.err.find(std::string("content of /media/") + name + why)) << run.err;
+    Start();
+    EXPECT_EQ(Names({"b.mp3"}), Paths("ZARNMDMediaTypes:sound"));
+}
+
 // Where a file's name and first bytes agree, the worker names its kind
 // without libmagic: as libmagic names it, and never for bytes that belong
 // to another kind than the name says.

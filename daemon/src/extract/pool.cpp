@@ -128,6 +128,8 @@ void Pool::Send(Worker *worker, Job job) {
     if (worker->pid <= 0 && !Spawn(worker, &outcome.reason)) {
         outcome.failed = true;
         Finish(job, std::move(outcome));
+        // Without a video worker the first one reads the other kinds still.
+        worker->video = false;
         return;
     }
     if (worker->sent.empty()) worker->started = Clock::now();
