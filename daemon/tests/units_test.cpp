@@ -575,6 +575,48 @@ TEST(DaemonUnits, RecordCopiesDecodeAndShardsReadSignaturesByMatches) {
             << page;
 }
 
+// A shard of an older format is emptied, text and all, and written anew in
+// this one, as a local index of an older format is rebuilt; a shard of
+// another layout is still refused.
+TEST(DaemonUnits, AShardOfAnOlderFormatIsRebuiltFromNothing) {
+    const std::vector<std::string> shards = {"/var/old1", "/var/old2"};
+    std::vector<std::string> paths[2];
+    const auto write = [&](int from, int to) {
+        std::unique_ptr<IndexWriter> writer = OpenIndexWriter("/var/old", EngineOptions(), shards);
+        for (int n = from; n < to; ++n) {
+            FileRecord record;
+            record.fields["ZARNMDPath"] = record.path = "/s/" + std::to_string(n);
+            record.fields["ZARNMDTextContent"] = "words of " + record.path;
+            paths[xap::ShardOfPath(record.path, 2)].push_back(record.path);
+            writer->Put(record);
+        }
+        writer->Finish();
+    };
+    const auto chunks = [](const std::string &shard) {
+        const Xapian::Database db(shard);
+        return static_cast<size_t>(std::distance(db.metadata_keys_begin("t"), db.metadata_keys_end("t")));
+    };
+    write(0, 20);
+    ASSERT_FALSE(paths[0].empty() || paths[1].empty());
+    ASSERT_EQ(paths[0].size(), chunks("/var/old1"));
+    Xapian::WritableDatabase("/var/old1", Xapian::DB_OPEN).set_metadata(xap::kFormatKey, "4");
+    paths[0].clear();
+    write(20, 30);
+    EXPECT_EQ(paths[0].size(), Xapian::Database("/var/old1").get_doccount());
+    EXPECT_EQ(paths[0].size(), chunks("/var/old1"));
+    EXPECT_EQ(paths[1].size(), Xapian::Database("/var/old2").get_doccount());
+    EXPECT_EQ(xap::kFormat, Xapian::Database("/var/old1").get_metadata(xap::kFormatKey));
+    SearchPlan plan;
+    plan.size = 100;
+    std::vector<uint32_t> ids;
+    EXPECT_EQ(paths[0].size() + paths[1].size(), OpenSearchIndex("/var/old")->PageIds(plan, &ids));
+    try {
+        OpenIndexWriter("/var/old", EngineOptions(), {"/var/old2", "/var/old1"});
+        ADD_FAILURE() << "shards taken in another order";
+    } catch (const Failure &failure) {
+        EXPECT_NE(std::string::npos, std::string(failure.what()).find("holds another index")) << failure.what();
+    }
+}
+
 }  // namespace
 }  // namespace zarnd
-

@@ -2,6 +2,7 @@
 // own writing thread, and every document sent to the shard of its path.
 #include "engine.h"
 #include "failure.h"
+#include "log.h"
 #include "xapian_layout.h"
 #include "xapian_open.h"
 #include "xapian_shards.h"
@@ -59,6 +60,18 @@ private:
     std::vector<std::unique_ptr<DatabaseWriter>> shards_;
 };
 
+// Every document of `db` and what is kept beside them (text chunks), so
+// that a shard of an older format is rebuilt from nothing, as a local index
+// is.  One message per document over the network: once per format change.
+void Empty(Xapian::WritableDatabase *db) {
+    std::vector<Xapian::docid> ids(db->postlist_begin(std::string()), db->postlist_end(std::string()));
+    for (Xapian::docid id : ids) db->delete_document(id);
+    const std::string chunks = TextChunkKey(0, 0).substr(0, 1);
+    std::vector<std::string> keys(db->metadata_keys_begin(chunks), db->metadata_keys_end(chunks));
+    for (const std::string &key : keys) db->set_metadata(key, std::string());
+    db->commit();
+}
+
 // Opens shard `k` of `shards` for writing, and checks that it holds nothing
 // or this layout's shard k: a document in the wrong shard would never be
 // found again by its path, and its id would collide with another's.
@@ -67,9 +80,13 @@ std::unique_ptr<DatabaseWriter> OpenShardWriter(const std::vector<Shard> &shards
     try {
         Xapian::WritableDatabase db = OpenShardForWriting(shard, options.shard_timeout_ms);
         const std::string mark = db.get_metadata(kShardKey), expected = ShardMark(k, shards.size());
-        if (db.get_doccount() > 0 && (mark != expected || db.get_metadata(kFormatKey) != kFormat))
+        if (db.get_doccount() > 0 && mark != expected)
             throw Failure(kInternal, "shard " + shard.Name() + " holds another index (shard \"" + mark +
                                          "\", expected \"" + expected + "\"): empty it, or list the shards in the order they were first given");
+        if (db.get_doccount() > 0 && db.get_metadata(kFormatKey) != kFormat) {
+            ZARN_LOG(LOG_NOTICE, "shard %s has an older format: rebuilding it", shard.Name().c_str());
+            Empty(&db);
+        }
         // Written only when missing: each write is a commit, hence one more
         // changeset for the shard's replicas to fetch.
         if (mark != expected) db.set_metadata(kShardKey, expected);
