@@ -594,7 +594,7 @@ TEST(DaemonUnits, AShardOfAnOlderFormatIsRebuiltFromNothing) {
     };
     const auto chunks = [](const std::string &shard) {
         const Xapian::Database db(shard);
-        return static_cast<size_t>(std::distance(db.metadata_keys_begin("t"), db.metadata_keys_end("t")));
+        return static_cast<size_t>(std::distance(db.metadata_keys_begin(xap::kTextChunkPrefix), db.metadata_keys_end(xap::kTextChunkPrefix)));
     };
     write(0, 20);
     ASSERT_FALSE(paths[0].empty() || paths[1].empty());

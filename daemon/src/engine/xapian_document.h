@@ -34,11 +34,11 @@ Xapian::Document SortValues(const Json::Value &fields);
 // text content left out) as compact bytes, and back; false for bytes that
 // EncodeData did not make.  Bit i of `omit` leaves out layout i's field.
 std::string EncodeData(const Json::Value &fields, uint64_t omit = 0);
+bool DecodeData(const std::string &data, Json::Value *fields);
 
 // The member `name` of the object `fields`, or a null value: no copy, unlike
 // Json::Value::get.
 const Json::Value &FieldOf(const Json::Value &fields, const char *name);
-bool DecodeData(const std::string &data, Json::Value *fields);
 
 // The unique term that names the document of `path`.
 std::string IdTerm(const std::string &path);

@@ -124,7 +124,7 @@ bool ParseRestrictionTerm(const std::string &term, Restriction *restriction) {
 }
 
 std::string TextChunkKey(Xapian::docid doc_id, unsigned chunk) {
-    std::string key = "t";
+    std::string key = kTextChunkPrefix;
     for (int shift = 24; shift >= 0; shift -= 8) key.push_back(static_cast<char>(doc_id >> shift));
     key.push_back(static_cast<char>(chunk >> 8));
     key.push_back(static_cast<char>(chunk));

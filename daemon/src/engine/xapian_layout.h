@@ -84,6 +84,8 @@ bool ParseRestrictionTerm(const std::string &term, Restriction *restriction);
 
 // The metadata key of chunk `chunk` of the text content of document `doc_id`.
 std::string TextChunkKey(Xapian::docid doc_id, unsigned chunk);
+// What every TextChunkKey begins with.
+constexpr char kTextChunkPrefix[] = "t";
 
 }  // namespace xap
 }  // namespace zarnd

@@ -56,7 +56,8 @@ private:
 };
 
 // The records of documents `ids` of `db` over `shards` databases, by id,
-// from one match: their documents would take a message each.  `slot`: kRecordSlot, or kHitSlot for their hit values.
+// from one match: their documents would take a message each.  `slot`:
+// kRecordSlot, or kHitSlot for their hit values.
 std::map<Xapian::docid, std::string> RecordsOf(const Xapian::Database &db, size_t shards,
                                                const std::vector<Xapian::docid> &ids, Xapian::valueno slot);
 

@@ -24,11 +24,7 @@ std::string Folder(const std::string &path) { return path.substr(0, path.rfind('
 // chunks of its own), so that a sort on several keys can be finished here
 // (MergeSortedPages) and a document lookup finds fields that sort on
 // nothing (keywords, descriptions, comments) too.
-bool Carried(const FieldLayout &layout) { return layout.field != std::string(field::kTextContent); }
-
-}  // namespace
-
-namespace {
+bool Carried(const FieldLayout &layout) { return std::strcmp(layout.field, field::kTextContent) != 0; }
 
 // The fields of the hit value, beside the path.
 bool InHit(const char *name) {

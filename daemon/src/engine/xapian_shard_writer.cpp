@@ -66,8 +66,7 @@ private:
 void Empty(Xapian::WritableDatabase *db) {
     std::vector<Xapian::docid> ids(db->postlist_begin(std::string()), db->postlist_end(std::string()));
     for (Xapian::docid id : ids) db->delete_document(id);
-    const std::string chunks = TextChunkKey(0, 0).substr(0, 1);
-    std::vector<std::string> keys(db->metadata_keys_begin(chunks), db->metadata_keys_end(chunks));
+    std::vector<std::string> keys(db->metadata_keys_begin(kTextChunkPrefix), db->metadata_keys_end(kTextChunkPrefix));
     for (const std::string &key : keys) db->set_metadata(key, std::string());
     db->commit();
 }
